@@ -1,0 +1,2 @@
+// What libpolicyloader.so exports.
+#include <eFabric/Policy.h>

@@ -1,0 +1,7 @@
+#include <velt/Version.h>
+
+namespace VELT {
+
+char const* Version() { return VELT_VERSION; }
+
+}  // namespace VELT
