@@ -1,0 +1,45 @@
+// EngineHost: the scan engines of this process: their databases, their information and the maker of scan threads.
+// Owner: the policy loader, one for the process, for ever.  Threads: initialise from one thread before any other call;
+// after it every call from any thread.  Failure: initialise answers false and fills the ErrorState; createScanThread
+// answers null.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <eFabric/Policy.h>
+
+namespace policyloader {
+class ErrorState;
+class SettingsView;
+
+class SignatureDatabase;
+class ContentCache;
+
+class EngineHost {
+public:
+    EngineHost();
+    ~EngineHost();
+    EngineHost(EngineHost const&) = delete;
+    EngineHost& operator=(EngineHost const&) = delete;
+
+    // Reads "signatures.db" of the folder; without the file the built-in test signature alone is searched for.
+    // A malformed line is an error with file, line and column, and the engines then stay without a database.
+    bool initialise(std::string const& avDirectory, ErrorState& error);
+
+    int countEngines() const;
+    IKORPropertyBag const* engineInformation(int index) const;  // "EngineType", "Version", "Definitions"; null beyond
+
+    // The settings outlive the scan thread; who gets the scan thread ends it with Release().
+    IScanThread* createScanThread(SettingsView const& settings, InternedString policy);
+
+private:
+    // Set by initialise, then read without lock.
+    std::shared_ptr<SignatureDatabase const> m_signatures;
+    std::vector<std::unique_ptr<KORPropertyBag>> m_information;
+    // Guards itself.
+    std::shared_ptr<ContentCache> m_contentCache;
+};
+
+}  // namespace policyloader
