@@ -1,49 +1,36 @@
 // The framework behind libpolicyloader.so: the store of settings, scan threads and scan objects.
+// Owner: the process has one loader, which lives until the process ends; so does every value and text it gives.
+// Threads: the loader serves any thread and reads take no lock. A scan thread object and its scan objects belong to one
+// thread. Failure: null or false, with the reason in the object's last error.
 #pragma once
 
 #include <ctime>
 #include <string>
 
 #include <Export.h>
+#include <eFabric/Error.h>
 #include <eFabric/Interned.h>
 #include <eFabric/Property.h>
 #include <eFabric/Result.h>
+#include <eFabric/ScanTime.h>
+#include <eFabric/Transport.h>
 
 namespace eFabric {
-enum RecommendedBaseType { Base_Byte = 0, Base_Wide = 1, Base_Text = 2, Base_None = 3 };
-class IStreamTransport {
-public:
-    virtual ~IStreamTransport() = default;
-    virtual bool get(unsigned char&) = 0;
-    virtual bool put(unsigned char) = 0;
-    virtual unsigned long read(unsigned char*, unsigned long) = 0;
-    virtual unsigned long write(unsigned char const*, unsigned long) = 0;
-    virtual bool close() = 0;
-    virtual bool CanSeekTell() = 0;
-    virtual bool CanReportLength() = 0;
-    virtual bool seek(unsigned long) = 0;
-    virtual unsigned long tell() = 0;
-    virtual unsigned long size() = 0;
-    virtual bool seteof() = 0;
-    virtual bool setsize(unsigned long) = 0;
-    virtual bool reserve(unsigned long) { return true; }
-    virtual void SetRecommendedBase(RecommendedBaseType) = 0;
-    virtual RecommendedBaseType GetRecommendedBase() = 0;
-    virtual bool IsReadOnly() = 0;
-    virtual bool IsModified() = 0;
-    virtual void SetReadOnly(bool) = 0;
-    virtual unsigned long CopyData(IStreamTransport& to, unsigned long limit);  // the platform's own, 64 KiB blocks
-    virtual IKORPropertyBag* GetPropertyBag() = 0;
-};
+
+// Where the framework finds its files: paths as the process is to open them.
 struct eConfig {
     std::wstring plugin_dir, product_config, rules, av_dat, av_lib, scan_dir;
 };
+
 struct ProductAlertValue {
     wchar_t const* body;
     wchar_t const* header;
     wchar_t const* footer;
 };
-class IProductValue {
+
+// A setting's value. The getters answer false, and leave the target alone, when the value has no such form.
+// A scalar asked as a list is a list of one element, itself; a list has no scalar form.
+class VELTPLATFORM_API IProductValue {
 public:
     virtual unsigned size() const = 0;
     virtual IProductValue const* at(unsigned) const = 0;
@@ -56,7 +43,8 @@ public:
 protected:
     ~IProductValue() = default;
 };
-class IIdentityList {
+
+class VELTPLATFORM_API IIdentityList {
 public:
     virtual unsigned size() const = 0;
     virtual InternedString at(unsigned) const = 0;
@@ -64,8 +52,10 @@ public:
 protected:
     ~IIdentityList() = default;
 };
+
 }  // namespace eFabric
-class IScanObject {
+
+class VELTPLATFORM_API IScanObject {
 public:
     virtual void Release() = 0;
     virtual IScanResultHandler const* Scan(eFabric::IStreamTransport* out, ScanTime*) = 0;
@@ -74,7 +64,8 @@ public:
 protected:
     ~IScanObject() = default;
 };
-class IScanThread {
+
+class VELTPLATFORM_API IScanThread {
 public:
     virtual void Release() = 0;
     virtual IScanObject* NewScanObject(eFabric::IStreamTransport&, InternedString identity) = 0;
@@ -86,8 +77,13 @@ public:
 protected:
     ~IScanThread() = default;
 };
+
 namespace eFabric {
-class IPolicyLoader {
+
+// `status` may be null; it is set to 0 when there is an answer and to 1 when there is none.
+// compareActions: 0 equal, 1 the first is weaker, 2 the first is stronger, -1 one of them is unknown to the policy.
+// `when` is the time for which the value is asked, in seconds since the epoch; 0 is now.
+class VELTPLATFORM_API IPolicyLoader {
 public:
     virtual bool initialise(eConfig&, int, KORPropertyBag*) = 0;
     virtual IScanThread* createScanThread(InternedString policy) = 0;
@@ -105,6 +101,10 @@ public:
 protected:
     ~IPolicyLoader() = default;
 };
+
 }  // namespace eFabric
-extern "C" eFabric::IPolicyLoader* CreatePolicyLoader(int, int);
-extern "C" void ShutdownPolicyLoader();
+
+// The process's single loader, made at the first call. The numbers are the interface's version and flavour, 3 and 1.
+extern "C" VELTPLATFORM_API eFabric::IPolicyLoader* CreatePolicyLoader(int api, int flavour);
+// Stops the engines; safe without a loader and when called twice.
+extern "C" VELTPLATFORM_API void ShutdownPolicyLoader();

@@ -1,4 +1,10 @@
 // Property bags: the typed name/value records that pass between a host, the library and the scan engines.
+// A property has one type and any number of elements of it; text has a narrow (UTF-8) and a wide form.
+// Owner: a bag owns its properties, a property owns the bags that are its values. Pointers to a property stay good
+// until it is deleted, or its bag is cleared, assigned to or destroyed. Threads: one at a time; reading from several is
+// safe while nobody writes, as every view is made when the value is set. Failure: nothing here throws but
+// std::bad_alloc. Getters answer false or null for another type, or beyond the count. `GetProperty(0)` and
+// `DeleteProperty(0)` are ambiguous (index or null name): write `0L`.
 #pragma once
 
 #include <memory>
@@ -7,17 +13,23 @@
 
 enum class KORPropChange { Added, Changed, Deleted, Cleared };
 enum KORPropType : int {
-    KORProp_None = 0,
+    KORProp_None = 0,  // made, nothing set yet
     KORProp_String = 1,
     KORProp_Long = 2,
     KORProp_ULong = 3,
     KORProp_Double = 4,
     KORProp_Bag = 5
 };
+
 class IKORPropertyBag;
-class IKORProperty {
+
+// Set...: replaces all elements by this one and sets the type. Add...: appends; on another type it empties first.
+// A null text counts as the empty one. SetBag and AddBag take the bag over; null makes an empty bag.
+// Get... reads the first element, Get...At the element of that index.
+// GetNarrow and GetWide give the decimal text of a number; returned texts live as long as the element.
+class VELTPLATFORM_API IKORProperty {
 public:
-    virtual int GetType() const = 0;
+    virtual int GetType() const = 0;  // a KORPropType
     virtual bool SetDouble(double) = 0;
     virtual bool SetULong(unsigned long) = 0;
     virtual bool SetWide(wchar_t const*) = 0;
@@ -46,11 +58,15 @@ public:
     virtual bool AddNarrow(char const*) = 0;
     virtual ~IKORProperty() = default;
 };
-class IKORPropertyBag {
+
+class VELTPLATFORM_API IKORPropertyBag {
 public:
+    // A name that exists already: that property is emptied and returned, never a second one made. Null name: null.
     virtual IKORProperty* NewProperty(char const* name) = 0;
-    virtual IKORProperty* NewPropertyBagProperty(char const* name) = 0;
+    virtual IKORProperty* NewPropertyBagProperty(char const* name) = 0;  // its value is an empty bag
+    // Deep copies, appended or put in place of the same name. False, and nothing done, for null.
     virtual bool CopyProperties(IKORPropertyBag const*) = 0;
+    // Names are compared byte for byte; an index counts in order of making. Null when there is none.
     virtual IKORProperty const* GetProperty(char const* name) const = 0;
     virtual IKORProperty* GetProperty(char const* name) = 0;
     virtual IKORProperty const* GetProperty(long index) const = 0;
@@ -59,11 +75,17 @@ public:
     virtual bool DeleteProperty(char const* name) = 0;
     virtual bool DeleteProperty(long index) = 0;
     virtual void Clear() = 0;
+    // Called on the owning bag after each change, once SetEnableCallbacks(true) was called on it. Deleted: the property
+    // is out of the bag and is destroyed after the call. Cleared: the property is null.
     virtual void PropertiesHaveChanged(IKORProperty*, KORPropChange) = 0;
     virtual void SetEnableCallbacks(bool) = 0;
     virtual ~IKORPropertyBag() = default;
 };
-class KORPropertyBag : public IKORPropertyBag {  // value type: deep copy; iterative destruction; name compare exact
+
+// KORPropertyBag: the bag itself, a value: copying copies all depths, and reads foreign bags through their interface.
+// Destruction takes no stack for nested bags, however deep. Look-up by name walks the bag: bags are small.
+// A copy has its callbacks off; assignment leaves those of the target as they are and reports Cleared, then each Added.
+class VELTPLATFORM_API KORPropertyBag : public IKORPropertyBag {
 public:
     KORPropertyBag();
     KORPropertyBag(KORPropertyBag const&);
@@ -80,7 +102,7 @@ public:
     bool DeleteProperty(char const*) override;
     bool DeleteProperty(long) override;
     void Clear() override;
-    void PropertiesHaveChanged(IKORProperty*, KORPropChange) override;
+    void PropertiesHaveChanged(IKORProperty*, KORPropChange) override;  // nothing; for derived classes
     void SetEnableCallbacks(bool) override;
 
 private:

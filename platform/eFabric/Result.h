@@ -1,31 +1,25 @@
-// What a scan leaves behind: the read interfaces of a verdict, its single results and the component tree.
+// What a scan leaves behind: the read interfaces of a verdict, of its single results and of the component tree.
+// Owner: the scan object that made them; texts and elements live until it is released. Threads: the scanning one, and
+// later whoever holds the scan object. Failure: null, false or 0; nothing throws.
 #pragma once
 
-#include <atomic>
-#include <ctime>
 #include <string>
-#include <vector>
 
 #include <Export.h>
+#include <eFabric/DynBuf.h>
+#include <eFabric/Error.h>
 #include <eFabric/Property.h>
+#include <eFabric/ScanTime.h>
 
-class IAlertHandler {
+// Gives the text of a named alert of the host; false when it has none.
+class VELTPLATFORM_API IAlertHandler {
 public:
     virtual bool GetAlertText(char const* name, std::wstring& out) const = 0;
     virtual ~IAlertHandler() = default;
 };
-template <class T>
-class DynBuf {
-public:
-    T* data();
-    std::size_t size() const;
-    void resize(std::size_t);
-    void append(T const*, std::size_t);
 
-private:
-    std::vector<T> m_v;
-};
-class IKORScanPolContextElement {
+// One component of the scanned item: the item itself, a MIME part, a member of an archive.
+class VELTPLATFORM_API IKORScanPolContextElement {
 public:
     virtual ~IKORScanPolContextElement() = default;
     virtual bool IsChildOf(IKORScanPolContextElement const*) const = 0;
@@ -41,13 +35,17 @@ public:
     virtual bool IsTopLevel() const = 0;
     virtual bool StateReset() const = 0;
 };
-class IFactoredObject {
+
+// Counted: born with one reference; Release of the last one destroys it. Both give the new count.
+class VELTPLATFORM_API IFactoredObject {
 public:
     virtual long AddRef() = 0;
     virtual long Release() = 0;
     virtual ~IFactoredObject() = default;
 };
-class IKORScanResult : public IFactoredObject {
+
+// What one engine has to say about one component; the details are in its property bag.
+class VELTPLATFORM_API IKORScanResult : public IFactoredObject {
 public:
     virtual void AddDescriptionProperty(IAlertHandler const&) = 0;
     virtual void Init() = 0;
@@ -63,7 +61,10 @@ public:
     virtual IKORScanPolContextElement const* GetScanPolContext() const = 0;
     virtual IKORPropertyBag* GetPropertyBag() const = 0;
 };
-class IScanResultHandler {
+
+// The verdict of one scan. FindFirst/FindNext walk the results with a place of the caller's; null after the last.
+// GetMasterActionCode and GetMasterScanResult are null when nothing was triggered.
+class VELTPLATFORM_API IScanResultHandler {
 public:
     virtual void ReportSpecificScanner(char const*) const = 0;
     virtual void ResetReportSpecificScanner() const = 0;
@@ -82,29 +83,4 @@ public:
     virtual IKORScanPolContextElement const* GetScanContextStart() const = 0;
     virtual void const* GetPolicyStatement() const = 0;
     virtual ~IScanResultHandler() = default;
-};
-class IKORError {
-public:
-    virtual bool IsSet() const = 0;
-    virtual unsigned long GetCode() const = 0;
-    virtual int GetLevel() const = 0;
-    virtual wchar_t const* GetText() const = 0;
-    virtual wchar_t const* GetDetail() const = 0;
-    virtual char const* GetAttribute(char const* name) const = 0;
-    virtual char const* FirstAttribute(long& pos) const = 0;
-    virtual char const* NextAttribute(long& pos) const = 0;
-
-protected:
-    ~IKORError() = default;
-};
-enum st_mode_t { ST_UTC = 0, ST_LOCAL = 1 };
-class ScanTime {
-public:
-    ScanTime() : m_t(0) {}
-    void Set();
-    void Set(long t, st_mode_t);
-    std::time_t Get() const;
-
-private:
-    std::atomic<std::time_t> m_t;
 };

@@ -1,0 +1,46 @@
+// StoreSnapshot: one state of the policy store, ready for look-up. Inheritance of identities and base policies is
+// worked out when it is built, so a look-up is a few hash probes. Owner: the policy loader, which keeps every snapshot;
+// in tests the test. Immutable; any thread, no lock. Failure: a look-up gives null when nothing is configured.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include <eFabric/Policy.h>
+#include <policyloader/store/SettingsView.h>
+
+namespace policyloader {
+
+class StoreModel;
+struct StoreTables;
+
+class StoreSnapshot final : public SettingsSource {
+public:
+    explicit StoreSnapshot(std::unique_ptr<StoreModel const> model);  // throws eFabric::XmlError
+    ~StoreSnapshot();
+    StoreSnapshot(StoreSnapshot const&) = delete;
+    StoreSnapshot& operator=(StoreSnapshot const&) = delete;
+
+    eFabric::IProductValue const* productValue(InternedString policy, InternedString identity, InternedString section,
+                                               InternedString name, std::time_t when) const;
+    eFabric::IIdentityList const& identities(InternedString policy) const;  // empty for an unknown policy
+    int compareActions(InternedString policy, char const* a, char const* b) const;
+    SettingsView view(InternedString policy, InternedString identity, std::time_t when) const override;
+
+private:
+    friend class SettingsView;
+
+    std::unique_ptr<StoreModel const> m_model;
+    std::unique_ptr<StoreTables const> m_tables;
+};
+
+// A store out of a text in memory, for tests and fuzzers: no file is opened. `name` stands for the file in messages.
+// Throws eFabric::XmlError. Names for look-ups come from InternPool::process().
+std::unique_ptr<StoreSnapshot const> ParseStore(std::string const& name, std::string_view bytes);
+
+}  // namespace policyloader
