@@ -10,7 +10,7 @@ namespace KORtk {
 struct OnceInit {
     using state_t = std::atomic<int>;
     using key_t = std::uintptr_t;
-    static key_t const key;
+    static constexpr key_t key = 0;
 };
 template <class F>
 void call_once(OnceInit::state_t& state, OnceInit::key_t key, F&& f);  // 0 -> running -> 1; resets to 0 if f throws

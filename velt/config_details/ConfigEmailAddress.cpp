@@ -1,0 +1,13 @@
+#include <velt/Config.h>
+
+#include <utility>
+
+namespace VELT {
+
+void ConfigEmailAddress::Setup(std::string& text) {
+    groupsKnown = false;
+    address = std::move(text);
+    groups.clear();
+}
+
+}  // namespace VELT
