@@ -16,8 +16,8 @@ void LogEvent(QXlog::Event const& event, MakeBag&& makeBag, std::string const& t
     if (!QXlog::detail::is_loggable(event)) return;
     KORlog::InfoBag const bag = std::forward<MakeBag>(makeBag)();
     QXlog::detail::get_qxtarget().sendlog(
-        KORlog::sev::no_sev,
-        KORtk::Location{where.file_name(), static_cast<int>(where.line()), where.function_name()}, event, text, bag);
+        KORlog::sev::no_sev, KORtk::Location{where.file_name(), static_cast<int>(where.line()), where.function_name()},
+        event, text, bag);
 }
 
 }  // namespace VELT
