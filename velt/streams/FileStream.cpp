@@ -1,0 +1,7 @@
+#include <velt/streams/FileStream.h>
+
+namespace VELT {
+
+FileStream::~FileStream() = default;
+
+}  // namespace VELT
