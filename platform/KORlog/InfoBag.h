@@ -1,4 +1,6 @@
-// InfoBag: the ordered values that an event carries. Values are copied in; a nested bag is shared and constant.
+// InfoBag: the values that an event carries, as an ordered set of pairs of a key and a value.
+// Owner: a value; copies are deep but for nested bags, which are constant and shared. Threads: as std::vector.
+// A pair that is in the bag already, key and value, is not added again. Failure: std::bad_alloc only.
 #pragma once
 
 #include <concepts>
@@ -6,6 +8,8 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <type_traits>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -24,11 +28,21 @@ struct Pair {
     Value value;
 };
 
+// What a key is given by reference. It is read when the pair is made, since a bag may outlive it in a sink's queue.
+template <class T>
+struct Ref {
+    T const& v;
+};
+template <class T>
+Ref(T const&) -> Ref<T>;
+
 // A key makes pairs: key(value). int, bool and time_t become long; char texts std::string; wide texts Utf8Array.
 struct Key {
     char const* name;
     template <class T>
     Pair operator()(T const& value) const;
+    template <class T>
+    Pair operator()(Ref<T> value) const;
 };
 
 class VELTPLATFORM_API InfoBag {
@@ -37,9 +51,14 @@ public:
     InfoBag(Pair pair);
     InfoBag& operator|=(Pair pair);
     InfoBag& operator|=(InfoBag const& other);
-    std::size_t size() const;
-    Value const* find(char const* key) const;  // the first of this name, or null
-    std::vector<Pair> const& items() const;
+
+    std::size_t size() const { return m_items.size(); }
+    bool empty() const { return m_items.empty(); }
+    Value const* find(char const* key) const;  // the first of this name, or null; valid until the bag changes
+    Value const* find(Key const& key) const { return find(key.name); }
+    std::vector<Pair> const& items() const { return m_items; }
+
+    bool operator==(InfoBag const& other) const;  // same pairs in the same order, nested bags by their content
 
 private:
     std::vector<Pair> m_items;
@@ -48,9 +67,11 @@ private:
 VELTPLATFORM_API InfoBag operator|(InfoBag bag, Pair pair);
 VELTPLATFORM_API InfoBag operator|(InfoBag bag, InfoBag const& other);
 VELTPLATFORM_API InfoBag operator|(Pair first, Pair second);
+VELTPLATFORM_API InfoBag operator|(Pair pair, InfoBag const& bag);
 
 namespace detail {
 inline Value MakeValue(unsigned long v) { return v; }
+inline Value MakeValue(unsigned long long v) { return static_cast<unsigned long>(v); }
 inline Value MakeValue(unsigned v) { return static_cast<unsigned long>(v); }
 inline Value MakeValue(unsigned short v) { return v; }
 inline Value MakeValue(double v) { return v; }
@@ -61,6 +82,7 @@ inline Value MakeValue(KORtk::Utf8Array v) { return v; }
 inline Value MakeValue(wchar_t const* v) { return KORtk::Utf8Array(v); }
 inline Value MakeValue(std::wstring const& v) { return KORtk::Utf8Array(v); }
 inline Value MakeValue(InfoBag v) { return std::make_shared<InfoBag const>(std::move(v)); }
+inline Value MakeValue(Pair v) { return std::make_shared<InfoBag const>(std::move(v)); }
 template <std::integral T>
 requires(sizeof(T) <= sizeof(long) && (std::is_signed_v<T> || std::same_as<T, bool>)) Value MakeValue(T v) {
     return static_cast<long>(v);
@@ -70,6 +92,11 @@ requires(sizeof(T) <= sizeof(long) && (std::is_signed_v<T> || std::same_as<T, bo
 template <class T>
 Pair Key::operator()(T const& value) const {
     return Pair{name, detail::MakeValue(value)};
+}
+
+template <class T>
+Pair Key::operator()(Ref<T> value) const {
+    return Pair{name, detail::MakeValue(value.v)};
 }
 
 }  // namespace KORlog

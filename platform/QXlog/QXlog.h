@@ -1,89 +1,47 @@
-// QXlog: events, the switch of each event, and the start and end of logging.
-// An event is one constant object per (number, reason); its switch is a byte in the object, so that a log call whose
-// event is off costs one load and one branch. Switches and sinks come from <proxy>-logging.xml.
-// Threads: init and the detail switches run at start-up; is_loggable and the target from any thread.
+// QXlog: the start and end of logging, and the target that every report goes to.
+// <proxy>-logging.xml chooses the sinks (journal, syslog, JSON lines, text) and switches events on and off by number
+// and reason; docs/formats/logging-xml.md is its description.
+// Threads: init to shutdownEvRep and the detail switches run at start-up and at the end of a process; reports come from
+// any thread. No thread is started before goAsyncEvRep, so a process may fork until then. A child forked later writes
+// its reports itself.
+// Failure: init and initEvRep throw KORtk::Exception; a report that a sink cannot take is counted and dropped.
 #pragma once
 
-#include <atomic>
+#include <cstddef>
 #include <string>
 
 #include <Export.h>
 #include <KORlog/InfoBag.h>
 #include <KORlog/Target.h>
-#include <KORtk/Text.h>
+#include <QXlog/Event.h>
 
 namespace QXlog {
 
-class Reason {
-public:
-    explicit constexpr Reason(int number) : m_number(number) {}
-    constexpr int number() const { return m_number; }
-
-private:
-    int m_number;
-};
-
-template <int N>
-struct ReasonT {
-    static constexpr Reason value{N};
-};
-
-class VELTPLATFORM_API Event {
-public:
-    virtual ~Event();
-    Event(Event const&) = delete;
-    Event& operator=(Event const&) = delete;
-
-    int id() const { return m_id; }
-    virtual Reason const* reason() const = 0;  // null: the event has none
-    std::string asString() const;              // "10003:68", or "15004" without a reason
-
-    bool enabled() const { return m_enabled.load(std::memory_order_relaxed); }
-    void enable(bool on) const { m_enabled.store(on, std::memory_order_relaxed); }
-
-protected:
-    Event(int id, int reason);  // joins the registry of events, which sets the switch as configured
-
-private:
-    int m_id;
-    mutable std::atomic<bool> m_enabled{true};
-};
-
-template <int Id, class R = KORtk::NullType>
-class EventT : public Event {
-public:
-    EventT() : Event(Id, R::value.number()) {}
-    Reason const* reason() const override { return &R::value; }
-    static EventT const value;
-};
-
-template <int Id>
-class EventT<Id, KORtk::NullType> : public Event {
-public:
-    EventT() : Event(Id, -1) {}
-    Reason const* reason() const override { return nullptr; }
-    static EventT const value;
-};
-
-template <int Id, class R>
-EventT<Id, R> const EventT<Id, R>::value{};
-template <int Id>
-EventT<Id, KORtk::NullType> const EventT<Id, KORtk::NullType>::value{};
-
 // Reads the logging configuration at `file`; `identity` names this process in every record.
-// A missing file gives the defaults. A malformed one throws KORtk::Exception with file, line, column and reason.
+// A missing file gives the default: all events to syslog. A malformed one throws with file, line, column and reason.
+// From here on events have their switches, and noLogging is undone.
 VELTPLATFORM_API void init(std::string const& identity, std::string const& file);
-VELTPLATFORM_API void initEvRep(int, int);  // opens the sinks
+VELTPLATFORM_API void initEvRep(int, int);  // opens the sinks; throws when one cannot be opened
 VELTPLATFORM_API void goAsyncEvRep(int);    // records go to the sinks from a thread of their own from now on
-VELTPLATFORM_API void shutdownEvRep();      // writes what is queued and closes the sinks
+VELTPLATFORM_API void shutdownEvRep();      // writes what is queued, ends the thread, closes the sinks
+
+// The words of one event: what it means, in one sentence. Rows are literals and live for ever.
+struct EventText {
+    int id;
+    int reason;  // or kNoReason
+    char const* words;
+};
+VELTPLATFORM_API void RegisterTexts(EventText const* rows, std::size_t count);  // later rows win over earlier ones
+VELTPLATFORM_API char const* FindText(int id, int reason);                      // null: no words are known
 
 namespace detail {
-inline bool is_loggable(Event const& event) { return event.enabled(); }
 VELTPLATFORM_API KORlog::Target& get_qxtarget();
-VELTPLATFORM_API KORlog::Target* exchange_qxtarget(
-    KORlog::Target* target);  // null: the configured sinks; gives the old one
-VELTPLATFORM_API void noLogging();
-VELTPLATFORM_API void stdErrLogging(bool on);
+// Puts `target` in the place of the configured sinks and gives what stood there; null stands for the sinks. The caller
+// keeps owning it, and puts the old one back before it goes. With a target, events are on as configured.
+VELTPLATFORM_API KORlog::Target* exchange_qxtarget(KORlog::Target* target);
+VELTPLATFORM_API void noLogging();             // every event off, now and later, until the next init
+VELTPLATFORM_API bool allowLogging(bool on);   // undoes noLogging (true) or does it (false); gives what held before
+VELTPLATFORM_API void stdErrLogging(bool on);  // adds or removes a text sink on standard error
 }  // namespace detail
 
 }  // namespace QXlog
