@@ -83,7 +83,8 @@ public:
 
 private:
     void CloseSocket();
-    void AwaitConnected(int timeout_ms, bool is_network);
+    void ConnectTo(sockaddr const* address, unsigned length, int timeout_ms, bool counted);
+    [[noreturn]] void ConnectTimedOut(bool counted);
 
     static std::uint32_t s_timeout;
     static BufferPool* s_pool;
