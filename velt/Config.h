@@ -92,7 +92,6 @@ public:
 
     private:
         eFabric::InternedString SelectIdentity();
-        void LogSelection() const;
     };
 
     Config();
@@ -103,6 +102,7 @@ public:
     // Once per process, after the scan agent's load: takes the store, interns the policy ids and loads the identities.
     // Throws what the rule file's patterns and the rule engine throw.
     static void initialise();
+    static void initialise(eFabric::IPolicyLoader const* loader);  // with this store, which outlives every Config
 
     // The process-wide store; null before initialise().
     static eFabric::IPolicyLoader const* getPolicyLoader() { return s_Loader; }
