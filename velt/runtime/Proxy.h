@@ -106,17 +106,17 @@ public:
     bool m_forkedModelThreads;
 
 private:
-    void ReadNetworkSettings();
-    void ReadProcessSettings();
+    struct PoolSizes;
+
     void ReadInterfaces();
     void TakeOption(int option);
     void TakePositionals(int argc, char** argv);
-    void SetUpStreams();
-    void LoadNetPolicies();
-    bool CreateServiceLoop();
-    bool LoadFramework();
-    void RunService();
     int Supervise();
+    bool LoadFramework();
+    void ReadNetworkSettings(PoolSizes& sizes);
+    void ReadProcessSettings();
+    void SetUpStreams(PoolSizes const& sizes);
+    void CreateServiceLoop();
     void ChangeGroup();
     void ChangeUser();
 };

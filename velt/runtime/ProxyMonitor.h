@@ -69,7 +69,7 @@ protected:
 
 private:
     void BecomeChild();
-    [[noreturn]] void RunChild(sigset_t const& signals);
+    [[noreturn]] void RunChild();
     int WaitForChildren(fd_set& readable, sigset_t const& signals);
     void HandleReadable(fd_set const& readable);
 };

@@ -8,9 +8,11 @@
 #pragma once
 
 #include <netinet/in.h>
+#include <poll.h>
 
 #include <atomic>
 #include <memory>
+#include <vector>
 
 #include <velt/Export.h>
 #include <velt/runtime/Lock.h>
@@ -77,9 +79,13 @@ private:
     void OpenListenSockets();
     int OpenFailed(sockaddr_in const& address, char const* operation, int& fd);
     void SetListenersNonBlocking();
-    void AcceptUntilShutdown();
+    void WatchParent();
+    void HandleParentPipe(short events);
+    void RestWithoutParent();
     void CloseParentRead();
-    void CloseParentPipes();
+    void ClosePipes();
+    void AcceptReady(std::vector<pollfd>& watched);
+    [[noreturn]] void ServeInChild(int fd);
 
     int m_wakeFd;  // wakes the accepting threads at the end; -1: none
 };

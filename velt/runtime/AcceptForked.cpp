@@ -1,0 +1,95 @@
+// The forked model of TCPServiceLoop: one thread polls every socket and forks a process per connection.
+#include <poll.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+#include <velt/runtime/ListenThread.h>
+#include <velt/runtime/Proxy.h>
+#include <velt/runtime/Shutdown.h>
+#include <velt/runtime/TCPServiceLoop.h>
+#include <velt/scanning/Scanner.h>
+
+namespace VELT {
+
+// The pipe to the parent stands last among what is polled, and is left out once it is closed.
+void TCPServiceLoop::AcceptConnections_Forked() {
+    SetListenersNonBlocking();
+    std::vector<pollfd> watched;
+    for (int i = 0; i < m_listenCount; ++i) watched.push_back({m_listenSockets[i], POLLIN, 0});
+    watched.push_back({m_parentReadFd, POLLIN, 0});
+    HandleSignal(SIGCHLD, childshutdown_signal);
+    nfds_t count = watched.size();
+    while (!shutdown) {
+        CheckForChildExit(false);
+        if (::poll(watched.data(), count, -1) > 0) {
+            AcceptReady(watched);
+            pollfd& pipe = watched.back();
+            if (pipe.revents != 0) HandleParentPipe(pipe.revents);
+            pipe.revents = 0;
+            if (m_parentReadFd == -1) count = watched.size() - 1;
+        }
+        CheckConnectionLimit();
+    }
+    StopServices();
+}
+
+void TCPServiceLoop::AcceptReady(std::vector<pollfd>& watched) {
+    for (std::size_t i = 0; i + 1 < watched.size(); ++i) {
+        bool const ready = watched[i].revents & POLLIN;
+        watched[i].revents = 0;
+        if (!ready || shutdown) continue;
+        int const fd = AcceptClient(watched[i].fd);
+        if (fd != -1) RunChildConnection(fd);
+    }
+}
+
+void TCPServiceLoop::RunChildConnection(int fd) {
+    if (Proxy::s_pProxyInstance->m_maxConnections == 1) {
+        NewConnection(fd, RUN_INLINE);
+        return;
+    }
+    std::fflush(nullptr);
+    pid_t const child = ::fork();
+    if (child == 0) ServeInChild(fd);
+    ::close(fd);
+    if (child == -1) return;
+    ++m_childCount;
+    m_countLock.Acquire();
+    ++m_connectionCount;
+    m_countLock.Release();
+    CheckForChildExit(true);
+}
+
+// The pipes are the worker's: the monitor learns of the worker's end though its connection children still run.
+void TCPServiceLoop::ServeInChild(int fd) {
+    m_pid = ::getpid();
+    StopServices();
+    ClosePipes();
+    Scanner::start(true, Proxy::s_pProxyInstance->m_clockInConnectionChild);
+    NewConnection(fd, RUN_INLINE);
+    Scanner::finish();
+}
+
+// Only the first call may wait, and only while as many children run as are allowed.
+void TCPServiceLoop::CheckForChildExit(bool wait) {
+    unsigned const most = Proxy::s_pProxyInstance->m_maxConnections;
+    if (most <= 1) return;
+    bool block = wait && m_childCount >= most;
+    for (;;) {
+        pid_t const ended = ::wait3(nullptr, block ? 0 : WNOHANG, nullptr);
+        if (ended == -1 && errno == EINTR && !shutdown) continue;
+        if (ended == -1 && errno == ECHILD) m_childCount = 0;
+        if (ended <= 0) return;
+        if (m_childCount != 0) --m_childCount;
+        block = false;
+    }
+}
+
+}  // namespace VELT
