@@ -21,7 +21,7 @@ namespace VELT {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Steady = std::chrono::steady_clock;
 
 constexpr unsigned sendLimit = 0x7FFFFFFF;  // bytes; what one call may send stays below it
 constexpr int piecesPerCall = 64;           // of a vectored send; keeps its array small on a small stack
@@ -57,14 +57,14 @@ int Await(int fd, short events, int timeout_ms) {
 
 // 0 when the connect is under way or done, EAGAIN when the listener stayed too busy, else what connect failed with.
 int StartConnect(int fd, sockaddr const* address, unsigned length, int timeout_ms) {
-    auto const deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+    auto const deadline = Steady::now() + std::chrono::milliseconds(timeout_ms);
     for (;;) {
         if (::connect(fd, address, length) == 0) return 0;
         int const error = errno;
         if (error == EISCONN || error == EINPROGRESS) return 0;
         if (!IsTransient(error)) return error;
         if (error == EINTR) continue;
-        if (timeout_ms >= 0 && Clock::now() >= deadline) return EAGAIN;
+        if (timeout_ms >= 0 && Steady::now() >= deadline) return EAGAIN;
         ::poll(nullptr, 0, busyRetryMs);
     }
 }
