@@ -149,7 +149,6 @@ private:
 
     class Walk;
     void LogAttributes(QXlog::Event const& event, std::string const& text = {}) const;
-    void ConnectOnce(KORnet::IPAddr const& address, unsigned short port, unsigned timeoutMs, bool checkLoopback);
 };
 
 }  // namespace VELT

@@ -1,0 +1,56 @@
+// Sending a spooled message to a mail peer in the dot-stuffed form of RFC 5321, section 4.5.2.
+#include <velt/connection/Connection.h>
+#include <velt/runtime/Clock.h>
+#include <velt/streams/ScannerStream.h>
+#include <velt/streams/TCPStream.h>
+
+#include <array>
+
+namespace VELT {
+
+namespace {
+
+// The pieces of one line as they go out: a stuffed dot, the line, and its end. A piece of an overlong line has no end,
+// and the piece that goes on with it is never stuffed.
+struct LinePieces {
+    std::array<char const*, 3> buffers;
+    std::array<unsigned, 3> lengths;
+    unsigned count = 0;
+
+    void Add(char const* data, unsigned length) {
+        buffers[count] = data;
+        lengths[count++] = length;
+    }
+    LinePieces(char const* line, unsigned length, bool begins, bool ends) {
+        if (begins && length > 0 && line[0] == '.') Add(".", 1);
+        Add(line, length);
+        if (ends) Add("\r\n", 2);
+    }
+};
+
+}  // namespace
+
+int Connection::SendMailStream(ScannerStream* mail, TCPStream* out) {
+    if (!out) return -1;
+    auto last = Clock::getTime();
+    mail->seek(0, 0);
+    for (bool continuing = false;;) {
+        char* line = nullptr;
+        bool ioDone = false;
+        LINE_STATE_T state = LINE_COMPLETE;
+        int const length = mail->getline(line, true, ioDone, state, true);
+        if (length < 0 || !line) return 0;
+
+        LinePieces pieces(line, static_cast<unsigned>(length), !continuing, state != LINE_OVERFLOW);
+        if (auto const now = Clock::getTime(); now != last) {
+            last = now;
+            if (!MailStreamCallback(static_cast<long>(now))) return 0;
+        }
+        unsigned sent = 0;
+        int const result = out->writev(pieces.count, pieces.lengths.data(), pieces.buffers.data(), &sent);
+        if (result != 0) return result;
+        continuing = state == LINE_OVERFLOW;
+    }
+}
+
+}  // namespace VELT
