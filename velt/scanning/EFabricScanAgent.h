@@ -48,7 +48,7 @@ public:
     std::string const& segvPrefix() const { return segv_prefix; }
 
 private:
-    bool create_policy_loader(std::string const& name, bool antispam, char const* engineXml);
+    bool create_policy_loader(bool antispam, char const* engineXml);
     void read_engine_versions();
 
     pthread_key_t tls_key;
