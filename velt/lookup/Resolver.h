@@ -109,12 +109,11 @@ public:
     static std::vector<std::string> s_excludedhosts;  // the names that are this machine
 
 private:
-    int ReadHeader(unsigned char const*& from);
-    int Skip(int index);
-    int ReadRecord(ns_sect which, ns_rr& record);
+    int ReadHeader();
+    bool Skip(int index);
+    int ReadRecord(ns_rr& record);
     int ReadExchangers(Lookup& lookup, unsigned max);
     int ReadAddresses(Lookup& lookup);
-    void AppendAddresses(Record const& exchanger, std::vector<KORnet::IPAddr>& addresses, unsigned max);
 
     unsigned char answer[1024];
     std::unique_ptr<unsigned char[]> big_answer;  // null while the answer fits
