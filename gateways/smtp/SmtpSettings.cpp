@@ -1,0 +1,69 @@
+#include "SmtpSettings.h"
+
+#include <velt/runtime/Proxy.h>
+
+#include "core/Reply.h"
+
+namespace smtp {
+namespace {
+
+namespace S = VELTCFG::smtp;
+using VELT::ReadSetting;
+
+template <class Descriptor>
+std::string Text(VELT::Config& config) {
+    return ReadSetting<Descriptor>(config).str();
+}
+
+template <class Descriptor>
+unsigned Milliseconds(VELT::Config& config) {
+    return ReadSetting<Descriptor>(config) * 1000;
+}
+
+// A name fit for a greeting: what the setting says, or what the machine is called.
+std::string OwnName(VELT::Config& config) {
+    std::string const configured = Text<S::GreetingName>(config);
+    if (!configured.empty()) return Printable(configured, 255);
+    for (bool full : {true, false}) {
+        std::string const name = VELT::Proxy::GetProxyHostName(full);
+        if (!name.empty()) return name;
+    }
+    return "localhost";
+}
+
+std::vector<std::string> Patterns(VELT::Config& config) {
+    std::vector<std::string> out;
+    auto const list = ReadSetting<S::AcceptDomains>(config);
+    for (unsigned i = 0; i < list.size(); ++i) out.push_back(list.at(i).str());
+    return out;
+}
+
+UpstreamTimeouts Timeouts(VELT::Config& config) {
+    return {Milliseconds<S::UpstreamGreetingTimeout>(config), Milliseconds<S::UpstreamCommandTimeout>(config),
+            Milliseconds<S::UpstreamDataTimeout>(config), Milliseconds<S::UpstreamBlockTimeout>(config),
+            Milliseconds<S::UpstreamFinalTimeout>(config)};
+}
+
+}  // namespace
+
+SessionSettings::SessionSettings(VELT::Config& config)
+    : relayHost(Text<S::RelayHost>(config)),
+      relayPort(ReadSetting<S::RelayPort>(config)),
+      greetingName(OwnName(config)),
+      acceptDomains(Patterns(config)),
+      deferDifferentIdentity(Text<S::DifferentIdentity>(config) == "defer"),
+      refusedText(Printable(Text<S::RefusedText>(config))),
+      uncheckedText(Printable(Text<S::UncheckedText>(config))),
+      maxCommandLine(ReadSetting<S::MaxCommandLine>(config)),
+      maxTextLine(ReadSetting<S::MaxTextLine>(config)),
+      maxHeaderBytes(ReadSetting<S::MaxHeaderSize>(config) * std::size_t{1024}),
+      maxMessageBytes(ReadSetting<S::MaxMessageSize>(config) * std::uint64_t{1024}),
+      maxRecipients(ReadSetting<S::MaxRecipients>(config)),
+      maxErrors(ReadSetting<S::MaxErrors>(config)),
+      maxIdleCommands(ReadSetting<S::MaxIdleCommands>(config)),
+      maxHops(ReadSetting<S::MaxHops>(config)),
+      commandTimeoutMs(Milliseconds<S::CommandTimeout>(config)),
+      dataTimeoutMs(Milliseconds<S::DataTimeout>(config)),
+      upstream(Timeouts(config)) {}
+
+}  // namespace smtp

@@ -1,0 +1,40 @@
+#include "Outcome.h"
+
+#include <algorithm>
+
+namespace smtp {
+namespace {
+
+using Kind = RecipientFate::Kind;
+
+bool IsTemporary(RecipientFate const& fate) { return fate.kind == Kind::Failed && fate.reply.group() == 4; }
+
+// The class of what was said further on, under a code that may stand behind DATA.
+Reply PassOn(Reply const& reply) { return {reply.group() == 4 ? 451 : 554, StatusOf(reply), reply.text}; }
+
+Reply OneRefusal(std::vector<RecipientFate> const& fates) {
+    auto const temporary = std::find_if(fates.begin(), fates.end(), IsTemporary);
+    if (temporary != fates.end()) return PassOn(temporary->reply);
+    auto const refused =
+        std::find_if(fates.begin(), fates.end(), [](RecipientFate const& fate) { return fate.kind == Kind::Refused; });
+    return PassOn(refused != fates.end() ? refused->reply : fates.front().reply);
+}
+
+}  // namespace
+
+Decision Decide(std::vector<RecipientFate> const& fates, std::string const& auditId) {
+    auto const delivered = std::count_if(fates.begin(), fates.end(),
+                                         [](RecipientFate const& fate) { return fate.kind == Kind::Delivered; });
+    if (fates.empty()) return {{451, "4.3.0", "no recipient"}, false};
+    if (delivered == 0) return {OneRefusal(fates), false};
+    bool const all = static_cast<std::size_t>(delivered) == fates.size();
+    return {{250, "2.0.0", "accepted as " + auditId}, !all};
+}
+
+Reply WithoutNotification(std::vector<RecipientFate> const& fates, Reply const& accepted) {
+    bool const someLost =
+        std::any_of(fates.begin(), fates.end(), [](RecipientFate const& fate) { return fate.kind == Kind::Failed; });
+    return someLost ? Reply{451, "4.4.7", "not delivered to every recipient, and no report could be sent"} : accepted;
+}
+
+}  // namespace smtp
