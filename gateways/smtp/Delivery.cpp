@@ -1,0 +1,260 @@
+#include "Delivery.h"
+
+#include <KORtk/Exception.h>
+#include <QXlog/Names.h>
+#include <arpa/inet.h>
+#include <netinet/tcp.h>
+
+#include <algorithm>
+#include <ctime>
+
+#include <velt/connection/Connection.h>
+#include <velt/errors/Failures.h>
+#include <velt/runtime/Proxy.h>
+#include <velt/streams/TCPStream.h>
+
+#include "SmtpCounters.h"
+#include "SmtpEvents.h"
+#include "core/Headers.h"
+
+namespace smtp {
+namespace {
+
+constexpr unsigned kMaxExchangers = 20;
+constexpr unsigned kMaxAddresses = 40;
+constexpr std::size_t kHeaderToReturn = 16384;
+
+// Answers of a mail exchanger look-up that settle the matter.
+constexpr int kHostNotFound = 3;
+constexpr int kNoData = 10;
+
+// A connection to one of our own addresses is a loop only if it is our own port that answers there.
+bool IsOwnPort(unsigned short port) {
+    auto const bindings = VELT::Proxy::GetSvcBindings();
+    return std::any_of(bindings.begin(), bindings.end(),
+                       [&](sockaddr_in const* one) { return ntohs(one->sin_port) == port; });
+}
+
+bool IsDottedQuad(std::string const& text) {
+    in_addr binary;
+    return inet_pton(AF_INET, text.c_str(), &binary) == 1;
+}
+
+Reply Circle() { return {554, "5.4.6", "mail goes in circles: the next server is this one"}; }
+
+std::string FirstHeader(VELT::ScannerStream& spool) {
+    std::string header;
+    if (spool.seek(0, 0) < 0) return header;
+    while (header.size() < kHeaderToReturn && header.find("\r\n\r\n") == std::string::npos) {
+        char* data = nullptr;
+        bool done = false;
+        int const count = spool.readdata(data, static_cast<unsigned>(kHeaderToReturn), true, done);
+        if (count <= 0) break;
+        header.append(data, static_cast<std::size_t>(count));
+    }
+    return header;
+}
+
+}  // namespace
+
+std::string Delivery::RouteOf(std::string const& domain) const { return m_settings.relayHost.empty() ? domain : ""; }
+
+std::vector<Delivery::Group> Delivery::GroupsOf(Message const& message, std::vector<Verdict> const& verdicts,
+                                                std::vector<RecipientFate>& fates) const {
+    std::vector<Group> groups;
+    for (std::size_t i = 0; i < message.recipients.size(); ++i) {
+        Recipient const& recipient = message.recipients[i];
+        auto const verdict = std::find_if(verdicts.begin(), verdicts.end(),
+                                          [&](Verdict const& one) { return one.identity == recipient.identity; });
+        fates[i].reply = {451, "4.7.1", m_settings.uncheckedText};
+        if (verdict == verdicts.end() || verdict->fate == Verdict::Fate::Defer) continue;
+        if (verdict->fate == Verdict::Fate::Refuse) {
+            fates[i].kind = RecipientFate::Kind::Refused;
+            fates[i].reply = {554, "5.7.1",
+                              m_settings.refusedText + ": " + verdict->finding + " (" + m_session.getId() + ")"};
+            continue;
+        }
+        VELT::ScannerStream* const content = verdict->rewritten ? verdict->rewritten : message.spool.get();
+        std::string const route = RouteOf(recipient.domain);
+        auto group = std::find_if(groups.begin(), groups.end(),
+                                  [&](Group const& one) { return one.route == route && one.content == content; });
+        if (group == groups.end()) group = groups.insert(groups.end(), Group{route, content, {}});
+        group->members.push_back(i);
+    }
+    return groups;
+}
+
+std::vector<RecipientFate> Delivery::Deliver(Message& message, std::vector<Verdict> const& verdicts) {
+    std::vector<RecipientFate> fates(message.recipients.size());
+    for (Group const& group : GroupsOf(message, verdicts, fates)) DeliverGroup(message, group, fates);
+    return fates;
+}
+
+void Delivery::DeliverGroup(Message& message, Group const& group, std::vector<RecipientFate>& fates) {
+    Shipment shipment;
+    shipment.sender = message.senderText();
+    for (std::size_t member : group.members) shipment.recipients.push_back(message.recipients[member].address);
+    bool const original = group.content == message.spool.get();
+    shipment.content.spool = group.content;
+    shipment.content.plain = original && !message.leadingDots;
+    shipment.content.eightBit = message.eightBit;
+    std::vector<Reply> const replies = Send(group.route, shipment);
+    std::string const server = Server();
+    for (std::size_t i = 0; i < group.members.size(); ++i) {
+        RecipientFate& fate = fates[group.members[i]];
+        bool const delivered = replies[i].group() == 2;
+        fate = {delivered ? RecipientFate::Kind::Delivered : RecipientFate::Kind::Failed, replies[i], server};
+        ++(delivered ? Count().recipientsDelivered : Count().recipientsFailed);
+    }
+    Report(shipment, replies);
+}
+
+// A connection kept from the last message may have died of old age: then, as nothing of this message was answered on
+// it, it is made anew.
+std::vector<Reply> Delivery::Send(std::string const& route, Shipment const& shipment) {
+    bool const kept = m_upstream && m_route == route && m_upstream->alive();
+    if (kept) {
+        ++Count().upstreamReused;
+        std::vector<Reply> replies = m_upstream->Send(shipment);
+        if (m_upstream->answered() || m_upstream->usable()) return replies;
+    }
+    Reply const reached = Reach(route);
+    if (reached.group() != 2) return std::vector<Reply>(shipment.recipients.size(), reached);
+    return m_upstream->Send(shipment);
+}
+
+void Delivery::Close() {
+    if (m_upstream) m_upstream->Quit();
+    m_upstream.reset();
+    VELT::TCPConnection& server = m_session.getServerConnection();
+    delete server.m_stream;
+    server.m_stream = nullptr;
+}
+
+Reply Delivery::Reach(std::string const& route) {
+    Close();
+    std::vector<KORnet::TCPAddr> addresses;
+    Reply const found = Addresses(route, addresses);
+    if (found.group() != 2) return found;
+    m_route = route;
+    Reply const reply = Walk(addresses);
+    if (reply.group() != 2) Close();
+    return reply;
+}
+
+Reply Delivery::MailExchangers(std::string const& domain, std::vector<KORnet::IPAddr>& out) const {
+    if (domain.size() > 2 && domain.front() == '[') {
+        std::string const literal = domain.substr(1, domain.size() - 2);
+        if (!IsDottedQuad(literal)) return {550, "5.4.4", "no route to this address"};
+        out.emplace_back(literal);
+        return {250, "", ""};
+    }
+    int const code =
+        m_session.Resolve(domain.c_str(), VELT::Connection::RESOLVE_MX, out, kMaxExchangers, kMaxAddresses);
+    if (code == kHostNotFound) return {550, "5.1.2", "domain does not exist"};
+    if (code == kNoData) {  // a domain without exchangers is its own
+        int const plain = m_session.Resolve(domain.c_str(), VELT::Connection::RESOLVE_ADDRESS, out, 0, 0);
+        if (plain != 0) return {451, "4.4.3", "domain could not be looked up"};
+    } else if (code != 0) {
+        return {451, "4.4.3", "domain could not be looked up"};
+    }
+    if (out.empty()) return {554, "5.4.4", "domain has no mail exchanger that can be used"};
+    return {250, "", ""};
+}
+
+Reply Delivery::Addresses(std::string const& route, std::vector<KORnet::TCPAddr>& out) const {
+    std::vector<KORnet::IPAddr> found;
+    std::string const& host = m_settings.relayHost;
+    if (host.empty()) {
+        Reply const reply = MailExchangers(route, found);
+        if (reply.group() != 2) return reply;
+    } else if (IsDottedQuad(host)) {
+        found.emplace_back(host);
+    } else if (m_session.Resolve(host.c_str(), VELT::Connection::RESOLVE_ADDRESS, found, 0, 0) != 0) {
+        return {451, "4.4.3", "next server's name could not be looked up"};
+    }
+    for (KORnet::IPAddr const& address : found) out.emplace_back(address, m_settings.relayPort);
+    if (out.empty()) return {451, "4.4.3", "next server has no address"};
+    return {250, "", ""};
+}
+
+// Goes through the addresses until a server greets. A server that is there but refuses mail is passed over too.
+Reply Delivery::Walk(std::vector<KORnet::TCPAddr> const& addresses) {
+    Reply last{451, "4.4.1", "next server cannot be reached"};
+    VELT::TCPConnection& server = m_session.getServerConnection();
+    bool const checkLoop = IsOwnPort(m_settings.relayPort);
+    unsigned const timeoutMs = VELT::Proxy::s_pProxyInstance->m_connectTimeoutMs;
+    unsigned next = 0;
+    try {
+        while (m_session.Connect(addresses, next, timeoutMs, checkLoop, 0)) {
+            int const on = 1;
+            ::setsockopt(server.m_stream->GetSocket(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+            ++Count().upstreamConnects;
+            m_upstream = std::make_unique<Upstream>(*server.m_stream, m_settings.upstream);
+            last = m_upstream->Greet(m_settings.greetingName);
+            if (last.group() == 2) return last;
+            Close();
+        }
+    } catch (VELT::LoopbackConnection const&) {
+        return Circle();
+    } catch (KORtk::Exception const& failure) {
+        return {451, "4.4.1", "next server cannot be reached"};
+    }
+    return last;
+}
+
+std::string Delivery::Server() const {
+    VELT::TCPConnection const& server = m_session.getServerConnection();
+    return server.m_addressText.empty() ? m_settings.relayHost : server.m_addressText;
+}
+
+void Delivery::Report(Shipment const& shipment, std::vector<Reply> const& replies) const {
+    for (bool delivered : {true, false}) {
+        std::vector<std::string> recipients;
+        Reply shown;
+        for (std::size_t i = 0; i < replies.size(); ++i) {
+            if ((replies[i].group() == 2) != delivered) continue;
+            recipients.push_back(shipment.recipients[i]);
+            shown = replies[i];
+        }
+        if (recipients.empty()) continue;
+        QXlog::Event const& event = delivered ? static_cast<QXlog::Event const&>(events::DELIVERED)
+                                              : static_cast<QXlog::Event const&>(events::UPSTREAM_FAILED);
+        m_session.Note(event, [&](KORlog::InfoBag& bag) {
+            bag |= names::SERVER(Server());
+            bag |= names::RECIPIENTS(ListOf(recipients));
+            if (delivered) bag |= names::SIZE(static_cast<unsigned long>(shipment.content.size()));
+            bag |= names::REPLY(OneLine(shown));
+        });
+    }
+}
+
+Reply Delivery::Notify(Message& message, std::vector<RecipientFate> const& fates, std::string const& helloName) {
+    std::string const header = FirstHeader(*message.spool);
+    NotificationFacts facts;
+    facts.reportingHost = m_settings.greetingName;
+    facts.sender = message.senderText();
+    facts.helloName = helloName;
+    facts.auditId = m_session.getId();
+    facts.messageId = facts.auditId + ".report";
+    facts.arrival = KORnet::rfc2822Date(std::time(nullptr));
+    facts.header = header;
+    for (std::size_t i = 0; i < fates.size(); ++i) {
+        if (fates[i].kind == RecipientFate::Kind::Delivered) continue;
+        facts.failed.push_back(
+            {message.recipients[i].address, StatusOf(fates[i].reply), OneLine(fates[i].reply), fates[i].remote});
+    }
+    std::string const text = DeliveryNotification(facts);
+    Shipment shipment;
+    shipment.recipients = {facts.sender};
+    shipment.content.text = text;
+    Reply reply;
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        if (attempt) Close();
+        reply = Send(RouteOf(LowerCase(message.sender.domain)), shipment).front();
+        if (reply.group() == 2) break;
+    }
+    return reply;
+}
+
+}  // namespace smtp

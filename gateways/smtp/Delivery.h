@@ -1,0 +1,62 @@
+// Delivery: brings a message to the next servers, before its client is answered.
+// Recipients whose content and route are the same share one transaction. A connection to a server is kept for the next
+// message of the session. Owner: the session. Thread: the session's. Failure: in the fates; nothing throws.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <KORnet/Addr.h>
+
+#include "Message.h"
+#include "Report.h"
+#include "SmtpSettings.h"
+#include "Upstream.h"
+#include "Verdict.h"
+#include "core/Outcome.h"
+
+namespace smtp {
+
+class Delivery {
+public:
+    Delivery(ReportingSession& session, SessionSettings const& settings) : m_session(session), m_settings(settings) {}
+    ~Delivery() { Close(); }
+    Delivery(Delivery const&) = delete;
+    Delivery& operator=(Delivery const&) = delete;
+
+    // Delivers to every recipient whose verdict lets the message pass. A fate for each recipient.
+    std::vector<RecipientFate> Deliver(Message& message, std::vector<Verdict> const& verdicts);
+
+    // Tells the sender of the recipients that were not reached; a second time over a new connection if the first fails.
+    // 2xx: the next server has the notification.
+    Reply Notify(Message& message, std::vector<RecipientFate> const& fates, std::string const& helloName);
+
+    void Close();  // says QUIT and drops the connection, if there is one
+
+private:
+    struct Group {
+        std::string route;
+        VELT::ScannerStream* content;
+        std::vector<std::size_t> members;
+    };
+
+    std::string RouteOf(std::string const& domain) const;
+    std::vector<Group> GroupsOf(Message const& message, std::vector<Verdict> const& verdicts,
+                                std::vector<RecipientFate>& fates) const;
+    void DeliverGroup(Message& message, Group const& group, std::vector<RecipientFate>& fates);
+    std::vector<Reply> Send(std::string const& route, Shipment const& shipment);
+    Reply Reach(std::string const& route);
+    Reply Addresses(std::string const& route, std::vector<KORnet::TCPAddr>& out) const;
+    Reply MailExchangers(std::string const& domain, std::vector<KORnet::IPAddr>& out) const;
+    Reply Walk(std::vector<KORnet::TCPAddr> const& addresses);
+    void Report(Shipment const& shipment, std::vector<Reply> const& replies) const;
+    std::string Server() const;
+
+    ReportingSession& m_session;
+    SessionSettings const& m_settings;
+    std::unique_ptr<Upstream> m_upstream;  // over the stream of the session's server connection
+    std::string m_route;                   // where that leads
+};
+
+}  // namespace smtp

@@ -1,0 +1,22 @@
+#include "Report.h"
+
+#include <QXlog/Names.h>
+
+namespace smtp {
+
+KORlog::InfoBag ReportingSession::Facts() const {
+    using namespace QXlog::names;
+    KORlog::InfoBag bag;
+    bag |= QXPROP_AUDIT_ID(m_id);
+    bag |= QXPROP_AUDIT_CONV_ID(m_conversationId);
+    bag |= QXPROP_SOURCE_IP(m_source.m_addressText);
+    return bag;
+}
+
+std::string OneLine(Reply const& reply) {
+    std::string out = std::to_string(reply.code) + ' ';
+    if (!reply.status.empty()) out += reply.status + ' ';
+    return out + Printable(reply.text, 500);
+}
+
+}  // namespace smtp

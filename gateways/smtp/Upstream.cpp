@@ -1,0 +1,228 @@
+#include "Upstream.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <memory>
+
+#include <velt/streams/TCPStream.h>
+
+#include "WireWriter.h"
+#include "core/DataEncoder.h"
+
+namespace smtp {
+namespace {
+
+constexpr std::size_t kPipelineWindow = 100;    // commands in flight: their replies fit any socket buffer
+constexpr unsigned kLastWordMs = 1000;          // wait for what a server said before it hung up on us
+constexpr std::size_t kDiskBlock = 128 * 1024;  // bytes read at once from a spool file
+
+// Hands the bytes of a spool to take(std::string_view). False: they could not all be read.
+template <class Take>
+bool ForEachBlock(VELT::ScannerStream& spool, Take&& take) {
+    std::uint64_t left = spool.size();
+    if (spool.seek(0, 0) < 0) return false;
+    bool const onDisk = !spool.get_spool_file().empty();
+    std::unique_ptr<char[]> const own(onDisk ? new char[kDiskBlock] : nullptr);
+    while (left) {
+        char* data = own.get();
+        bool done = false;
+        long const count = onDisk ? spool.read(data, static_cast<unsigned long>(kDiskBlock))
+                                  : spool.readdata(data, INT_MAX, true, done);
+        if (count <= 0 || static_cast<std::uint64_t>(count) > left ||
+            !take(std::string_view(data, static_cast<std::size_t>(count)))) {
+            return false;
+        }
+        left -= static_cast<std::uint64_t>(count);
+    }
+    return true;
+}
+
+template <class Take>
+bool ForEachBlock(Content const& content, Take&& take) {
+    if (content.spool) return ForEachBlock(*content.spool, take);
+    return take(content.text);
+}
+
+Reply NotSmtp() { return {451, "4.5.0", "next server does not speak SMTP"}; }
+
+Reply Closed() { return {451, "4.4.2", "next server closed the connection"}; }
+
+}  // namespace
+
+Reply Upstream::Lost(int error) {
+    m_usable = false;
+    return error == ETIMEDOUT ? Reply{451, "4.4.2", "next server went silent"} : Closed();
+}
+
+Reply Upstream::ReadReply(unsigned timeoutMs) {
+    m_stream.set_timeout(timeoutMs);
+    while (true) {
+        char* line = nullptr;
+        bool done = false;
+        VELT::LINE_STATE_T state;
+        errno = 0;
+        int const length = m_stream.getline(line, true, done, state, true);
+        if (state == VELT::LINE_CLOSED || length < 0) return Lost(length < 0 ? errno : 0);
+        ReplyParser::Status const status = state == VELT::LINE_OVERFLOW
+                                               ? ReplyParser::Status::Malformed
+                                               : m_parser.Take({line, static_cast<std::size_t>(length)});
+        if (status == ReplyParser::Status::More) continue;
+        m_answered = true;
+        if (status == ReplyParser::Status::Complete) break;
+        m_usable = false;
+        return NotSmtp();
+    }
+    if (m_parser.reply().code == 421) m_usable = false;
+    return m_parser.reply();
+}
+
+Reply Upstream::Converse(std::string const& command, unsigned timeoutMs) {
+    m_stream.set_timeout(timeoutMs);
+    int const error = m_stream.write(command.data(), static_cast<unsigned>(command.size()));
+    return error ? Lost(error) : ReadReply(timeoutMs);
+}
+
+Reply Upstream::Greet(std::string const& ownName) {
+    m_usable = true;
+    Reply reply = ReadReply(m_timeouts.greetingMs);
+    if (reply.group() != 2) return reply;
+    reply = Converse("EHLO " + ownName + "\r\n", m_timeouts.commandMs);
+    if (reply.group() == 2) {
+        m_capabilities = Capabilities::FromEhlo(m_parser.lines());
+    } else if (m_usable && reply.group() == 5) {
+        reply = Converse("HELO " + ownName + "\r\n", m_timeouts.commandMs);
+    }
+    if (reply.group() == 3) return NotSmtp();
+    return reply;
+}
+
+bool Upstream::alive() {
+    char* data = nullptr;
+    return m_usable && m_stream.IsStillConnected() && m_stream.buffereddata(data) == 0;
+}
+
+void Upstream::Quit() {
+    if (m_usable) m_stream.SendDataNonBlocked("QUIT\r\n", 6);
+    m_usable = false;
+}
+
+std::vector<std::string> Upstream::Envelope(Shipment const& shipment) const {
+    std::string mail = "MAIL FROM:<" + shipment.sender + ">";
+    if (m_capabilities.size) mail += " SIZE=" + std::to_string(shipment.content.size());
+    if (m_capabilities.eightBitMime && shipment.content.eightBit) mail += " BODY=8BITMIME";
+    std::vector<std::string> commands{mail + "\r\n"};
+    for (std::string const& recipient : shipment.recipients) commands.push_back("RCPT TO:<" + recipient + ">\r\n");
+    commands.push_back("DATA\r\n");
+    return commands;
+}
+
+// What this server is known not to take, before it is asked.
+Reply Upstream::Refusal(Shipment const& shipment) const {
+    if (m_capabilities.maxSize && shipment.content.size() > m_capabilities.maxSize) {
+        return {552, "5.3.4", "message too large for the next server"};
+    }
+    if (shipment.content.eightBit && !m_capabilities.eightBitMime) {
+        return {554, "5.6.3", "next server takes no 8-bit mail"};
+    }
+    return {};
+}
+
+bool Upstream::WriteCommands(std::vector<std::string> const& commands, std::size_t from, std::size_t to) {
+    WireWriter writer(m_stream);
+    for (; from < to; ++from) writer.Add(commands[from]);
+    return writer.Flush() == 0;
+}
+
+// Sends the commands, in groups where they may be pipelined, and fills a reply for each. False: DATA was not sent, or
+// not answered.
+bool Upstream::Exchange(std::vector<std::string> const& commands, std::vector<Reply>& replies) {
+    std::size_t const window = m_capabilities.pipelining ? kPipelineWindow : 1;
+    std::size_t const last = commands.size() - 1;
+    std::size_t accepted = 0;
+    for (std::size_t next = 0; next <= last;) {
+        std::size_t const end = std::min(next + window, commands.size());
+        if (next == last && accepted == 0) return false;  // nobody to send it to
+        m_stream.set_timeout(m_timeouts.commandMs);
+        if (!WriteCommands(commands, next, end)) Lost(0);
+        for (; next < end; ++next) {
+            replies[next] = ReadReply(next == last ? m_timeouts.dataMs : m_timeouts.commandMs);
+            if (!m_usable) {
+                std::fill(replies.begin() + static_cast<std::ptrdiff_t>(next), replies.end(), replies[next]);
+                return false;
+            }
+            if (next > 0 && next < last && replies[next].group() == 2) ++accepted;
+        }
+        if (replies[0].group() != 2) return false;
+    }
+    return true;
+}
+
+int Upstream::WriteContent(Content const& content) {
+    m_stream.set_timeout(m_timeouts.blockMs);
+    WireWriter writer(m_stream);
+    DataEncoder encoder;
+    auto const add = [&](std::string_view piece) { writer.Add(piece); };
+    std::uint64_t left = content.size();
+    bool const whole = ForEachBlock(content, [&](std::string_view block) {
+        content.plain ? writer.Add(block) : encoder.Encode(block, add);
+        left -= block.size();
+        return left == 0 || writer.Flush() == 0;  // the last block leaves together with the end
+    });
+    if (writer.error()) return writer.error();
+    if (!whole) return EIO;
+    if (content.plain) {
+        writer.Add(DataEncoder::kEnd);
+    } else {
+        encoder.Finish(add);
+    }
+    return writer.Flush();
+}
+
+// A server may refuse in the middle of a message and hang up: what it said is worth more than the broken pipe.
+Reply Upstream::AfterBrokenWrite(int error) {
+    if (error == ETIMEDOUT) return Lost(error);
+    if (error == EIO) {
+        m_usable = false;
+        return {451, "4.3.0", "message could not be read back"};
+    }
+    Reply const lastWord = ReadReply(kLastWordMs);
+    m_usable = false;
+    return lastWord.group() >= 4 ? lastWord : Closed();
+}
+
+Reply Upstream::SendContent(Content const& content) {
+    if (int const error = WriteContent(content)) return AfterBrokenWrite(error);
+    Reply const reply = ReadReply(m_timeouts.finalMs);
+    if (reply.group() != 3) return reply;
+    m_usable = false;
+    return NotSmtp();
+}
+
+std::vector<Reply> Upstream::Send(Shipment const& shipment) {
+    std::size_t const count = shipment.recipients.size();
+    m_answered = false;
+    Reply const refusal = Refusal(shipment);
+    if (refusal.code) return std::vector<Reply>(count, refusal);
+    std::vector<Reply> replies(count + 2, Closed());
+    bool const dataAnswered = Exchange(Envelope(shipment), replies);
+    Reply data = replies.back();
+    std::vector<Reply> result(replies.begin() + 1, replies.end() - 1);
+    if (replies[0].group() != 2) {  // MAIL was refused: that is why the others were
+        m_usable = false;
+        return std::vector<Reply>(count, replies[0].group() >= 4 ? replies[0] : NotSmtp());
+    }
+    bool const someAccepted =
+        std::any_of(result.begin(), result.end(), [](Reply const& one) { return one.group() == 2; });
+    bool const goAhead = dataAnswered && someAccepted && data.code == 354;
+    if (goAhead) data = SendContent(shipment.content);
+    if (!goAhead)
+        m_usable = false;  // the transaction stays open at the server; only a new connection is sure to be clean
+    if (!goAhead && data.group() < 4) data = NotSmtp();
+    for (Reply& one : result) {
+        if (one.group() == 2 || one.group() == 3) one = data;
+    }
+    return result;
+}
+
+}  // namespace smtp
