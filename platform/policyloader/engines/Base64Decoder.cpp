@@ -1,0 +1,77 @@
+#include <policyloader/engines/Base64Decoder.h>
+
+#include <array>
+
+namespace policyloader {
+namespace {
+
+constexpr std::uint8_t kOther = 0x40, kPad = 0x41, kBlank = 0x42;
+
+constexpr std::array<std::uint8_t, 256> MakeTable() {
+    std::array<std::uint8_t, 256> table{};
+    for (auto& entry : table) entry = kOther;
+    std::string_view const alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    for (std::size_t i = 0; i < alphabet.size(); ++i)
+        table[static_cast<unsigned char>(alphabet[i])] = static_cast<std::uint8_t>(i);
+    table['='] = kPad;
+    for (char const blank : {' ', '\t', '\r', '\n'}) table[static_cast<unsigned char>(blank)] = kBlank;
+    return table;
+}
+constexpr auto kTable = MakeTable();
+
+}  // namespace
+
+void Base64Decoder::flush(std::string& out) {
+    if (m_count >= 2) out.push_back(static_cast<char>(m_bits >> (m_count * 6 - 8)));
+    if (m_count == 3) out.push_back(static_cast<char>(m_bits >> 2));
+    restart();
+}
+
+void Base64Decoder::one(unsigned char byte, std::string& out) {
+    auto const value = kTable[byte];
+    if (value == kBlank) return;
+    if (value == kOther) {
+        m_stray = true;
+        return;
+    }
+    if (value == kPad) {
+        m_padded = true;
+        if (m_padding == EndsGroup) flush(out);
+        return;
+    }
+    m_stray |= m_padded;
+    m_bits = (m_bits << 6 | value) & 0xFFFFFF;
+    if (++m_count < 4) return;
+    char const bytes[] = {static_cast<char>(m_bits >> 16), static_cast<char>(m_bits >> 8), static_cast<char>(m_bits)};
+    out.append(bytes, sizeof bytes);
+    restart();
+}
+
+void Base64Decoder::decode(std::string_view piece, std::string& out) {
+    auto const* at = reinterpret_cast<unsigned char const*>(piece.data());
+    auto const* const end = at + piece.size();
+    out.reserve(out.size() + piece.size() / 4 * 3 + 3);
+    while (at != end) {
+        // Whole groups of the alphabet, the normal case, go four at a time.
+        if (m_count == 0 && !m_padded) {
+            auto const start = out.size();
+            out.resize(start + static_cast<std::size_t>(end - at) / 4 * 3);
+            char* to = out.data() + start;
+            for (; end - at >= 4; at += 4) {
+                std::uint32_t const a = kTable[at[0]], b = kTable[at[1]], c = kTable[at[2]], d = kTable[at[3]];
+                if ((a | b | c | d) & 0x40) break;
+                std::uint32_t const bits = a << 18 | b << 12 | c << 6 | d;
+                *to++ = static_cast<char>(bits >> 16);
+                *to++ = static_cast<char>(bits >> 8);
+                *to++ = static_cast<char>(bits);
+            }
+            out.resize(static_cast<std::size_t>(to - out.data()));
+            if (at == end) return;
+        }
+        one(*at++, out);
+    }
+}
+
+void Base64Decoder::finish(std::string& out) { flush(out); }
+
+}  // namespace policyloader

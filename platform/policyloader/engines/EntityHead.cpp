@@ -1,0 +1,161 @@
+#include <policyloader/engines/EntityHead.h>
+
+#include <algorithm>
+#include <cctype>
+#include <memory>
+
+#include <gmime/gmime.h>
+#include <strings.h>
+
+namespace policyloader {
+namespace {
+
+constexpr std::size_t kMaxForms = 8;  // of one field that stands several times
+
+struct Unref {
+    void operator()(GMimeContentType* type) const { g_object_unref(type); }
+    void operator()(GMimeContentDisposition* disposition) const { g_object_unref(disposition); }
+};
+
+std::string_view TrimRight(std::string_view text) {
+    while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back()))) text.remove_suffix(1);
+    return text;
+}
+
+std::string_view Trim(std::string_view text) {
+    text = TrimRight(text);
+    while (!text.empty() && std::isspace(static_cast<unsigned char>(text.front()))) text.remove_prefix(1);
+    return text;
+}
+
+bool Same(std::string const& a, char const* b) { return strcasecmp(a.c_str(), b) == 0; }
+
+std::string Lower(char const* text) {
+    std::string out(text ? text : "");
+    for (char& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return out;
+}
+
+std::string Parameter(GMimeContentType* type, char const* name) {
+    char const* const value = g_mime_content_type_get_parameter(type, name);
+    return value ? value : "";
+}
+
+bool IsMessageSubtype(std::string const& subtype) {
+    return subtype == "rfc822" || subtype == "global" || subtype == "news" || subtype == "rfc2822";
+}
+
+bool HasMessageName(std::string const& name) {
+    for (char const* const suffix : {".eml", ".mht", ".mhtml", ".nws"}) {
+        std::size_t const length = std::char_traits<char>::length(suffix);
+        if (name.size() >= length && strcasecmp(name.c_str() + name.size() - length, suffix) == 0) return true;
+    }
+    return false;
+}
+
+template <class T>
+void AddDistinct(std::vector<T>& list, T value) {
+    if (std::find(list.begin(), list.end(), value) == list.end()) list.push_back(std::move(value));
+}
+
+// Reads the fields out of the block's lines; a line that is none makes the head doubtful.
+void ReadFields(std::string_view block, EntityHead& head) {
+    while (!block.empty()) {
+        std::size_t const end = block.find('\n');
+        std::string_view const line = TrimRight(block.substr(0, end));
+        bool const folded = block.front() == ' ' || block.front() == '\t';
+        block.remove_prefix(end == std::string_view::npos ? block.size() : end + 1);
+        if (line.empty()) continue;
+        std::size_t const colon = line.find(':');
+        if (folded && !head.fields.empty())
+            head.fields.back().second.append(" ").append(Trim(line));
+        else if (folded || colon == std::string_view::npos)
+            head.doubtful = true;
+        else
+            head.fields.emplace_back(Trim(line.substr(0, colon)), Trim(line.substr(colon + 1)));
+    }
+    for (auto& field : head.fields) std::replace(field.second.begin(), field.second.end(), '\0', ' ');
+}
+
+void ReadType(std::string const& value, bool first, EntityHead& head) {
+    std::unique_ptr<GMimeContentType, Unref> const type(g_mime_content_type_parse(nullptr, value.c_str()));
+    if (!type) return;
+    auto const major = Lower(g_mime_content_type_get_media_type(type.get()));
+    auto const minor = Lower(g_mime_content_type_get_media_subtype(type.get()));
+    if (first || major == "multipart" || major == "text") {
+        head.type = major;
+        head.subtype = minor;
+        head.charset = Parameter(type.get(), "charset");
+    }
+    if (head.fileName.empty()) head.fileName = Parameter(type.get(), "name");
+    head.message |= major == "message" && IsMessageSubtype(minor);
+    if (major != "multipart") return;
+    head.multipart = true;
+    std::string const boundary(TrimRight(Parameter(type.get(), "boundary")));
+    boundary.empty() ? void(head.doubtful = true) : AddDistinct(head.boundaries, boundary);
+}
+
+void ReadEncoding(std::string const& value, EntityHead& head) {
+    auto const encoding = ParseTransferEncoding(value);
+    head.doubtful |= !encoding;
+    AddDistinct(head.encodings, encoding.value_or(TransferEncoding::Identity));
+}
+
+void ReadDisposition(std::string const& value, EntityHead& head) {
+    std::unique_ptr<GMimeContentDisposition, Unref> const disposition(
+        g_mime_content_disposition_parse(nullptr, value.c_str()));
+    char const* const name =
+        disposition ? g_mime_content_disposition_get_parameter(disposition.get(), "filename") : nullptr;
+    if (name) head.fileName = name;
+}
+
+// The content fields, at most kMaxForms of each.
+void ReadContentFields(EntityHead& head) {
+    std::size_t types = 0, encodings = 0, dispositions = 0;
+    for (auto const& [name, value] : head.fields) {
+        if (Same(name, "Content-Type") && types++ < kMaxForms)
+            ReadType(value, types == 1, head);
+        else if (Same(name, "Content-Transfer-Encoding") && encodings++ < kMaxForms)
+            ReadEncoding(value, head);
+        else if (Same(name, "Content-Disposition") && dispositions++ < kMaxForms)
+            ReadDisposition(value, head);
+    }
+    head.doubtful |= types > 1 || encodings > 1;
+}
+
+}  // namespace
+
+EntityHead EntityHead::parse(std::string_view block) {
+    EntityHead head;
+    ReadFields(block, head);
+    ReadContentFields(head);
+    if (head.encodings.empty()) head.encodings.push_back(TransferEncoding::Identity);
+    if (!head.multipart && HasMessageName(head.fileName)) head.message = true;
+    head.doubtful |= head.multipart && head.isEncoded();
+    return head;
+}
+
+EntityHead EntityHead::messageByDefault() {
+    EntityHead head = ofPlainObject();
+    head.type = "message";
+    head.subtype = "rfc822";
+    head.message = true;
+    return head;
+}
+
+EntityHead EntityHead::ofPlainObject() {
+    EntityHead head;
+    head.encodings.push_back(TransferEncoding::Identity);
+    return head;
+}
+
+bool LooksLikeHeader(std::string_view line) {
+    if (line.substr(0, 5) == "From ") return true;
+    std::size_t at = 0;
+    while (at < line.size() && line[at] > ' ' && line[at] < 0x7F && line[at] != ':') ++at;
+    std::size_t const name = at;
+    while (at < line.size() && (line[at] == ' ' || line[at] == '\t')) ++at;
+    return name > 0 && at < line.size() && line[at] == ':';
+}
+
+}  // namespace policyloader

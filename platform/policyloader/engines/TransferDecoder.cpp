@@ -1,0 +1,80 @@
+#include <policyloader/engines/TransferDecoder.h>
+
+#include <cctype>
+
+namespace policyloader {
+namespace {
+
+struct Row {
+    std::string_view name;
+    TransferEncoding encoding;
+};
+constexpr Row kRows[] = {
+    {"", TransferEncoding::Identity},
+    {"7bit", TransferEncoding::Identity},
+    {"8bit", TransferEncoding::Identity},
+    {"binary", TransferEncoding::Identity},
+    {"base64", TransferEncoding::Base64},
+    {"quoted-printable", TransferEncoding::QuotedPrintable},
+    {"x-uuencode", TransferEncoding::UUEncode},
+    {"uuencode", TransferEncoding::UUEncode},
+    {"x-uue", TransferEncoding::UUEncode},
+};
+
+bool IsWordByte(char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '-'; }
+
+// The first word behind blanks, quotes and comments, in small letters.
+std::string FirstWord(std::string_view text) {
+    std::string word;
+    unsigned comments = 0;
+    for (char const c : text) {
+        if (c == '(') ++comments;
+        if (comments == 0 && IsWordByte(c))
+            word.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(c))));
+        else if (!word.empty())
+            break;
+        if (c == ')' && comments > 0) --comments;
+    }
+    return word;
+}
+
+GMimeContentEncoding LibraryName(TransferEncoding encoding) {
+    return encoding == TransferEncoding::UUEncode ? GMIME_CONTENT_ENCODING_UUENCODE
+                                                  : GMIME_CONTENT_ENCODING_QUOTEDPRINTABLE;
+}
+
+}  // namespace
+
+std::optional<TransferEncoding> ParseTransferEncoding(std::string_view header) {
+    auto const word = FirstWord(header);
+    for (auto const& row : kRows)
+        if (row.name == word) return row.encoding;
+    return std::nullopt;
+}
+
+TransferDecoder::TransferDecoder(TransferEncoding encoding) : m_encoding(encoding) {
+    g_mime_encoding_init_decode(&m_other, LibraryName(encoding));
+}
+
+std::string_view TransferDecoder::decode(std::string_view piece) {
+    if (m_encoding == TransferEncoding::Identity) return piece;
+    m_buffer.clear();
+    if (m_encoding == TransferEncoding::Base64) {
+        m_base64.decode(piece, m_buffer);
+        return m_buffer;
+    }
+    m_buffer.resize(g_mime_encoding_outlen(&m_other, piece.size()));
+    m_buffer.resize(g_mime_encoding_step(&m_other, piece.data(), piece.size(), m_buffer.data()));
+    return m_buffer;
+}
+
+std::string_view TransferDecoder::finish() {
+    m_buffer.clear();
+    if (m_encoding == TransferEncoding::Base64) m_base64.finish(m_buffer);
+    if (m_encoding != TransferEncoding::QuotedPrintable && m_encoding != TransferEncoding::UUEncode) return m_buffer;
+    m_buffer.resize(g_mime_encoding_outlen(&m_other, 0) + 8);
+    m_buffer.resize(g_mime_encoding_flush(&m_other, "", 0, m_buffer.data()));
+    return m_buffer;
+}
+
+}  // namespace policyloader
