@@ -12,7 +12,7 @@
 
 namespace policyloader {
 class ErrorState;
-class SettingsView;
+class SettingsSource;
 
 class SignatureDatabase;
 class ContentCache;
@@ -31,8 +31,8 @@ public:
     int countEngines() const;
     IKORPropertyBag const* engineInformation(int index) const;  // "EngineType", "Version", "Definitions"; null beyond
 
-    // The settings outlive the scan thread; who gets the scan thread ends it with Release().
-    IScanThread* createScanThread(SettingsView const& settings, InternedString policy);
+    // The settings outlive the scan thread; who gets the scan thread ends it with Release(). Null: no memory.
+    IScanThread* createScanThread(SettingsSource const& settings, InternedString policy);
 
 private:
     // Set by initialise, then read without lock.

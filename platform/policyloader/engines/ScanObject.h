@@ -1,0 +1,45 @@
+// ScanObject: one object on its way through the engines, and then the holder of its verdict.
+// Owner: the host, which ends it with Release(); results and components die with it.  Threads: one at a time.
+// Failure: Scan always answers a verdict; whatever went wrong is an error result in it.
+#pragma once
+
+#include <memory>
+
+#include <eFabric/Policy.h>
+
+#include <policyloader/engines/ResultSet.h>
+#include <policyloader/engines/ScanThread.h>
+
+namespace policyloader {
+
+class ScanObject final : public IScanObject {
+public:
+    // The transport outlives the last Scan.
+    ScanObject(std::shared_ptr<ThreadState> state, eFabric::IStreamTransport& in, InternedString identity);
+
+    void Release() override { delete this; }
+    // `out` null: what changes is rewritten in the input itself. `time` null or 0: the thread's time.
+    IScanResultHandler const* Scan(eFabric::IStreamTransport* out, ScanTime* time) override;
+    // "Settings:<section>:<any text>": whether the section's engine is enabled.
+    bool IsSettingOn(char const* setting, ScanTime* time) override;
+
+private:
+    ~ScanObject() = default;
+
+    SettingsView view(ScanTime const* time) const;
+    void scan(eFabric::IStreamTransport* out, ScanTime const* time);
+    void escalate(bool all);
+    void produce(ScanPlan const& plan, eFabric::IStreamTransport* out);
+    bool isClean(ScanPlan const& plan, eFabric::IStreamTransport& made);
+    bool isFallback() const;
+    IKORPropertyBag const* substitutions() const;
+    std::vector<Engine*> engines() const;
+
+    std::shared_ptr<ThreadState> const m_state;
+    eFabric::IStreamTransport& m_in;
+    InternedString const m_policy;
+    InternedString const m_identity;
+    ResultSet m_results;
+};
+
+}  // namespace policyloader
