@@ -36,9 +36,7 @@ private:
 class AntiVirusEngine::Scan final : public ComponentScan, private MatchHandler {
 public:
     Scan(AntiVirusEngine& engine, Component& component)
-        : m_engine(engine),
-          m_component(component),
-          m_stream(engine.m_database->patterns(), engine.m_scratch, *this) {
+        : m_engine(engine), m_component(component), m_stream(engine.m_database->patterns(), engine.m_scratch, *this) {
         if (engine.m_database->hasSums()) m_digest.emplace();
     }
     void data(std::string_view piece) override {

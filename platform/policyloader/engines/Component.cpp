@@ -14,7 +14,11 @@ constexpr char const* kKindNames[] = {"Object", "Message", "Multipart", "Part"};
 }  // namespace
 
 Component::Component(Component* parent, Kind kind, std::wstring name, long index)
-    : m_parent(parent), m_kind(kind), m_depth(parent ? parent->m_depth + 1 : 0), m_index(index), m_name(std::move(name)) {
+    : m_parent(parent),
+      m_kind(kind),
+      m_depth(parent ? parent->m_depth + 1 : 0),
+      m_index(index),
+      m_name(std::move(name)) {
     if (parent) parent->m_children.push_back(this);
 }
 

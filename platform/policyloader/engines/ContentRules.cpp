@@ -28,8 +28,8 @@ std::string PlaceOf(Rule const& rule) {
 }
 
 [[noreturn]] void Fail(Rule const& rule, std::string const& reason) {
-    throw std::invalid_argument(PlaceOf(rule) + ": rule \"" + std::string(rule.get("name").value_or("")) + "\": " +
-                                reason);
+    throw std::invalid_argument(PlaceOf(rule) + ": rule \"" + std::string(rule.get("name").value_or("")) +
+                                "\": " + reason);
 }
 
 double ReadWeight(Rule const& rule) {

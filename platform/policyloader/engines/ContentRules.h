@@ -72,7 +72,8 @@ private:
     std::size_t m_compiled = 0;
 };
 
-// A phrase as an expression: its letters as they are, a blank for any run of white space, so that a wrapped line counts.
+// A phrase as an expression: its letters as they are, a blank for any run of white space, so that a wrapped line
+// counts.
 std::string PhraseExpression(std::string_view phrase);
 
 }  // namespace policyloader

@@ -16,7 +16,14 @@ namespace policyloader {
 
 class ResultSet;
 
-enum class EngineType : unsigned long { AntiVirus = 1, Content = 2, MailFilter = 3, Format = 4, AntiSpam = 5, Info = 6 };
+enum class EngineType : unsigned long {
+    AntiVirus = 1,
+    Content = 2,
+    MailFilter = 3,
+    Format = 4,
+    AntiSpam = 5,
+    Info = 6
+};
 
 inline constexpr char kAntiVirusName[] = "KORAVScanner";
 inline constexpr char kContentName[] = "KORContentScanner";
@@ -36,11 +43,12 @@ public:
     virtual char const* name() const = 0;
     virtual EngineType type() const = 0;
 
-    // A new object; what the last one left is forgotten. False: the plan has no work for it. The plan outlives the scan.
+    // A new object; what the last one left is forgotten. False: the plan has no work for it. The plan outlives the
+    // scan.
     virtual bool begin(ScanPlan const& plan) = 0;
-    virtual std::unique_ptr<ComponentScan> object(Component&) { return nullptr; }      // as it came in, or salvaged
-    virtual void head(EntityHead const&, Component&) {}                                // of each message and part
-    virtual std::unique_ptr<ComponentScan> open(EntityHead const&, Component&) = 0;    // its content; null: no interest
+    virtual std::unique_ptr<ComponentScan> object(Component&) { return nullptr; }    // as it came in, or salvaged
+    virtual void head(EntityHead const&, Component&) {}                              // of each message and part
+    virtual std::unique_ptr<ComponentScan> open(EntityHead const&, Component&) = 0;  // its content; null: no interest
     virtual void report(ResultSet& results) = 0;
 };
 

@@ -19,8 +19,8 @@ public:
     EngineResult(char const* engine, EngineType type);  // the name is a literal
 
     // While the scan makes it.
-    void addName(std::string const& name);  // of what was found, each once
-    void addComponent(Component& component);  // where it was found, each once; the first is the context
+    void addName(std::string const& name);      // of what was found, each once
+    void addComponent(Component& component);    // where it was found, each once; the first is the context
     void setAction(std::string const& action);  // asked for by the engine; the last one asked for counts
     void setDescription(std::string const& text);
     void setLimit(wchar_t const* kind);  // a format result: "SIZE", "DEPTH"

@@ -23,8 +23,8 @@ struct EntityHead {
     std::string charset;
     std::string fileName;  // UTF-8; empty: none
     bool multipart = false;
-    bool message = false;      // holds a whole message
-    bool ofMessage = false;    // is the head of a message, not of a part
+    bool message = false;    // holds a whole message
+    bool ofMessage = false;  // is the head of a message, not of a part
     bool doubtful = false;
 
     bool isText() const { return multipart || message || type == "text"; }

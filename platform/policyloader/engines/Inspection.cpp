@@ -128,7 +128,8 @@ void Inspection::limit(Limit kind, char const* text) {
 
 void Inspection::count(std::uint64_t decoded) {
     m_decoded += decoded;
-    bool const over = m_decoded > kExpansionFloor && m_decoded / std::max<std::uint64_t>(m_read, 1) >= m_plan.limits.expansion;
+    bool const over =
+        m_decoded > kExpansionFloor && m_decoded / std::max<std::uint64_t>(m_read, 1) >= m_plan.limits.expansion;
     if (over) limit(Limit::Size, "unpacks to too much");
 }
 

@@ -18,7 +18,7 @@
 
 namespace policyloader {
 
-class Inspection final : private EntitySink {
+class Inspection final : public EntitySink {
 public:
     Inspection(ScanPlan const& plan, std::vector<Engine*> const& engines, ResultSet& results, ReadBuffer& buffer);
     ~Inspection();
@@ -66,7 +66,7 @@ private:
     std::vector<Active> m_engines;
     Component* m_object = nullptr;
     std::vector<Scan> m_objectScans;
-    std::unique_ptr<MimeWalker> m_walker;    // null: no message
+    std::unique_ptr<MimeWalker> m_walker;     // null: no message
     std::unique_ptr<EntityBody> m_plainBody;  // of an object that is no message
     std::optional<Limit> m_limit;
     std::string m_limitText;

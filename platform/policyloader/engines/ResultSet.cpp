@@ -159,9 +159,9 @@ bool ResultSet::GetInfectedComponentNames(wchar_t* buffer, int size, wchar_t sep
 bool ResultSet::DidActionOccur(char const* action) const {
     auto const list = triggered();
     return action && std::any_of(list.begin(), list.end(), [&](auto* result) {
-        auto const& actions = result->actions();
-        return std::find(actions.begin(), actions.end(), action) != actions.end();
-    });
+               auto const& actions = result->actions();
+               return std::find(actions.begin(), actions.end(), action) != actions.end();
+           });
 }
 
 bool ResultSet::GetActionList(char* buffer, unsigned& size, char separator, unsigned& count) const {

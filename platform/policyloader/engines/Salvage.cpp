@@ -45,7 +45,8 @@ void Salvage::feed(std::string_view block) {
 
 // A block may end within a line; what comes first decides for the rest.
 void Salvage::line(std::string_view text, bool ends) {
-    bool const encoded = m_midLine ? m_inRun : LooksEncoded(text) || (m_inRun && text.size() <= kShortest + 2 && text.size() > 2);
+    bool const encoded =
+        m_midLine ? m_inRun : LooksEncoded(text) || (m_inRun && text.size() <= kShortest + 2 && text.size() > 2);
     m_midLine = !ends;
     if (encoded)
         run(text);

@@ -29,8 +29,8 @@ private:
     void send(Scans& scans, std::string_view text);
 
     Opener m_opener;
-    Scans m_quoted;       // the whole object, as quoted-printable
-    Scans m_runs[2];      // each run of lines that look like base64, by both ways with paddings
+    Scans m_quoted;   // the whole object, as quoted-printable
+    Scans m_runs[2];  // each run of lines that look like base64, by both ways with paddings
     TransferDecoder m_quotedDecoder;
     Base64Decoder m_decoders[2];
     std::string m_buffer;

@@ -16,7 +16,7 @@ namespace policyloader {
 struct ScanLimits {
     unsigned depth = 16;
     std::size_t parts = 10000;
-    std::uint64_t scanBytes = 0;  // 0: none
+    std::uint64_t scanBytes = 0;    // 0: none
     std::uint64_t expansion = 100;  // decoded bytes for each byte of the object, never below kExpansionFloor
     std::string action = "DENY";
 };

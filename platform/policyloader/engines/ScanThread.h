@@ -11,8 +11,8 @@
 
 #include <policyloader/engines/AntiVirusEngine.h>
 #include <policyloader/engines/ContentEngine.h>
-#include <policyloader/engines/TransportIO.h>
 #include <policyloader/engines/EngineFailure.h>
+#include <policyloader/engines/TransportIO.h>
 #include <policyloader/store/ErrorState.h>
 
 namespace policyloader {

@@ -1,12 +1,12 @@
 #include <policyloader/engines/SignatureDatabase.h>
 
+#include <sys/stat.h>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
 #include <fstream>
 #include <iterator>
-#include <sys/stat.h>
 
 #include <policyloader/engines/EngineFailure.h>
 #include <policyloader/store/ErrorState.h>

@@ -1,10 +1,10 @@
 #include <policyloader/engines/TempObject.h>
 
+#include <fcntl.h>
+#include <unistd.h>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
-#include <unistd.h>
 #include <vector>
 
 #include <policyloader/engines/EngineFailure.h>

@@ -25,8 +25,8 @@ private:
     void sanitize(std::string_view piece);
     void plainLineFeeds();
 
-    iconv_t m_iconv;         // -1: the input is UTF-8 already
-    std::string m_carry;     // the begun character at the end of the last piece
+    iconv_t m_iconv;      // -1: the input is UTF-8 already
+    std::string m_carry;  // the begun character at the end of the last piece
     std::string m_buffer;
     bool m_carriageReturn = false;  // the last piece ended in one
 };

@@ -10,14 +10,10 @@ struct Row {
     TransferEncoding encoding;
 };
 constexpr Row kRows[] = {
-    {"", TransferEncoding::Identity},
-    {"7bit", TransferEncoding::Identity},
-    {"8bit", TransferEncoding::Identity},
-    {"binary", TransferEncoding::Identity},
-    {"base64", TransferEncoding::Base64},
-    {"quoted-printable", TransferEncoding::QuotedPrintable},
-    {"x-uuencode", TransferEncoding::UUEncode},
-    {"uuencode", TransferEncoding::UUEncode},
+    {"", TransferEncoding::Identity},           {"7bit", TransferEncoding::Identity},
+    {"8bit", TransferEncoding::Identity},       {"binary", TransferEncoding::Identity},
+    {"base64", TransferEncoding::Base64},       {"quoted-printable", TransferEncoding::QuotedPrintable},
+    {"x-uuencode", TransferEncoding::UUEncode}, {"uuencode", TransferEncoding::UUEncode},
     {"x-uue", TransferEncoding::UUEncode},
 };
 
