@@ -1,43 +1,26 @@
+#include <QXlog/Log.h>
 #include <QXlog/QXlog.h>
 #include <QXlog/Registry.h>
 
-#include <atomic>
-
 namespace QXlog {
-namespace {
 
-std::atomic<KORlog::Target*> s_target{nullptr};
+void init(std::string const& identity, std::string const& file) {
+    detail::Settings settings = detail::ReadSettings(file);
+    detail::Log::Get().Configure(identity, std::move(settings));
+    detail::allowLogging(true);
+}
 
-class NoSinks : public KORlog::Target {
-    std::string useableSeverities() const override { return {}; }
-    void write(KORlog::sev::Severity, KORtk::Location const&, Event const&, std::string const&,
-               KORlog::InfoBag const&) override {}
-};
-
-}  // namespace
-
-void init(std::string const&, std::string const&) { detail::Registry::Get().SetAllowed(true); }
-void initEvRep(int, int) {}
-void goAsyncEvRep(int) {}
-void shutdownEvRep() {}
+void initEvRep(int, int) { detail::Log::Get().Open(); }
+void goAsyncEvRep(int) { detail::Log::Get().GoAsync(); }
+void shutdownEvRep() { detail::Log::Get().Shutdown(); }
 
 namespace detail {
 
-KORlog::Target& get_qxtarget() {
-    static NoSinks& none = *new NoSinks;
-    KORlog::Target* const target = s_target.load();
-    return target ? *target : none;
-}
-
-KORlog::Target* exchange_qxtarget(KORlog::Target* target) {
-    KORlog::Target* const before = s_target.exchange(target);
-    Registry::Get().SetListened(target);
-    return before;
-}
-
+KORlog::Target& get_qxtarget() { return Log::Get().Current(); }
+KORlog::Target* exchange_qxtarget(KORlog::Target* target) { return Log::Get().Exchange(target); }
 void noLogging() { allowLogging(false); }
 bool allowLogging(bool on) { return Registry::Get().SetAllowed(on); }
-void stdErrLogging(bool) {}
+void stdErrLogging(bool on) { Log::Get().StandardError(on); }
 
 }  // namespace detail
 }  // namespace QXlog

@@ -40,6 +40,9 @@ public:
     void AddText(EventText const& row);
     char const* FindText(int id, int reason) const;
 
+    void LockForFork() { m_mutex.lock(); }  // so that a child finds everything whole
+    void UnlockAfterFork() { m_mutex.unlock(); }
+
 private:
     struct Member {
         Event const* event;

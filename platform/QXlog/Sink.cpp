@@ -1,0 +1,136 @@
+#include <KORtk/Exception.h>
+#include <QXlog/Format.h>
+#include <QXlog/Sink.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <syslog.h>
+#include <systemd/sd-journal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+#include <vector>
+
+namespace QXlog::detail {
+namespace {
+
+constexpr char kJournalSocket[] = "/run/systemd/journal/socket";
+
+bool WriteAll(int fd, std::string_view data) {
+    while (!data.empty()) {
+        ssize_t const written = ::write(fd, data.data(), data.size());
+        if (written < 0 && errno == EINTR) continue;
+        if (written <= 0) return false;
+        data.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return true;
+}
+
+class SyslogSink : public Sink {
+public:
+    SyslogSink(Limits const& limits, int facility, std::string const& identity)
+        : m_limits(limits), m_facility(facility) {
+        static std::string& kept = *new std::string;  // openlog keeps the pointer
+        kept = identity;
+        ::openlog(kept.c_str(), LOG_PID | LOG_NDELAY, facility);
+    }
+    ~SyslogSink() override { ::closelog(); }
+
+    bool Write(Record const& record) override {
+        ::syslog(m_facility | LOG_INFO, "%s", FormatMessage(record, m_limits).c_str());
+        return true;
+    }
+
+private:
+    Limits m_limits;
+    int m_facility;
+};
+
+class JournalSink : public Sink {
+public:
+    explicit JournalSink(Limits const& limits) : m_limits(limits) {}
+
+    bool Write(Record const& record) override {
+        std::vector<std::string> fields = FormatJournal(record, m_limits);
+        std::vector<iovec> rows;
+        for (std::string& field : fields) rows.push_back({field.data(), field.size()});
+        return ::sd_journal_sendv(rows.data(), static_cast<int>(rows.size())) == 0;
+    }
+
+private:
+    Limits m_limits;
+};
+
+class StandardErrorSink : public Sink {
+public:
+    using Form = std::string (*)(Record const&, Limits const&);
+    StandardErrorSink(Limits const& limits, Form form) : m_limits(limits), m_form(form) {}
+
+    bool Write(Record const& record) override { return WriteAll(STDERR_FILENO, m_form(record, m_limits)); }
+
+private:
+    Limits m_limits;
+    Form m_form;
+};
+
+// Appends a line by one write, so that the processes of a proxy may share the file. A file that was moved away is
+// made anew, looked for at most once a second; when that is not possible any more the old one is written on.
+class JsonFileSink : public Sink {
+public:
+    JsonFileSink(Limits const& limits, std::string file) : m_limits(limits), m_file(std::move(file)), m_fd(Open()) {
+        if (m_fd < 0) throw KORtk::Exception(KORtk::Here(), m_file + ": cannot be opened: " + std::strerror(errno));
+    }
+    ~JsonFileSink() override { ::close(m_fd); }
+
+    bool Write(Record const& record) override {
+        auto const now = std::chrono::steady_clock::now();
+        if (now - m_looked >= std::chrono::seconds(1)) {
+            m_looked = now;
+            if (MovedAway()) Reopen();
+        }
+        return WriteAll(m_fd, FormatJson(record, m_limits));
+    }
+
+private:
+    int Open() const { return ::open(m_file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0640); }
+
+    bool MovedAway() const {
+        struct stat have, named;
+        if (::fstat(m_fd, &have) != 0) return true;
+        return ::stat(m_file.c_str(), &named) != 0 || named.st_dev != have.st_dev || named.st_ino != have.st_ino;
+    }
+
+    void Reopen() {
+        int const fresh = Open();
+        if (fresh < 0) return;
+        ::close(std::exchange(m_fd, fresh));
+    }
+
+    Limits m_limits;
+    std::string m_file;
+    int m_fd;
+    std::chrono::steady_clock::time_point m_looked{};
+};
+
+}  // namespace
+
+std::unique_ptr<Sink> MakeSink(SinkSettings const& settings, Limits const& limits, std::string const& identity) {
+    switch (settings.kind) {
+        case SinkKind::Journal:
+            if (::access(kJournalSocket, W_OK) == 0) return std::make_unique<JournalSink>(limits);
+            break;  // no journal on this machine: its call would lose the records in silence
+        case SinkKind::Json:
+            if (!settings.file.empty()) return std::make_unique<JsonFileSink>(limits, settings.file);
+            return std::make_unique<StandardErrorSink>(limits, FormatJson);
+        case SinkKind::Text:
+            return std::make_unique<StandardErrorSink>(limits, FormatText);
+        case SinkKind::Syslog:
+            break;
+    }
+    return std::make_unique<SyslogSink>(limits, settings.facility, identity);
+}
+
+}  // namespace QXlog::detail
