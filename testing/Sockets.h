@@ -132,10 +132,11 @@ public:
 private:
     static void Tick(int) {
         int const error = errno;
-        if (++s_ticks == s_at && s_then) s_then();
+        s_ticks = s_ticks + 1;
+        if (s_ticks == s_at && s_then) s_then();
         errno = error;
     }
-    static inline volatile int s_ticks = 0;
+    static inline volatile std::sig_atomic_t s_ticks = 0;
     static inline int s_at = 0;
     static inline std::function<void()> s_then;
     struct sigaction m_before {};
