@@ -103,6 +103,7 @@ struct Unsent {
 }  // namespace
 
 void TCPStream::initialise(Config*) {
+    if (s_pNoCommsDataErrors) return;
     s_pNoCommsDataErrors = new QXStats::QXCounter("comms.data");
     s_pNoCommsConnectErrors = new QXStats::QXCounter("comms.connect");
     s_pNoCommsConnectTimeouts = new QXStats::QXCounter("comms.connect.timeout");
