@@ -1,7 +1,7 @@
 // EventCapture: stands in the place of the log's sinks while it lives, and holds the test to the events it expects.
 // The destructor fails the test for each event that came and was neither expected nor allowed, and for each expected
-// one that did not come. Events are on as configured meanwhile, which is all of them by default, until noLogging is called.
-// Owner: the test or its fixture. Threads: events may come from any; the verbs are the test thread's.
+// one that did not come. Events are on as configured meanwhile, which is all of them by default, until noLogging is
+// called. Owner: the test or its fixture. Threads: events may come from any; the verbs are the test thread's.
 #pragma once
 
 #include <QXlog/QXlog.h>

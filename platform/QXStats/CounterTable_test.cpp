@@ -6,8 +6,10 @@
 
 #include <cstring>
 #include <filesystem>
+#include <sstream>
 #include <string>
 
+#include "testing/DocExample.h"
 #include "testing/TempRoot.h"
 
 namespace {
@@ -40,6 +42,21 @@ TEST_F(CounterFile, HasTheLayoutThatIsDocumented) {
     std::memcpy(&value, bytes.data() + 256 + 8, 8);
     EXPECT_EQ(value, 0x0102030405060708u);
     EXPECT_STREQ(bytes.data() + 256 + 16, "second");
+}
+
+TEST_F(CounterFile, OfTheManualHasTheBytesThatTheManualShows) {
+    CounterTable& table = *CounterTable::OpenShared("smtp");
+    *table.Find("recycle.con") = 3;
+    *table.Find("forks") = 259;
+    std::string shown(131072, '\0');
+    std::istringstream lines(velt_testing::DocExample(DOCS "/formats/counters.md", "hex"));
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream words(line);
+        std::size_t offset;
+        words >> std::hex >> offset;
+        for (unsigned byte; words >> byte;) shown.at(offset++) = static_cast<char>(byte);
+    }
+    EXPECT_EQ(m_root.Read(m_path), shown);
 }
 
 TEST_F(CounterFile, IsReadableByAllAndWritableByItsOwner) {

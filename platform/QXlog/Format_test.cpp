@@ -7,6 +7,8 @@
 #include <cmath>
 #include <string>
 
+#include "testing/DocExample.h"
+
 namespace {
 
 using namespace QXlog::detail;
@@ -70,6 +72,14 @@ TEST(LogJson, HasAllMembersAndNestedBagsNested) {
         "{\"time\":\"2024-05-01T12:00:00.123456Z\",\"identity\":\"smtp\",\"pid\":42,\"event\":10003,\"reason\":68,"
         "\"words\":\"session begins\",\"file\":\"a.cpp\",\"line\":7,\"function\":\"void f()\",\"values\":{"
         "\"connection\":{\"source_ip\":\"192.0.2.1\",\"source_port\":25},\"spam_score\":2.5,\"velt_pid\":-3}}\n");
+}
+
+TEST(LogRecords, LookAsTheManualShowsThem) {
+    Record record = ARecord();
+    record.bag = kConnection(QXPROP_SOURCE_IP("192.0.2.1") | QXPROP_SOURCE_PORT(25));
+    std::string const page = DOCS "/formats/logging-xml.md";
+    EXPECT_EQ(FormatText(record, {}), velt_testing::DocExample(page, "text"));
+    EXPECT_EQ(FormatJson(record, {}), velt_testing::DocExample(page, "json"));
 }
 
 TEST(LogJson, GivesAListForAKeyThatComesTwice) {

@@ -1,12 +1,15 @@
 // The whole way from a report to its sink. syslog and the journal are caught at their calls.
+#define SD_JOURNAL_SUPPRESS_LOCATION
 #include <KORtk/Exception.h>
 #include <QXStats/QXCounter.h>
 #include <QXlog/Names.h>
 #include <QXlog/QXlog.h>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <syslog.h>
+#include <systemd/sd-journal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -27,12 +30,25 @@ std::vector<std::string>& Syslog() {
     static std::vector<std::string> lines;
     return lines;
 }
+std::vector<std::string>& Journal() {
+    static std::vector<std::string> fields;
+    return fields;
+}
+bool s_journalRuns = false;
 std::atomic<unsigned long> s_allocations{0};
 }  // namespace
 
 extern "C" {
 void openlog(char const* ident, int option, int facility) {
     Syslog().push_back("open " + std::string(ident) + ' ' + std::to_string(option) + ' ' + std::to_string(facility));
+}
+int access(char const* path, int mode) noexcept {
+    if (std::string(path) == "/run/systemd/journal/socket") return s_journalRuns ? 0 : -1;
+    return ::faccessat(AT_FDCWD, path, mode, 0);
+}
+int sd_journal_sendv(iovec const* rows, int count) {
+    for (int i = 0; i < count; ++i) Journal().emplace_back(static_cast<char const*>(rows[i].iov_base), rows[i].iov_len);
+    return 0;
 }
 void closelog() {}
 void syslog(int priority, char const* format, ...) {
@@ -100,6 +116,26 @@ TEST_F(Logging, AMissingFileSendsEverythingToSyslog) {
     ASSERT_EQ(Syslog().size(), 2u);
     EXPECT_EQ(Syslog()[0], "open smtp " + std::to_string(LOG_PID | LOG_NDELAY) + ' ' + std::to_string(LOG_DAEMON));
     EXPECT_EQ(Syslog()[1], std::to_string(LOG_DAEMON | LOG_INFO) + " %s 991003:68: source_hostname=\"a%s%n\\nb\"");
+}
+
+TEST_F(Logging, TheJournalTakesARecordAsFields) {
+    Journal().clear();
+    s_journalRuns = true;
+    Configure("<logging><sink type='journal'/></logging>");
+    Report(Begins::value, QXPROP_SOURCE_IP("192.0.2.1"));
+    ASSERT_FALSE(Journal().empty());
+    EXPECT_EQ(Journal().front(), "MESSAGE=991003:68: source_ip=192.0.2.1");
+    EXPECT_EQ(Journal().back(), "VELT_SOURCE_IP=192.0.2.1");
+}
+
+TEST_F(Logging, WhereNoJournalRunsItsRecordsGoToSyslog) {
+    Syslog().clear();
+    Journal().clear();
+    s_journalRuns = false;
+    Configure("<logging><sink type='journal'/></logging>");
+    Report(Begins::value);
+    EXPECT_TRUE(Journal().empty());
+    EXPECT_EQ(Syslog().size(), 2u);
 }
 
 TEST_F(Logging, AMalformedFileThrowsAndLeavesWhatWas) {

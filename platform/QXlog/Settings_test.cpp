@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "testing/DocExample.h"
 #include "testing/TempRoot.h"
 
 namespace {
@@ -111,6 +112,21 @@ TEST_F(LoggingFile, ErrorsNameLineColumnAndReason) {
         {"<logging/><logging/>", "1:12: more than one element at the top"},
     };
     for (Row const& row : kRows) EXPECT_EQ(Complaint(row.text), row.complaint) << row.text;
+}
+
+TEST_F(LoggingFile, OfTheManualReadsAsTheManualSays) {
+    Settings const settings = Read(velt_testing::DocExample(DOCS "/formats/logging-xml.md", "xml"));
+    ASSERT_EQ(settings.sinks.size(), 2u);
+    EXPECT_EQ(settings.sinks[0].kind, SinkKind::Journal);
+    EXPECT_EQ(settings.sinks[1].file, "/var/log/velt/smtp.json");
+    EXPECT_EQ(settings.queueSize, 4096u);
+    EXPECT_FALSE(settings.dropWhenFull);
+    EXPECT_EQ(settings.limits.value, 512u);
+    EXPECT_EQ(settings.limits.record, 8192u);
+    EXPECT_FALSE(settings.switches.Allow(10003, 65));
+    EXPECT_TRUE(settings.switches.Allow(10003, 68));
+    EXPECT_FALSE(settings.switches.Allow(180002, 206));
+    EXPECT_TRUE(settings.switches.Allow(180002, 161));
 }
 
 TEST_F(LoggingFile, EveryCutOfAGoodFileIsAnError) {

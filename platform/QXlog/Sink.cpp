@@ -1,3 +1,6 @@
+// The place of a record is the one of the report, not the one of the call to the journal.
+#define SD_JOURNAL_SUPPRESS_LOCATION
+
 #include <KORtk/Exception.h>
 #include <QXlog/Format.h>
 #include <QXlog/Sink.h>
