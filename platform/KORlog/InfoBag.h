@@ -31,10 +31,9 @@ struct Pair {
 // What a key is given by reference. It is read when the pair is made, since a bag may outlive it in a sink's queue.
 template <class T>
 struct Ref {
+    explicit Ref(T const& value) : v(value) {}
     T const& v;
 };
-template <class T>
-Ref(T const&) -> Ref<T>;
 
 // A key makes pairs: key(value). int, bool and time_t become long; char texts std::string; wide texts Utf8Array.
 struct Key {

@@ -46,7 +46,8 @@ TEST(InfoBags, JoinWithBagsAndPairsOnEitherSide) {
     EXPECT_EQ(kOne(1) | right, left | right);
     EXPECT_EQ(left | kTwo(2), left | right);
     InfoBag self = left;
-    self |= self;
+    InfoBag const& same = self;
+    self |= same;
     EXPECT_EQ(self, left);
 }
 
