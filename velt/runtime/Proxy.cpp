@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -97,6 +98,7 @@ Proxy::Proxy()
 
 // The loop, the monitor and the bindings are left to the end of the process.
 Proxy::~Proxy() {
+    for (sockaddr_in* const address : m_interfaceAddresses) std::free(address);
     if (s_pProxyInstance == this) s_pProxyInstance = nullptr;
 }
 
@@ -115,9 +117,11 @@ void Proxy::Shutdown() {
     delete this;
 }
 
+// In the foreground, what goes to syslog before the log is up is seen on standard error, too.
 int Proxy::Start(int argc, char** argv) {
     for (int i = 0; i < argc; ++i) m_commandLine.append(argv[i]).append(" ");
     if (ProcessArgs(argc, argv) != 0) return -1;
+    if (m_debugForeground) ::openlog(m_proxyName.c_str(), LOG_PID | LOG_PERROR, LOG_DAEMON);
     return m_runAsService ? StartAsService() : ProxyMain();
 }
 
