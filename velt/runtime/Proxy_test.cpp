@@ -1,0 +1,310 @@
+#include <velt/runtime/Proxy.h>
+
+#include <gtest/gtest.h>
+
+#include <velt/logging/Events.h>
+#include <velt/runtime/RuntimeTest.h>
+
+namespace {
+
+using VELT::Proxy;
+
+// A command line that lives as long as what the proxy keeps of it.
+class Arguments {
+public:
+    Arguments(std::initializer_list<char const*> texts) : m_texts(texts.begin(), texts.end()) {
+        for (std::string& text : m_texts) m_argv.push_back(text.data());
+        m_argv.push_back(nullptr);
+    }
+    int argc() const { return static_cast<int>(m_texts.size()); }
+    char** argv() { return m_argv.data(); }
+
+private:
+    std::vector<std::string> m_texts;
+    std::vector<char*> m_argv;
+};
+
+class NotedProxy : public Proxy {
+public:
+    int ProxyMain() override {
+        ++mains;
+        return 17;
+    }
+    int StartAsService() override {
+        ++services;
+        return 18;
+    }
+    int mains = 0, services = 0;
+};
+
+class ProxyTest : public velt_testing::ProxyFixture {
+protected:
+    int Process(std::initializer_list<char const*> texts) {
+        m_arguments = std::make_unique<Arguments>(texts);
+        return m_proxy->ProcessArgs(m_arguments->argc(), m_arguments->argv());
+    }
+    std::unique_ptr<Arguments> m_arguments;
+};
+
+TEST_F(ProxyTest, NamesFollowTheOptionsAndTheRestIsTheHosts) {
+    EXPECT_EQ(Process({"echo", "-d", "mail", "product", "first", "second"}), 0);
+    EXPECT_EQ(m_proxy->m_proxyName, "mail");
+    EXPECT_EQ(m_proxy->m_productName, "product");
+    EXPECT_EQ(m_proxy->m_productConfigFile, m_root / "config/qxxmlconf/product.xml");
+    EXPECT_EQ(m_proxy->m_scanDir, m_root / "scandir/mail");
+    ASSERT_EQ(m_proxy->m_argc, 2);
+    EXPECT_STREQ(m_proxy->m_argv[0], "first");
+    EXPECT_STREQ(m_proxy->m_argv[1], "second");
+}
+
+TEST_F(ProxyTest, OptionAloneIsEnoughOfACommandLine) {
+    EXPECT_EQ(Process({"echo", "-d"}), 0);
+    EXPECT_EQ(m_proxy->m_proxyName, "");
+    EXPECT_EQ(m_proxy->m_productName, "");
+    EXPECT_EQ(m_proxy->m_argc, -2);
+    EXPECT_EQ(*m_proxy->m_argv, nullptr);
+}
+
+TEST_F(ProxyTest, CommandLineWithoutArgumentsEndsTheProcessWithSuccess) {
+    ::signal(SIGCHLD, SIG_DFL);
+    EXPECT_EXIT(Process({"echo"}), ::testing::ExitedWithCode(0), "^Not enough arguments\n$");
+}
+
+TEST_F(ProxyTest, EachOptionSetsItsField) {
+    Process({"echo", "-a", "-n", "-s", "other", "-t", "retry", "mail", "product"});
+    EXPECT_TRUE(m_proxy->m_antiSpamSdk);
+    EXPECT_FALSE(m_proxy->m_loggingOn);
+    EXPECT_STREQ(m_proxy->m_serviceType, "other");
+    EXPECT_STREQ(m_proxy->m_retryerArgument, "retry");
+    EXPECT_EQ(m_proxy->m_logName, "retry");
+    EXPECT_TRUE(m_proxy->m_runAsService);
+}
+
+TEST_F(ProxyTest, LastOptionThatNamesTheLogWins) {
+    Process({"echo", "-l", "log", "-t", "retry", "mail", "product"});
+    EXPECT_EQ(m_proxy->m_logName, "retry");
+    Process({"echo", "-t", "retry", "-l", "log", "mail", "product"});
+    EXPECT_EQ(m_proxy->m_logName, "log");
+}
+
+TEST_F(ProxyTest, ForegroundAndSingleProcessGoTogether) {
+    Process({"echo", "-d", "-p", "mail", "product"});
+    EXPECT_FALSE(m_proxy->m_runAsService);
+    EXPECT_TRUE(m_proxy->m_singleProcess);
+    EXPECT_TRUE(m_proxy->m_debugForeground);
+}
+
+TEST_F(ProxyTest, UnknownLettersAreIgnored) {
+    EXPECT_EQ(Process({"echo", "-x", "-d", "mail", "product"}), 0);
+    EXPECT_EQ(m_proxy->m_proxyName, "mail");
+}
+
+TEST_F(ProxyTest, OptionsBehindTheNamesAreTheLibrarysUnlessADoubleDashStandsBefore) {
+    Process({"echo", "mail", "product", "-n"});
+    EXPECT_FALSE(m_proxy->m_loggingOn);
+    m_proxy->m_loggingOn = true;
+    Process({"echo", "--", "mail", "product", "-n"});
+    EXPECT_TRUE(m_proxy->m_loggingOn);
+    ASSERT_EQ(m_proxy->m_argc, 1);
+    EXPECT_STREQ(m_proxy->m_argv[0], "-n");
+}
+
+TEST_F(ProxyTest, ProxyWithoutANameHasTheEmptyOne) {
+    m_proxy->SetProxyName(nullptr);
+    EXPECT_EQ(m_proxy->m_proxyName, "");
+}
+
+TEST_F(ProxyTest, StartKeepsTheCommandLineWithABlankAfterEachArgument) {
+    delete m_proxy;
+    auto* const noted = new NotedProxy;
+    m_proxy = noted;
+    Arguments foreground{"echo", "-d", "mail", "product"};
+    EXPECT_EQ(VELT::ProxyStart(foreground.argc(), foreground.argv()), 17);
+    EXPECT_EQ(noted->m_commandLine, "echo -d mail product ");
+    noted->m_runAsService = true;
+    Arguments service{"echo", "mail", "product"};
+    EXPECT_EQ(noted->Start(service.argc(), service.argv()), 18);
+    EXPECT_EQ(noted->mains, 1);
+    EXPECT_EQ(noted->services, 1);
+}
+
+TEST_F(ProxyTest, ConstructionIgnoresThreeSignalsAndClearsTheUmask) {
+    for (int const signal : {SIGPIPE, SIGXFSZ, SIGCHLD}) {
+        struct sigaction action = {};
+        ::sigaction(signal, nullptr, &action);
+        EXPECT_EQ(action.sa_handler, SIG_IGN) << signal;
+    }
+    EXPECT_EQ(::umask(0), 0u);
+}
+
+TEST_F(ProxyTest, NewestInstanceTakesOverAndAGoneOneIsForgotten) {
+    {
+        Proxy second;
+        EXPECT_EQ(Proxy::s_pProxyInstance, &second);
+    }
+    EXPECT_EQ(Proxy::s_pProxyInstance, nullptr);
+    Proxy::s_pProxyInstance = m_proxy;
+}
+
+TEST_F(ProxyTest, StopReportsAndDeletesTheObject) {
+    velt_testing::EventCapture events;
+    events.Expect(VELT::events::PROXY_STOPS);
+    VELT::ProxyStop();
+    EXPECT_EQ(Proxy::s_pProxyInstance, nullptr);
+    EXPECT_EQ(velt_testing::NumberAt(events.Bag(VELT::events::PROXY_STOPS), "velt_pid"), ::getpid());
+    m_proxy = nullptr;
+}
+
+TEST_F(ProxyTest, StandardSettingsHaveTheirDefaultsBeforeTheFirstRead) {
+    EXPECT_EQ(m_proxy->m_maxConnections, 1u);
+    EXPECT_EQ(m_proxy->m_acceptCount, 1u);
+    EXPECT_STREQ(m_proxy->m_serviceType, "tcp");
+    EXPECT_EQ(m_proxy->m_retryerArgument, nullptr);
+    EXPECT_FALSE(m_proxy->m_loopbackAllowed);
+    EXPECT_FALSE(m_proxy->m_clockInConnectionChild);
+}
+
+TEST_F(ProxyTest, StackOfConnectionThreadsIsTheSystemsWhileScansRunHere) {
+    m_proxy->m_handlerStackSize = 128;
+    Proxy::CheckStackSize();
+    EXPECT_EQ(m_proxy->m_handlerStackSize, 0u);
+}
+
+// --- bindings ---
+
+class BindingTest : public ProxyTest {
+protected:
+    int Check(char const* address, unsigned short port) {
+        return m_proxy->CheckDupSvcBinding(::inet_addr(address), static_cast<short>(port));
+    }
+    void Add(char const* address, unsigned short port) { m_proxy->AddSvcBinding(::inet_addr(address), port); }
+};
+
+TEST_F(BindingTest, AnyAddressCoversLaterOnes) {
+    Add("0.0.0.0", 25);
+    EXPECT_EQ(Check("10.0.0.1", 25), 2);
+    Add("10.0.0.1", 25);
+    EXPECT_EQ(Proxy::GetSvcBindings().size(), 1u);
+}
+
+TEST_F(BindingTest, AnyAddressIsRefusedAfterASpecialOne) {
+    Add("10.0.0.1", 25);
+    EXPECT_EQ(Check("0.0.0.0", 25), 1);
+    Add("0.0.0.0", 25);
+    EXPECT_EQ(Proxy::GetSvcBindings().size(), 1u);
+}
+
+TEST_F(BindingTest, SameAddressAndPortAreRefusedWhateverThePort) {
+    for (unsigned short const port : {25, 32767, 32768, 65535}) {
+        Add("10.0.0.1", port);
+        EXPECT_EQ(Check("10.0.0.1", port), 2) << port;
+    }
+    EXPECT_EQ(Check("0.0.0.0", 26), 0);
+}
+
+TEST_F(BindingTest, OtherAddressesAndPortsAreAccepted) {
+    Add("10.0.0.1", 25);
+    EXPECT_EQ(Check("10.0.0.2", 25), 0);
+    Add("10.0.0.2", 25);
+    Add("10.0.0.1", 26);
+    auto const bindings = Proxy::GetSvcBindings();
+    ASSERT_EQ(bindings.size(), 3u);
+    EXPECT_EQ(bindings[1]->sin_family, AF_INET);
+    EXPECT_EQ(ntohs(bindings[2]->sin_port), 26);
+    EXPECT_STREQ(::inet_ntoa(bindings[1]->sin_addr), "10.0.0.2");
+}
+
+TEST_F(BindingTest, BindingGivenAsAnAddressIsNotChecked) {
+    sockaddr_in binding = velt_testing::Loopback(25);
+    m_proxy->AddSvcBinding(binding);
+    m_proxy->AddSvcBinding(binding);
+    EXPECT_EQ(Proxy::GetSvcBindings().size(), 2u);
+}
+
+TEST_F(BindingTest, WithoutConfiguredAddressesThereAreNone) {
+    m_proxy->LoadSvcBindings();
+    Proxy::AddSvcBinding(25);
+    EXPECT_TRUE(Proxy::GetSvcBindings().empty());
+}
+
+// --- what the library asks ---
+
+TEST_F(ProxyTest, WholeLoopbackNetAndOwnAddressesLeadBack) {
+    EXPECT_TRUE(Proxy::IsLoopbackConnection(velt_testing::Loopback(1, "127.9.9.9")));
+    EXPECT_FALSE(Proxy::IsLoopbackConnection(velt_testing::Loopback(1, "192.0.2.7")));
+    sockaddr_in own = velt_testing::Loopback(0, "192.0.2.7");
+    m_proxy->m_interfaceAddresses.push_back(&own);
+    EXPECT_TRUE(Proxy::IsLoopbackConnection(velt_testing::Loopback(1, "192.0.2.7")));
+    m_proxy->m_interfaceAddresses.pop_back();
+}
+
+TEST_F(ProxyTest, InterfaceNamesLeaveOutTheLoopback) {
+    for (std::string const& name : Proxy::GetInterfaces()) EXPECT_NE(name, "127.0.0.1");
+    EXPECT_LE(Proxy::GetInterfaces().size(), m_proxy->m_interfaceAddresses.size());
+}
+
+TEST_F(ProxyTest, HostNameIsShortOrFull) {
+    std::string shortName = "gate", fullName = "gate.example.test";
+    Proxy::SetHostInformation(shortName, fullName);
+    EXPECT_EQ(Proxy::GetProxyHostName(false), "gate");
+    EXPECT_EQ(Proxy::GetProxyHostName(true), "gate.example.test");
+}
+
+TEST_F(ProxyTest, UsersAndGroupsAreNumbersOrKnownNames) {
+    EXPECT_EQ(Proxy::MapUID(nullptr), -1);
+    EXPECT_EQ(Proxy::MapGID(nullptr), -1);
+    EXPECT_EQ(Proxy::MapUID(""), -1);
+    EXPECT_EQ(Proxy::MapUID("0123"), 123);
+    EXPECT_EQ(Proxy::MapGID("4294967294"), 4294967294L);
+    EXPECT_EQ(Proxy::MapUID("root"), 0);
+    EXPECT_EQ(Proxy::MapGID("root"), 0);
+    EXPECT_EQ(Proxy::MapUID("no such user"), -1);
+    EXPECT_EQ(Proxy::MapGID("no such group"), -1);
+}
+
+TEST_F(ProxyTest, WithoutAUserOrGroupTheProcessStaysWhatItIs) {
+    velt_testing::EventCapture events;
+    uid_t const before = ::getuid();
+    m_proxy->SetUidAndGid();
+    EXPECT_EQ(::getuid(), before);
+}
+
+// --- direction ---
+
+class DirectionTest : public ProxyTest {
+protected:
+    void Lists(std::string const& inside, std::string const& outside) {
+        m_root.Write("inside.txt", inside);
+        m_root.Write("outside.txt", outside);
+        m_proxy->m_insidePolicy.load(m_root / "inside.txt");
+        m_proxy->m_outsidePolicy.load(m_root / "outside.txt");
+        m_session.getSourceConnection().m_address = velt_testing::Loopback(1, "10.0.0.1");
+    }
+    VELT::Connection m_session;
+};
+
+TEST_F(DirectionTest, MoreSpecificListWins) {
+    bool outside = true;
+    Lists("NETWORK 10.0.0.0/8\n", "NETWORK *\n");
+    EXPECT_TRUE(Proxy::FindConnectionDirection(outside, &m_session));
+    EXPECT_FALSE(outside);
+    Lists("NETWORK 10.0.0.0/8\n", "NETWORK 10.0.0.1\n");
+    EXPECT_TRUE(Proxy::FindConnectionDirection(outside, &m_session));
+    EXPECT_TRUE(outside);
+}
+
+TEST_F(DirectionTest, TieGoesToOutside) {
+    bool outside = false;
+    Lists("NETWORK 10.0.0.0/8\n", "NETWORK 10.0.0.0/8\n");
+    EXPECT_TRUE(Proxy::FindConnectionDirection(outside, &m_session));
+    EXPECT_TRUE(outside);
+}
+
+TEST_F(DirectionTest, AddressOnNeitherListHasNone) {
+    bool outside = true;
+    Lists("NETWORK 192.0.2.0/24\n", "");
+    EXPECT_FALSE(Proxy::FindConnectionDirection(outside, &m_session));
+    EXPECT_FALSE(outside);
+}
+
+}  // namespace
