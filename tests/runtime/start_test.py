@@ -1,0 +1,149 @@
+"""Starting: in the foreground, as a service, with ports that are taken, with configuration that cannot be used."""
+import os
+import signal
+import socket
+import subprocess
+import unittest
+
+import echo_case
+import harness
+
+
+class Start(echo_case.EchoCase):
+    def test_foreground_daemon_serves_a_client(self):
+        daemon = self.start()
+        with self.connect() as client:
+            self.assertEqual(client.ask("hello"), "hello")
+            self.assertEqual(client.ask(""), "")
+        self.assertEqual(self.events(10000, 46)[0]["values"]["velt_command_line"],
+                         f"{self.program} -d echo product ")
+        self.assertIn("10003:68", daemon.stderr())
+        self.stop()
+        self.assertEqual(daemon.wait(), 0)
+
+    def test_configured_number_of_workers_runs(self):
+        daemon = self.start(network={"AcceptCount": 3})
+        self.assertEqual(len(daemon.workers()), 3)
+
+    def test_port_in_use_is_reported_and_the_others_serve(self):
+        with socket.socket() as taken:
+            taken.bind((harness.SERVER, 0))
+            taken.listen()
+            busy = taken.getsockname()[1]
+            settings = self.settings(2)
+            settings["network"]["BindPorts"] = [self.ports[0], busy, self.ports[1]]
+            self.configure(settings)
+            self.launch()
+            self.wait_event(10000, 54)
+            failures = self.events(10001, 60)
+            self.assertEqual(len(failures), 1)
+            self.assertEqual(failures[0]["values"]["velt_listen_port"], busy)
+            self.assertEqual(failures[0]["values"]["velt_socket_operation"], "bind")
+            for port in self.ports:
+                with self.connect(port) as client:
+                    self.assertEqual(client.ask("served"), "served")
+
+    def test_malformed_rules_end_start_up_with_file_line_and_column(self):
+        self.configure({}, rules='<rules version="1">\n  <policy name="base">\n    <settings section="network"\n')
+        daemon = self.launch()
+        self.assertEqual(daemon.wait(), 255)
+        self.assertRegex(daemon.stderr(), r"rules\.xml")
+        self.assertRegex(daemon.stderr(), r"line:\d+")
+        self.assertRegex(daemon.stderr(), r"column:\d+")
+
+    def test_malformed_logging_is_told_and_the_daemon_starts(self):
+        self.configure(self.settings())
+        self.root.write("echo-logging.xml", "<logging><sink")
+        daemon = self.launch()
+        client = harness.wait_until(self._connected, "an open port")
+        self.assertEqual(client.ask("hello"), "hello")
+        client.close()
+        self.assertIn("Failure during initialisation of the logging system: ", daemon.stderr())
+        self.assertIn("Will attempt to continue.", daemon.stderr())
+
+    def test_missing_network_lists_start_a_daemon_that_runs_no_session(self):
+        self.configure(self.settings())
+        for name in ("inside.txt", "outside.txt"):
+            (self.root.path / "config/qxxmlconf" / name).unlink()
+        self.launch()
+        self.wait_event(10000, 54)
+        with self.connect() as client:
+            self.assertTrue(client.closed_by_peer())
+
+    def test_other_service_type_ends_start_up(self):
+        self.configure(self.settings())
+        daemon = self.launch(options=("-d", "-s", "retry"))
+        self.assertEqual(daemon.wait(), 255)
+        self.assertIn('The service type "retry" is not supported', daemon.stderr())
+
+    def test_single_process_mode_of_the_tcp_service_ends_at_once(self):
+        self.configure(self.settings())
+        daemon = self.launch(options=("-d", "-p"))
+        self.assertEqual(daemon.wait(), 0)
+        self.assertEqual(self.events(10000, 54), [])
+
+    def test_no_arguments_are_a_line_on_standard_error_and_success(self):
+        bare = subprocess.run([self.program], capture_output=True, text=True)
+        self.assertEqual((bare.returncode, bare.stderr), (0, "Not enough arguments\n"))
+
+    def test_health_is_told_to_the_local_monitor_only(self):
+        self.start()
+        with self.connect(source=harness.SERVER) as monitor:
+            monitor.file.write(b"GET / HTTP/1.0\r\n\r\n")
+            monitor.file.flush()
+            answer = monitor.file.read().decode()
+        self.assertRegex(answer, r"^HTTP/1\.0 200 OK\r\n\r\nHealth: OK\r\nName: echo\r\nStart: \d+\r\n$")
+        with self.connect() as client:
+            self.assertEqual(client.ask("GET / HTTP/1.0"), "GET / HTTP/1.0")
+
+    def _connected(self):
+        try:
+            return self.connect()
+        except ConnectionRefusedError:
+            return None
+
+
+class Service(echo_case.EchoCase):
+    """Without -d the daemon detaches: launcher, supervisor, monitor, workers."""
+
+    def start_service(self):
+        daemon = self.start(options=())
+        self.assertEqual(daemon.wait(), 0)
+        return daemon
+
+    def parent_of(self, pid):
+        with open(f"/proc/{pid}/stat") as stat:
+            return int(stat.read().rsplit(")", 1)[1].split()[1])
+
+    def monitor(self, worker):
+        return self.parent_of(worker)
+
+    def end_service(self, supervisor, monitor):
+        os.kill(supervisor, signal.SIGKILL)
+        os.kill(monitor, signal.SIGHUP)
+        self.wait_all_gone()
+
+    def test_launcher_leaves_and_the_service_serves(self):
+        self.start_service()
+        worker = self.events(10000, 54)[0]["values"]["velt_pid"]
+        monitor = self.parent_of(worker)
+        supervisor = self.parent_of(monitor)
+        with self.connect() as client:
+            self.assertEqual(client.ask("hello"), "hello")
+        self.assertEqual(os.readlink(f"/proc/{monitor}/fd/0"), "/dev/null")
+        self.end_service(supervisor, monitor)
+
+    def test_hangup_of_the_monitor_restarts_the_service(self):
+        self.start_service()
+        worker = self.events(10000, 54)[0]["values"]["velt_pid"]
+        monitor = self.parent_of(worker)
+        supervisor = self.parent_of(monitor)
+        os.kill(monitor, signal.SIGHUP)
+        self.wait_event(10000, 46, count=2)
+        self.wait_event(10000, 54, count=2)
+        worker = self.events(10000, 54)[1]["values"]["velt_pid"]
+        self.end_service(supervisor, self.parent_of(worker))
+
+
+if __name__ == "__main__":
+    unittest.main()
