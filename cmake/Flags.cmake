@@ -2,7 +2,7 @@
 option(VELT_WERROR "warnings are errors" OFF)
 option(VELT_HARDEN "hardening flags of a release" OFF)
 
-add_compile_options(-Wall -Wextra -Wshadow=local -Wnon-virtual-dtor -Woverloaded-virtual)
+add_compile_options(-Wall -Wextra -Wnon-virtual-dtor -Woverloaded-virtual)
 if(VELT_WERROR)
   add_compile_options(-Werror)
 endif()
