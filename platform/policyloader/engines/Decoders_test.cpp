@@ -1,0 +1,118 @@
+#include <gtest/gtest.h>
+
+#include <policyloader/engines/ScanFixture.h>
+#include <policyloader/engines/TextDecoder.h>
+#include <policyloader/engines/TransferDecoder.h>
+
+using namespace policyloader;
+
+namespace {
+
+std::string Decoded(std::string const& text, Base64Decoder::Padding padding = Base64Decoder::EndsGroup) {
+    Base64Decoder decoder(padding);
+    std::string out;
+    decoder.decode(text, out);
+    decoder.finish(out);
+    return out;
+}
+
+std::string ToUtf8(std::string const& charset, std::string const& text, std::size_t piece) {
+    TextDecoder decoder(charset);
+    std::string out;
+    for (std::size_t at = 0; at < text.size(); at += piece) out += decoder.decode(text.substr(at, piece));
+    return out + std::string(decoder.finish());
+}
+
+}  // namespace
+
+TEST(Base64Decoding, SurvivesEveryCut) {
+    std::string const plain("The quick brown fox\0jumps", 25), wire = Base64(plain, 8);
+    for (std::size_t cut = 0; cut <= wire.size(); ++cut) {
+        Base64Decoder decoder;
+        std::string out;
+        decoder.decode(wire.substr(0, cut), out);
+        decoder.decode(wire.substr(cut), out);
+        decoder.finish(out);
+        EXPECT_EQ(out, plain) << "cut at " << cut;
+    }
+}
+
+TEST(Base64Decoding, GoesOnBehindAPadding) { EXPECT_EQ(Decoded("QUI=Q0Q="), "ABCD"); }
+TEST(Base64Decoding, CanPassOverAPaddingInTheMiddleOfAGroup) {
+    EXPECT_EQ(Decoded("QU=JD", Base64Decoder::Skipped), "ABC");
+}
+TEST(Base64Decoding, PassesOverWhatIsNoLetterOfIt) { EXPECT_EQ(Decoded("QU!!\r\n JD"), "ABC"); }
+TEST(Base64Decoding, KeepsTheLastByteOfAnUnpaddedEnd) { EXPECT_EQ(Decoded("QUJDRA"), "ABCD"); }
+TEST(Base64Decoding, TellsOfDataBehindAPadding) {
+    for (auto const* text : {"QQ==QQ==", "Q!Q="}) {
+        Base64Decoder decoder;
+        std::string out;
+        decoder.decode(text, out);
+        EXPECT_TRUE(decoder.sawStrayPadding()) << text;
+    }
+    Base64Decoder decoder;
+    std::string out;
+    decoder.decode("QQ==\r\n", out);
+    EXPECT_FALSE(decoder.sawStrayPadding());
+}
+
+TEST(TransferEncodings, AreReadAsForgivinglyAsReadersDo) {
+    for (auto const* text : {"base64", " BASE64 ", "\"base64\"", "(c) base64", "base64; x=y"})
+        EXPECT_EQ(ParseTransferEncoding(text), TransferEncoding::Base64) << text;
+    EXPECT_EQ(ParseTransferEncoding("Quoted-Printable"), TransferEncoding::QuotedPrintable);
+    EXPECT_EQ(ParseTransferEncoding(""), TransferEncoding::Identity);
+    EXPECT_EQ(ParseTransferEncoding("8bit"), TransferEncoding::Identity);
+    EXPECT_EQ(ParseTransferEncoding("base65"), std::nullopt);
+}
+
+TEST(TransferDecoding, OfQuotedPrintableJoinsSoftLineBreaksAtEveryCut) {
+    std::string const wire = "caf=C3=A9 to=\r\ngether=3D";
+    for (std::size_t cut = 0; cut <= wire.size(); ++cut) {
+        TransferDecoder decoder(TransferEncoding::QuotedPrintable);
+        std::string out(decoder.decode(wire.substr(0, cut)));
+        out += decoder.decode(wire.substr(cut));
+        out += decoder.finish();
+        EXPECT_EQ(out, "caf\xC3\xA9 together=") << "cut at " << cut;
+    }
+}
+
+TEST(TransferDecoding, OfUuencodeFindsTheContent) {
+    TransferDecoder decoder(TransferEncoding::UUEncode);
+    std::string out(decoder.decode("begin 644 a\n#0V%T\n`\nend\n"));
+    out += decoder.finish();
+    EXPECT_EQ(out, "Cat");
+}
+
+TEST(TextDecoding, OfManyCharacterSetsSurvivesEveryPiece) {
+    struct Row {
+        char const* charset;
+        std::string wire, text;
+    };
+    Row const rows[] = {
+        {"iso-8859-1", "gr\xFC\xDF", "gr\xC3\xBC\xC3\x9F"},
+        {"utf-8", "gr\xC3\xBC\xE2\x82\xAC", "gr\xC3\xBC\xE2\x82\xAC"},
+        {"utf-16le", std::string("g\0\xFC\0", 4), "g\xC3\xBC"},
+        {"koi8-r", "\xD0", "\xD0\xBF"},
+        {"gb2312", "\xC4\xE3", "\xE4\xBD\xA0"},
+        {"no-such-set", "\x80", "\xE2\x82\xAC"},
+    };
+    for (auto const& row : rows)
+        for (std::size_t piece = 1; piece <= row.wire.size(); ++piece)
+            EXPECT_EQ(ToUtf8(row.charset, row.wire, piece), row.text) << row.charset << " in pieces of " << piece;
+}
+
+TEST(TextDecoding, MakesEveryLineEndALineFeedAtEveryPiece) {
+    std::string const wire = "a\r\nb\rc\nd\r\r\n";
+    for (std::size_t piece = 1; piece <= wire.size(); ++piece)
+        EXPECT_EQ(ToUtf8("utf-8", wire, piece), "a\nb\nc\nd\n\n") << "in pieces of " << piece;
+}
+
+TEST(TextDecoding, ReplacesWhatIsNoCharacter) {
+    EXPECT_EQ(ToCleanUtf8("a\xFF"
+                          "b"),
+              "a\xEF\xBF\xBD"
+              "b");
+    EXPECT_EQ(ToCleanUtf8("a\xC3"), "a\xEF\xBF\xBD");
+    EXPECT_EQ(ToCleanUtf8("\xED\xA0\x80").find("\xED\xA0"), std::string::npos);
+    EXPECT_EQ(ToCleanUtf8(std::string("a\0b", 3)), std::string("a\0b", 3));
+}
