@@ -76,11 +76,15 @@ TEST(TransferDecoding, OfQuotedPrintableJoinsSoftLineBreaksAtEveryCut) {
     }
 }
 
-TEST(TransferDecoding, OfUuencodeFindsTheContent) {
-    TransferDecoder decoder(TransferEncoding::UUEncode);
-    std::string out(decoder.decode("begin 644 a\n#0V%T\n`\nend\n"));
-    out += decoder.finish();
-    EXPECT_EQ(out, "Cat");
+TEST(TransferDecoding, OfUuencodeFindsTheContentAtEveryCut) {
+    std::string const wire = "some text\nbegin 644 a\n#0V%T\n`\nend\n";
+    for (std::size_t cut = 0; cut <= wire.size(); ++cut) {
+        TransferDecoder decoder(TransferEncoding::UUEncode);
+        std::string out(decoder.decode(wire.substr(0, cut)));
+        out += decoder.decode(wire.substr(cut));
+        out += decoder.finish();
+        EXPECT_EQ(out, "Cat") << "cut at " << cut;
+    }
 }
 
 TEST(TextDecoding, OfManyCharacterSetsSurvivesEveryPiece) {

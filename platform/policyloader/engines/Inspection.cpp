@@ -190,15 +190,24 @@ bool Inspection::overSize(eFabric::IStreamTransport& in) const {
     return most > 0 && m_plan.unpack && (in.CanReportLength() ? in.size() > most : m_read > most);
 }
 
+// The first block holds a whole line at least, where the object has one: its kind is told by that.
+std::size_t Inspection::readBlock(eFabric::IStreamTransport& in, bool first) {
+    auto* const room = reinterpret_cast<unsigned char*>(m_buffer.bytes.data());
+    std::size_t filled = 0;
+    do {
+        std::size_t const got = in.read(room + filled, kBlockBytes - filled);
+        if (got == 0 || got > kBlockBytes - filled) break;
+        filled += got;
+    } while (first && filled < kBlockBytes && !std::memchr(room, '\n', filled));
+    return filled;
+}
+
 template <class Take>
 void Inspection::readAll(eFabric::IStreamTransport& in, Take&& take) {
     m_buffer.bytes.resize(kBlockBytes);
     if (in.CanSeekTell() && !in.seek(0)) throw EngineFailure(FailureId::Read, "the object cannot be read again");
     std::uint64_t total = 0;
-    for (;;) {
-        auto* const room = reinterpret_cast<unsigned char*>(m_buffer.bytes.data());
-        std::size_t const got = in.read(room, kBlockBytes);
-        if (got == 0 || got > kBlockBytes) break;
+    while (std::size_t const got = readBlock(in, total == 0)) {
         total += got;
         take(std::string_view(m_buffer.bytes.data(), got));
         if (overSize(in)) return;

@@ -51,6 +51,7 @@ private:
     void salvage(eFabric::IStreamTransport& in);
     void report();
     bool overSize(eFabric::IStreamTransport& in) const;
+    std::size_t readBlock(eFabric::IStreamTransport& in, bool first);
     template <class Take>
     void readAll(eFabric::IStreamTransport& in, Take&& take);
     void count(std::uint64_t decoded);

@@ -5,6 +5,8 @@
 namespace policyloader {
 namespace {
 
+constexpr std::size_t kMaxBeginLine = 1024;
+
 struct Row {
     std::string_view name;
     TransferEncoding encoding;
@@ -59,9 +61,24 @@ std::string_view TransferDecoder::decode(std::string_view piece) {
         m_base64.decode(piece, m_buffer);
         return m_buffer;
     }
+    if (m_encoding == TransferEncoding::UUEncode) piece = behindBegin(piece);
     m_buffer.resize(g_mime_encoding_outlen(&m_other, piece.size()));
     m_buffer.resize(g_mime_encoding_step(&m_other, piece.data(), piece.size(), m_buffer.data()));
     return m_buffer;
+}
+
+// What stands behind the line "begin <mode> <name>"; nothing while that has not come.
+std::string_view TransferDecoder::behindBegin(std::string_view piece) {
+    while (!m_begun && !piece.empty()) {
+        std::size_t const end = piece.find('\n');
+        if (m_line.size() < kMaxBeginLine) m_line.append(piece.substr(0, end));
+        piece.remove_prefix(end == std::string_view::npos ? piece.size() : end + 1);
+        if (end == std::string_view::npos) return {};
+        m_begun = m_line.compare(0, 6, "begin ") == 0;
+        m_line.clear();
+        if (m_begun) m_other.state = GMIME_UUDECODE_STATE_BEGIN;
+    }
+    return piece;
 }
 
 std::string_view TransferDecoder::finish() {

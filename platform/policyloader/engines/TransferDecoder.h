@@ -25,9 +25,13 @@ public:
     bool odd() const { return m_base64.sawStrayPadding(); }
 
 private:
+    std::string_view behindBegin(std::string_view piece);
+
     TransferEncoding m_encoding;
     Base64Decoder m_base64;
     GMimeEncoding m_other;
+    std::string m_line;    // of uuencode, before its content begins: the line that may be its "begin"
+    bool m_begun = false;  // that line was seen
     std::string m_buffer;
 };
 
