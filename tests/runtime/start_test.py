@@ -43,6 +43,22 @@ class Start(echo_case.EchoCase):
                 with self.connect(port) as client:
                     self.assertEqual(client.ask("served"), "served")
 
+    @unittest.skipUnless(os.getuid() == 0, "only root can change its identity")
+    def test_rights_are_given_up_after_the_ports_are_open(self):
+        daemon = self.start(process={"UserId": "65534", "GroupId": "65533"})
+        with open(f"/proc/{daemon.workers()[0]}/status") as status:
+            identity = {line.split(":")[0]: line.split()[1:] for line in status}
+        self.assertEqual(set(identity["Uid"]), {"65534"})
+        self.assertEqual(set(identity["Gid"]), {"65533"})
+        with self.connect() as client:
+            self.assertEqual(client.ask("hello"), "hello")
+
+    def test_unknown_user_is_reported_and_the_daemon_runs_on_as_it_was(self):
+        daemon = self.start(process={"UserId": "nobody-of-this-name", "GroupId": "nor-of-this"})
+        self.assertEqual(self.events(10000, 56)[0]["values"]["velt_id"], "nobody-of-this-name")
+        self.assertEqual(self.events(10000, 57) + self.events(10000, 58), [])
+        self.assertEqual(os.stat(f"/proc/{daemon.workers()[0]}").st_uid, os.getuid())
+
     def test_malformed_rules_end_start_up_with_file_line_and_column(self):
         self.configure({}, rules='<rules version="1">\n  <policy name="base">\n    <settings section="network"\n')
         daemon = self.launch()

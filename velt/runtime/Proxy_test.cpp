@@ -2,8 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <utility>
+
+#include <QXlog/QXlog.h>
 #include <velt/logging/Events.h>
 #include <velt/runtime/RuntimeTest.h>
+#include <velt/runtime/ServiceLoop.h>
 
 namespace {
 
@@ -168,6 +173,60 @@ TEST_F(ProxyTest, StackOfConnectionThreadsIsTheSystemsWhileScansRunHere) {
     m_proxy->m_handlerStackSize = 128;
     Proxy::CheckStackSize();
     EXPECT_EQ(m_proxy->m_handlerStackSize, 0u);
+}
+
+// --- the standard configuration, of which nothing is set ---
+
+class StandardConfigTest : public ProxyTest {
+protected:
+    StandardConfigTest() {
+        m_events.AllowAll();
+        std::filesystem::create_directories(m_root / "scandir");
+        Process({"echo", "-n", "mail", "product"});
+    }
+    ~StandardConfigTest() override { QXlog::detail::allowLogging(true); }
+
+    velt_testing::EventCapture m_events;
+};
+
+TEST_F(StandardConfigTest, AbsentSettingsHaveTheirDefaults) {
+    m_proxy->GetStandardConfig();
+    EXPECT_EQ(m_proxy->m_maxConnections, 1u);
+    EXPECT_EQ(m_proxy->m_connectTimeoutSeconds, 30u);
+    EXPECT_EQ(m_proxy->m_connectTimeoutMs, 30000u);
+    EXPECT_EQ(m_proxy->m_timeoutSeconds, 60u);
+    EXPECT_EQ(m_proxy->m_timeoutMs, 60000u);
+    EXPECT_EQ(m_proxy->m_queueRatio, 1u);
+    EXPECT_EQ(m_proxy->m_maxQueuedConnections, 0u);
+    EXPECT_EQ(m_proxy->m_idleTimeout, 1);
+    EXPECT_EQ(m_proxy->m_proxyIdleTimeout, 900);
+    EXPECT_TRUE(m_proxy->m_forkedModelThreads);
+    EXPECT_FALSE(m_proxy->m_forkedModel);
+    EXPECT_TRUE(m_proxy->m_monitorHealth);
+    EXPECT_EQ(m_proxy->m_threadLimit, 1u);
+    EXPECT_EQ(m_proxy->m_refreshRate, 0u);
+    EXPECT_EQ(m_proxy->m_permThreads, 4u);
+    EXPECT_EQ(m_proxy->m_acceptCount, 1u);
+    EXPECT_NE(m_proxy->m_serviceLoop, nullptr);
+    delete std::exchange(m_proxy->m_serviceLoop, nullptr);
+}
+
+TEST_F(StandardConfigTest, NetworkListsThatAreNotThereGiveNobodyADirection) {
+    m_proxy->GetStandardConfig();
+    VELT::Connection session;
+    bool outside = true;
+    EXPECT_FALSE(Proxy::FindConnectionDirection(outside, &session));
+    delete std::exchange(m_proxy->m_serviceLoop, nullptr);
+}
+
+TEST_F(StandardConfigTest, OtherServiceTypeHasOneWorkerAtMostAndNoLoopHere) {
+    m_proxy->m_serviceType = "retry";
+    ::testing::internal::CaptureStderr();
+    m_proxy->GetStandardConfig();
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              "The service type \"retry\" is not supported: only \"tcp\" is.\n");
+    EXPECT_EQ(m_proxy->m_acceptCount, 1u);
+    EXPECT_EQ(m_proxy->m_serviceLoop, nullptr);
 }
 
 // --- bindings ---
