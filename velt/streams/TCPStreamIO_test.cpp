@@ -138,12 +138,13 @@ TEST_F(TCPStreamIO, SendsItAll) {
 }
 
 TEST_F(TCPStreamIO, SendOfNothingFailsButWriteOfNothingSucceeds) {
+    unsigned long const before = DataErrors();
     peer.Close();
     EXPECT_EQ(stream->SendDataFlagged("", 0, 0, &count), -1);
     EXPECT_EQ(count, 0u);
     EXPECT_EQ(stream->write("", 0, &count), -1);
     EXPECT_EQ(stream->write("", 0), 0);
-    EXPECT_EQ(DataErrors(), 0u) << "the system was not asked";
+    EXPECT_EQ(DataErrors(), before) << "the system was not asked";
 }
 
 TEST_F(TCPStreamIO, SendsBeyondWhatThePeerTakesAtOnce) {
