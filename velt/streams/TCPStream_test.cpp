@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
@@ -305,6 +306,24 @@ TEST(TCPStreamLoop, IsAnyAddressOfThisMachine) {
         EXPECT_TRUE(loops(dotted)) << dotted;
     for (char const* dotted : {"10.0.0.1", "126.255.255.255", "128.0.0.1", "1.0.0.127"})
         EXPECT_FALSE(loops(dotted)) << dotted;
+}
+
+TEST(TCPStreamLoop, IsNotTheOneAddressThatAHostAllows) {
+    Proxy proxy;
+    for (sockaddr_in* address : proxy.m_interfaceAddresses) std::free(address);
+    sockaddr_in own = Loopback(0, "10.1.2.3");
+    proxy.m_interfaceAddresses = {&own};
+    auto const loops = [](char const* dotted) {
+        sockaddr_in const address = Loopback(25, dotted);
+        return TCPStream::IsLoopback(&address);
+    };
+    EXPECT_TRUE(loops("127.0.0.1"));
+    EXPECT_TRUE(loops("10.1.2.3"));
+    proxy.m_loopbackAllowed = true;
+    EXPECT_FALSE(loops("127.0.0.1"));
+    for (char const* dotted : {"127.0.0.2", "10.1.2.3", "0.0.0.0", "255.255.255.255"})
+        EXPECT_TRUE(loops(dotted)) << dotted;
+    EXPECT_FALSE(loops("10.1.2.4"));
 }
 
 TEST(TCPStreamSetUp, BindsListensAndAccepts) {
