@@ -447,3 +447,15 @@ TEST(TCPStreamInfo, FailsWithoutAPeer) {
     stream.CreateSocket(AF_INET);
     EXPECT_EQ(stream.GetConnectionInfo(peer, local, destination, flag), -1);
 }
+
+TEST(TCPStreamInfo, ClosesAHandleThatIsOpenAndHasNone) {
+    Listener listener;
+    TCPStream client(&listener.address(), wait_ms, false);
+    int handle = ::dup(client.GetSocket());
+    int const was = handle;
+    sockaddr_in peer{}, local{}, destination{};
+    EXPECT_EQ(qxtrans_connection_info(client.GetSocket(), &peer, &destination, &local, &handle), 0);
+    EXPECT_EQ(handle, -1);
+    EXPECT_EQ(::fcntl(was, F_GETFD), -1);
+    EXPECT_EQ(destination.sin_port, listener.address().sin_port);
+}
