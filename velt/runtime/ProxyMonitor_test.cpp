@@ -62,6 +62,11 @@ protected:
         ssize_t const got = ::read(fd, bytes, sizeof bytes);
         return std::string(bytes, got < 0 ? 0 : static_cast<std::size_t>(got));
     }
+    static std::vector<int> EveryDescriptor() {  // that is still to be had
+        std::vector<int> taken;
+        for (int fd; (fd = ::dup(0)) != -1;) taken.push_back(fd);
+        return taken;
+    }
     void Handle(OpenMonitor::iterator child) { m_monitor.HandleMessage(child); }
 
     static inline std::string const kReleaseMe{"\0\0\3", 3};
@@ -110,6 +115,7 @@ TEST_F(MonitorTest, DescriptorThatDoesNotFitTheSetIsRefused) {
     rlimit files{};
     ::getrlimit(RLIMIT_NOFILE, &files);
     if (files.rlim_max < 1100) GTEST_SKIP() << "not enough descriptors to be had";
+    rlimit const before = files;
     files.rlim_cur = 1100;
     ::setrlimit(RLIMIT_NOFILE, &files);
     std::vector<int> filling;
@@ -121,9 +127,11 @@ TEST_F(MonitorTest, DescriptorThatDoesNotFitTheSetIsRefused) {
         EXPECT_EQ(std::string(failure.what()).find("Maximum number of children created - FD_SETSIZE reached."), 0u);
     }
     EXPECT_TRUE(m_monitor.m_children.empty());
-    EXPECT_EQ(::fcntl(1024, F_GETFD), -1);
-    EXPECT_EQ(::fcntl(1025, F_GETFD), -1);
+    int const next = ::dup(0);
+    EXPECT_EQ(next, filling.back() + 1);
+    ::close(next);
     for (int const fd : filling) ::close(fd);
+    ::setrlimit(RLIMIT_NOFILE, &before);
 }
 
 TEST_F(MonitorTest, PipesThatCannotBeMadeSayWhichAndLeakNothing) {
@@ -132,25 +140,28 @@ TEST_F(MonitorTest, PipesThatCannotBeMadeSayWhichAndLeakNothing) {
 #endif
     rlimit before{};
     ::getrlimit(RLIMIT_NOFILE, &before);
-    int const next = ::dup(0);
-    ::close(next);
-    for (int const room : {1, 2, 3}) {
-        rlimit const tight{static_cast<rlim_t>(next + room), before.rlim_max};
-        ::setrlimit(RLIMIT_NOFILE, &tight);
+    rlimit const few{256, before.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &few);
+    std::vector<int> filling = EveryDescriptor();
+    for (std::size_t const room : {1, 2, 3}) {
+        for (std::size_t i = 0; i < room; ++i) {
+            ::close(filling.back());
+            filling.pop_back();
+        }
         try {
             m_monitor.CreatePipes();
             ADD_FAILURE() << "pipes in " << room << " descriptors";
         } catch (Resource const& failure) {
             EXPECT_EQ(failure.error, EMFILE);
-            char const* const text =
-                room < 2 ? "Unable to create child read pipe." : "Unable to create child write pipe.";
-            EXPECT_EQ(std::string(failure.what()).find(text), 0u) << failure.what();
+            char const* const end = room < 2 ? "read" : "write";
+            EXPECT_EQ(std::string(failure.what()).find("Unable to create child " + std::string(end) + " pipe."), 0u);
         }
-        ::setrlimit(RLIMIT_NOFILE, &before);
-        int const now = ::dup(0);
-        EXPECT_EQ(now, next) << room;
-        ::close(now);
+        std::vector<int> const left = EveryDescriptor();
+        EXPECT_EQ(left.size(), room);
+        filling.insert(filling.end(), left.begin(), left.end());
     }
+    for (int const fd : filling) ::close(fd);
+    ::setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_TRUE(m_monitor.m_children.empty());
 }
 
