@@ -21,57 +21,61 @@ constexpr auto kTable = MakeTable();
 
 }  // namespace
 
-void Base64Decoder::flush(std::string& out) {
-    if (m_count >= 2) out.push_back(static_cast<char>(m_bits >> (m_count * 6 - 8)));
-    if (m_count == 3) out.push_back(static_cast<char>(m_bits >> 2));
+char* Base64Decoder::flush(char* to) {
+    if (m_count >= 2) *to++ = static_cast<char>(m_bits >> (m_count * 6 - 8));
+    if (m_count == 3) *to++ = static_cast<char>(m_bits >> 2);
     restart();
+    return to;
 }
 
-void Base64Decoder::one(unsigned char byte, std::string& out) {
+char* Base64Decoder::one(unsigned char byte, char* to) {
     auto const value = kTable[byte];
-    if (value == kBlank) return;
+    if (value == kBlank) return to;
     if (value == kOther) {
         m_stray = true;
-        return;
+        return to;
     }
     if (value == kPad) {
         m_padded = true;
-        if (m_padding == EndsGroup) flush(out);
-        return;
+        return m_padding == EndsGroup ? flush(to) : to;
     }
     m_stray |= m_padded;
     m_bits = (m_bits << 6 | value) & 0xFFFFFF;
-    if (++m_count < 4) return;
-    char const bytes[] = {static_cast<char>(m_bits >> 16), static_cast<char>(m_bits >> 8), static_cast<char>(m_bits)};
-    out.append(bytes, sizeof bytes);
+    if (++m_count < 4) return to;
+    *to++ = static_cast<char>(m_bits >> 16);
+    *to++ = static_cast<char>(m_bits >> 8);
+    *to++ = static_cast<char>(m_bits);
     restart();
+    return to;
 }
 
 void Base64Decoder::decode(std::string_view piece, std::string& out) {
     auto const* at = reinterpret_cast<unsigned char const*>(piece.data());
     auto const* const end = at + piece.size();
-    out.reserve(out.size() + piece.size() / 4 * 3 + 3);
+    std::size_t const before = out.size();
+    // No byte makes more than one: a padding ends a group of two or three characters that came before it, and the
+    // group that the last piece left begun has at most two bytes.
+    out.resize(before + piece.size() + 2);
+    char* to = out.data() + before;
     while (at != end) {
         // Whole groups of the alphabet, the normal case, go four at a time.
-        if (m_count == 0 && !m_padded) {
-            auto const start = out.size();
-            out.resize(start + static_cast<std::size_t>(end - at) / 4 * 3);
-            char* to = out.data() + start;
-            for (; end - at >= 4; at += 4) {
-                std::uint32_t const a = kTable[at[0]], b = kTable[at[1]], c = kTable[at[2]], d = kTable[at[3]];
-                if ((a | b | c | d) & 0x40) break;
-                std::uint32_t const bits = a << 18 | b << 12 | c << 6 | d;
-                *to++ = static_cast<char>(bits >> 16);
-                *to++ = static_cast<char>(bits >> 8);
-                *to++ = static_cast<char>(bits);
-            }
-            out.resize(static_cast<std::size_t>(to - out.data()));
-            if (at == end) return;
+        while (m_count == 0 && !m_padded && end - at >= 4) {
+            std::uint32_t const a = kTable[at[0]], b = kTable[at[1]], c = kTable[at[2]], d = kTable[at[3]];
+            if ((a | b | c | d) & 0x40) break;
+            std::uint32_t const bits = a << 18 | b << 12 | c << 6 | d;
+            *to++ = static_cast<char>(bits >> 16);
+            *to++ = static_cast<char>(bits >> 8);
+            *to++ = static_cast<char>(bits);
+            at += 4;
         }
-        one(*at++, out);
+        if (at != end) to = one(*at++, to);
     }
+    out.resize(static_cast<std::size_t>(to - out.data()));
 }
 
-void Base64Decoder::finish(std::string& out) { flush(out); }
+void Base64Decoder::finish(std::string& out) {
+    char rest[2];
+    out.append(rest, static_cast<std::size_t>(flush(rest) - rest));
+}
 
 }  // namespace policyloader

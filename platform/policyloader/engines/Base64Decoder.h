@@ -22,8 +22,8 @@ public:
     bool sawStrayPadding() const { return m_stray; }  // data came after a padding, or other bytes came between
 
 private:
-    void one(unsigned char byte, std::string& out);
-    void flush(std::string& out);
+    char* one(unsigned char byte, char* to);
+    char* flush(char* to);
 
     Padding m_padding;
     std::uint32_t m_bits = 0;

@@ -3,6 +3,7 @@
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
+#include <future>
 #include <stdexcept>
 
 namespace policyloader {
@@ -69,6 +70,13 @@ std::string ReadExpression(Rule const& rule) {
     return PhraseExpression(match);
 }
 
+// Compiling wants a deeper stack than the thread of a session has.
+std::shared_ptr<ContentRules const> Compile(std::vector<Rule const*> const& rules) {
+    if (rules.empty()) return std::make_shared<ContentRules>(rules);
+    auto work = std::async(std::launch::async, [&] { return std::make_shared<ContentRules>(rules); });
+    return work.get();
+}
+
 }  // namespace
 
 std::string PhraseExpression(std::string_view phrase) {
@@ -123,7 +131,7 @@ void ContentRules::compile(std::vector<Rule const*> const& rules) {
 
 std::shared_ptr<ContentRules const> ContentCache::get(std::uint64_t key, Maker const& make) {
     auto const found = slot(key);
-    std::call_once(found->once, [&] { found->rules = std::make_shared<ContentRules>(make()); });
+    std::call_once(found->once, [&] { found->rules = Compile(make()); });
     return found->rules;
 }
 

@@ -78,6 +78,11 @@ void ReadFields(std::string_view block, EntityHead& head) {
 }
 
 void ReadType(std::string const& value, bool first, EntityHead& head) {
+    // No type at all: readers show it as text.
+    if (value.find('/') == std::string::npos) {
+        head.doubtful = true;
+        return;
+    }
     std::unique_ptr<GMimeContentType, Unref> const type(g_mime_content_type_parse(nullptr, value.c_str()));
     if (!type) return;
     auto const major = Lower(g_mime_content_type_get_media_type(type.get()));
