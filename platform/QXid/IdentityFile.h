@@ -1,0 +1,21 @@
+// IdentityFile: identities.xml as names and expressions. Private to this folder.
+// Failure: eFabric::XmlError with the place in the file.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <QXid/Expression.h>
+
+namespace qxid {
+
+struct IdentityEntry {
+    std::string name;
+    ExpressionPtr expression;  // null: the element is empty
+    unsigned line;
+};
+
+// `name` stands for the file in messages.
+VELTPLATFORM_API std::vector<IdentityEntry> ParseIdentities(std::string const& name, std::string bytes);
+
+}  // namespace qxid
