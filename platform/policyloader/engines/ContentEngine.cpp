@@ -7,6 +7,7 @@
 #include <strings.h>
 
 #include <policyloader/engines/EngineFailure.h>
+#include <policyloader/engines/HtmlText.h>
 #include <policyloader/engines/ResultSet.h>
 #include <policyloader/engines/TextDecoder.h>
 
@@ -42,19 +43,32 @@ private:
     PatternStream m_stream;
 };
 
+// A text as it stands, and where it is HTML also the way that its reader sees it.
 class ContentEngine::BodyScan final : public ComponentScan {
 public:
-    BodyScan(ContentEngine& engine, std::string const& charset, Component& component)
-        : m_decoder(charset), m_search(engine, Where::Body, component) {}
-    void data(std::string_view piece) override { m_search.data(m_decoder.decode(piece)); }
+    BodyScan(ContentEngine& engine, EntityHead const& head, Component& component)
+        : m_decoder(head.charset), m_search(engine, Where::Body, component) {
+        if (head.subtype == "html") m_seen = std::make_unique<Search>(engine, Where::Body, component);
+    }
+    void data(std::string_view piece) override { search(m_decoder.decode(piece)); }
     void end() override {
-        m_search.data(m_decoder.finish());
+        search(m_decoder.finish());
         m_search.finish();
+        if (!m_seen) return;
+        m_seen->data(m_html.finish());
+        m_seen->finish();
     }
 
 private:
+    void search(std::string_view text) {
+        m_search.data(text);
+        if (m_seen) m_seen->data(m_html.decode(text));
+    }
+
     TextDecoder m_decoder;
     Search m_search;
+    HtmlText m_html;
+    std::unique_ptr<Search> m_seen;  // null: no HTML
 };
 
 bool ContentEngine::begin(ScanPlan const& plan) {
@@ -101,7 +115,7 @@ void ContentEngine::head(EntityHead const& head, Component& component) {
 
 std::unique_ptr<ComponentScan> ContentEngine::open(EntityHead const& head, Component& component) {
     if (!head.isText() || !m_rules->patterns(Where::Body)) return nullptr;
-    return std::make_unique<BodyScan>(*this, head.charset, component);
+    return std::make_unique<BodyScan>(*this, head, component);
 }
 
 std::string const& ContentEngine::actionOf(std::size_t rule) const {

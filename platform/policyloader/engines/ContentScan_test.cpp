@@ -95,6 +95,13 @@ TEST_F(ContentScans, ReadTextsOfEveryCharacterSetAndEncoding) {
               "g");
 }
 
+TEST_F(ContentScans, ReadHtmlAsItsReaderSeesItAndAsItStands) {
+    Rules(Rule("p", "body", "top secret") + Rule("link", "body", "http://bad.example"));
+    std::string const head = "A: b\r\nContent-Type: text/html";
+    EXPECT_EQ(Found(Message(head, "is <i>top</i>&nbsp;se<b>cret</b>")), "p");
+    EXPECT_EQ(Found(Message(head, "<a href=\"http://bad.example/\">x</a>")), "link");
+}
+
 TEST_F(ContentScans, ReadEncodedSubjectsAndNames) {
     Rules(Rule("s", "subject",
                "gr\xC3\xBC\xC3\x9F"

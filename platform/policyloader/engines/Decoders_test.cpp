@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <policyloader/engines/HtmlText.h>
 #include <policyloader/engines/ScanFixture.h>
 #include <policyloader/engines/TextDecoder.h>
 #include <policyloader/engines/TransferDecoder.h>
@@ -119,4 +120,34 @@ TEST(TextDecoding, ReplacesWhatIsNoCharacter) {
     EXPECT_EQ(ToCleanUtf8("a\xC3"), "a\xEF\xBF\xBD");
     EXPECT_EQ(ToCleanUtf8("\xED\xA0\x80").find("\xED\xA0"), std::string::npos);
     EXPECT_EQ(ToCleanUtf8(std::string("a\0b", 3)), std::string("a\0b", 3));
+}
+
+TEST(HtmlReading, SeesWhatAReaderSeesInEveryPiece) {
+    struct Row {
+        std::string html, text;
+    };
+    Row const rows[] = {
+        {"top <b>sec</b>ret", "top secret"},
+        {"top&nbsp;secret", "top secret"},
+        {"a<br>b<p class='x'>c</p>", "a b c "},
+        {"a<!-- <b> -- > -->b", "ab"},
+        {"a <a href=\"x>y\">b</a>", "a b"},
+        {"it's<b title = \"it's>\">x</b>", "it'sx"},
+        {"&#116;&#x6F;p &amp; &lt;tag&gt;", "top & <tag>"},
+        {"a & b &c; &ampx 3 < 4", "a & b &c; &ampx 3 < 4"},
+        {"gr&uuml;&szlig;e",
+         "gr\xC3\xBC\xC3\x9F"
+         "e"},
+        {"&#xD800;&#1114112;", "&#xD800;&#1114112;"},
+        {"end &am", "end &am"},
+    };
+    for (auto const& row : rows) {
+        for (std::size_t piece = 1; piece <= row.html.size(); ++piece) {
+            HtmlText html;
+            std::string out;
+            for (std::size_t at = 0; at < row.html.size(); at += piece) out += html.decode(row.html.substr(at, piece));
+            out += html.finish();
+            EXPECT_EQ(out, row.text) << row.html << " in pieces of " << piece;
+        }
+    }
 }
