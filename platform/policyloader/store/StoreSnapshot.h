@@ -3,13 +3,10 @@
 // in tests the test. Immutable; any thread, no lock. Failure: a look-up gives null when nothing is configured.
 #pragma once
 
-#include <cstdint>
 #include <ctime>
 #include <memory>
 #include <string>
 #include <string_view>
-#include <unordered_map>
-#include <vector>
 
 #include <eFabric/Policy.h>
 #include <policyloader/store/SettingsView.h>
@@ -21,7 +18,7 @@ struct StoreTables;
 
 class StoreSnapshot final : public SettingsSource {
 public:
-    explicit StoreSnapshot(std::unique_ptr<StoreModel const> model);  // throws eFabric::XmlError
+    explicit StoreSnapshot(std::unique_ptr<StoreModel> model);  // throws eFabric::XmlError
     ~StoreSnapshot();
     StoreSnapshot(StoreSnapshot const&) = delete;
     StoreSnapshot& operator=(StoreSnapshot const&) = delete;
@@ -35,8 +32,8 @@ public:
 private:
     friend class SettingsView;
 
-    std::unique_ptr<StoreModel const> m_model;
-    std::unique_ptr<StoreTables const> m_tables;
+    std::unique_ptr<StoreModel> const m_model;
+    std::unique_ptr<StoreTables const> const m_tables;
 };
 
 // A store out of a text in memory, for tests and fuzzers: no file is opened. `name` stands for the file in messages.
