@@ -202,11 +202,13 @@ class MailSink:
 
     def refuse_connections(self):
         """From now on nobody listens on the port."""
+        with contextlib.suppress(OSError):
+            self.listener.shutdown(socket.SHUT_RDWR)  # closing alone does not end a thread that waits in accept
         self.listener.close()
 
     def close(self):
         self.closing.set()
-        self.listener.close()
+        self.refuse_connections()
 
 
 def subject_of(content):
