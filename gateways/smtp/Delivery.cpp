@@ -28,7 +28,8 @@ constexpr std::size_t kHeaderToReturn = 16384;
 constexpr int kHostNotFound = 3;
 constexpr int kNoData = 10;
 
-// A connection to one of our own addresses is a loop only if it is our own port that answers there.
+// A relay on this machine is a loop only if it is our own port that answers there. A mail exchanger on this machine
+// comes from a stranger's name server, and is never connected to.
 bool IsOwnPort(unsigned short port) {
     auto const bindings = VELT::Proxy::GetSvcBindings();
     return std::any_of(bindings.begin(), bindings.end(),
@@ -182,7 +183,7 @@ Reply Delivery::Addresses(std::string const& route, std::vector<KORnet::TCPAddr>
 Reply Delivery::Walk(std::vector<KORnet::TCPAddr> const& addresses) {
     Reply last{451, "4.4.1", "next server cannot be reached"};
     VELT::TCPConnection& server = m_session.getServerConnection();
-    bool const checkLoop = IsOwnPort(m_settings.relayPort);
+    bool const checkLoop = m_settings.relayHost.empty() || IsOwnPort(m_settings.relayPort);
     unsigned const timeoutMs = VELT::Proxy::s_pProxyInstance->m_connectTimeoutMs;
     unsigned next = 0;
     try {

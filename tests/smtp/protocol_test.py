@@ -97,6 +97,29 @@ class Relaying(SmtpCase):
         self.noted(DENIED)
 
 
+class MailExchangers(SmtpCase):
+    """Without a relay each domain's exchangers get its mail."""
+
+    lists = {"inside": "NETWORK 127.0.0.0/8\n", "outside": "NETWORK 10.0.0.0/8\n"}
+
+    def configure(self, sections, **others):
+        super().configure(sections, **{**others, **self.lists})
+
+    def test_an_exchanger_on_this_machine_is_refused(self):
+        self.begin(smtp={"RelayHost": ""})
+        self.assertRegex(self.client().mail(recipients=["bob@[127.0.0.1]"]), r"^554 5\.4\.6 ")
+        self.assertRegex(self.client().mail(recipients=["bob@[IPv6:::1]"]), r"^554 5\.4\.4 ")
+        self.assertRegex(self.client().mail(recipients=["Postmaster"]), r"^550 5\.1\.2 ")
+        self.assertEqual(self.sink.talks, [])
+
+
+class NoOpenRelay(SmtpCase):
+    def test_clients_from_outside_reach_nobody_unless_a_domain_is_served(self):
+        self.begin(smtp={"RelayHost": ""})
+        self.assertRegex(self.client().mail(), r"^550 5\.7\.1 ")
+        self.noted(DENIED)
+
+
 class Smuggling(SmtpCase):
     ENDS = [b"\n.\n", b"\n.\r\n", b"\r\n.\n", b"\r.\r\n", b"\r\n.\r", b"\r.\r", b"\r\n.\r\r\n", b"\r\r\n.\r\r\n"]
 
