@@ -311,8 +311,9 @@ TEST(TCPStreamLoop, IsAnyAddressOfThisMachine) {
 TEST(TCPStreamLoop, IsNotTheOneAddressThatAHostAllows) {
     Proxy proxy;
     for (sockaddr_in* address : proxy.m_interfaceAddresses) std::free(address);
-    sockaddr_in own = Loopback(0, "10.1.2.3");
-    proxy.m_interfaceAddresses = {&own};
+    auto* const own = static_cast<sockaddr_in*>(std::malloc(sizeof(sockaddr_in)));  // the proxy frees it
+    *own = Loopback(0, "10.1.2.3");
+    proxy.m_interfaceAddresses = {own};
     auto const loops = [](char const* dotted) {
         sockaddr_in const address = Loopback(25, dotted);
         return TCPStream::IsLoopback(&address);
