@@ -292,6 +292,7 @@ Ctrl-C ends it.""", flush=True)
 def main():
     build, keep = pathlib.Path(sys.argv[1]).resolve(), "--keep" in sys.argv[2:]
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
+    signal.signal(signal.SIGINT, signal.default_int_handler)  # also when started in the background
     root = pathlib.Path(tempfile.mkdtemp(prefix="velt-demo-"))
     root.chmod(0o755)
     (root / "sink").mkdir()
@@ -307,7 +308,7 @@ def main():
         left = gateway.spool_files()
         failures += [f"spool file left behind: {file}" for file in left]
         print("\n" + ("every outcome was right" if not failures else "WRONG:\n  " + "\n  ".join(failures)))
-        if keep:
+        if keep and not failures:
             advise(gateway, sink, root)
         return 1 if failures else 0
     finally:
