@@ -2,7 +2,7 @@
 import random
 import unittest
 
-from smtp_case import BOARD, DELIVERED, EICAR, NOTIFIED, NOT_NOTIFIED, PHRASE, REFUSED, SENDER, STAFF, SmtpCase, body
+from smtp_case import BOARD, DELIVERED, EICAR, NOTIFIED, NOT_NOTIFIED, PHRASE, REFUSED, SENDER, STAFF, SmtpCase, body, nested, with_attachment
 
 
 class Delivery(SmtpCase):
@@ -121,6 +121,37 @@ class TwoIdentities(SmtpCase):
         self.assertRegex(client.mail(body(PHRASE), [BOARD]), r"^250 ")
         self.assertEqual([one.recipients for one in self.sink.wait_messages(1)], [[BOARD]])
         self.noted(DELIVERED)
+
+
+class Rewritten(SmtpCase):
+    av = "REPLACE"
+
+    def test_what_the_engine_rewrote_goes_on_in_the_form_of_smtp(self):
+        self.begin()
+        self.assertRegex(self.client().mail(with_attachment(EICAR), [STAFF, BOARD]), r"^250 ")
+        for stored in self.sink.wait_messages(1):
+            self.assertNotIn(b"WDVPIVAlQEFQ", stored.content)
+            self.assertIn(b"See below.\r\n.dot\r\n", stored.content)
+            self.assertNotRegex(stored.content, rb"(?<!\r)\n|\r(?!\n)")
+        self.assert_nothing_left()
+
+
+class TooDeep(SmtpCase):
+    def test_the_action_of_the_limit_decides_when_the_signatures_find_nothing(self):
+        self.begin()
+        self.assertRegex(self.client().mail(nested(2)), r"^250 ")
+        self.assertRegex(self.client().mail(nested(12)), r"^554 5\.7\.1 ")
+        self.assertEqual(len(self.sink.messages), 1)
+
+
+class TooDeepButLogged(SmtpCase):
+    limit = "LOG"
+
+    def test_what_the_signatures_find_decides(self):
+        self.begin()
+        self.assertRegex(self.client().mail(nested(12)), r"^250 ")
+        self.assertRegex(self.client().mail(nested(12, EICAR)), r"^554 5\.7\.1 .*EICAR")
+        self.assertEqual(len(self.sink.messages), 1)
 
 
 class LoggedOnly(SmtpCase):

@@ -1,4 +1,5 @@
 """What the scenarios of the mail gateway share: a gateway with two identities, a mail server behind it, a raw client."""
+import base64
 import os
 import pathlib
 import socket
@@ -17,6 +18,7 @@ POLICIES = """
   <policy name="content" base="base">
     <actions><action>LOG</action><action>CLEAN</action><action>REPLACE</action><action>DENY</action></actions>
     <settings section="KORAVScanner"><set name="Action">{av}</set></settings>
+    <settings section="KORFormatScanner"><set name="MaxDepth">3</set><set name="OnLimit">{limit}</set></settings>
     <settings section="KORContentScanner">
       <rule name="project-name" where="subject,body" match="project nightingale" weight="1" action="{phrase}"/>
     </settings>
@@ -38,6 +40,23 @@ ABUSE, SPOOL_FAILED, GONE, LOOP, DENIED = (60000, 12), (60000, 13), (60000, 14),
 
 def body(text="hello", subject="test"):
     return f"From: <{SENDER}>\r\nSubject: {subject}\r\n\r\n{text}\r\n".encode()
+
+
+def with_attachment(content):
+    """A MIME message of a text and a base64 attachment."""
+    coded = base64.encodebytes(content.encode()).replace(b"\n", b"\r\n")
+    return (b"Subject: test\r\nMIME-Version: 1.0\r\nContent-Type: multipart/mixed; boundary=b\r\n\r\n"
+            b"--b\r\nContent-Type: text/plain\r\n\r\nSee below.\r\n.dot\r\n"
+            b"--b\r\nContent-Type: application/octet-stream; name=a.com\r\nContent-Transfer-Encoding: base64\r\n\r\n" +
+            coded + b"--b--\r\n")
+
+
+def nested(depth, inner="innermost"):
+    """Messages in messages."""
+    content = body(inner)
+    for _ in range(depth):
+        content = b"Subject: outer\r\nMIME-Version: 1.0\r\nContent-Type: message/rfc822\r\n\r\n" + content
+    return content
 
 
 def stuffed(content):
@@ -101,11 +120,11 @@ class Client:
 class SmtpCase(harness.DaemonCase):
     program = os.environ["VELT_SMTP"]
     proxy = "smtp"
-    av, phrase = "DENY", "DENY"
+    av, phrase, limit = "DENY", "DENY", "DENY"
 
     def configure(self, sections, **others):
         rules = ('<rules version="1">\n  <policy name="base">\n' + harness.settings_xml(sections) + "\n  </policy>\n" +
-                 POLICIES.format(av=self.av, phrase=self.phrase) + "</rules>\n")
+                 POLICIES.format(av=self.av, phrase=self.phrase, limit=self.limit) + "</rules>\n")
         self.root.write("identities.xml", IDENTITIES)
         super().configure(sections, rules=others.pop("rules", rules), **others)
 
