@@ -184,7 +184,7 @@ bool SmtpSession::ReadMailParameters(std::string_view text) {
                 return Wrong({501, "5.5.4", "bad BODY"}), false;
             }
         } else {
-            return Wrong({555, "5.5.4", "parameter " + one.keyword + " is not known"}), false;
+            return Wrong({555, "5.5.4", "parameter " + Printable(one.keyword, 60) + " is not known"}), false;
         }
     }
     return true;
@@ -233,7 +233,8 @@ void SmtpSession::Rcpt(Command const& command) {
     if (error != PathError::None) return Wrong(PathReply(error, false));
     std::vector<Parameter> parameters;
     if (!ParseParameters(rest, parameters)) return Wrong({501, "5.5.4", "bad parameter"});
-    if (!parameters.empty()) return Wrong({555, "5.5.4", "parameter " + parameters.front().keyword + " is not known"});
+    if (!parameters.empty())
+        return Wrong({555, "5.5.4", "parameter " + Printable(parameters.front().keyword, 60) + " is not known"});
     Reply const refusal = CheckRecipient(mailbox);
     if (refusal.code == 0) return Say(250, "2.1.5", "recipient ok");
     if (refusal.group() == 5) return Wrong(refusal);

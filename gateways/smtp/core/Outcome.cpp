@@ -10,7 +10,9 @@ using Kind = RecipientFate::Kind;
 bool IsTemporary(RecipientFate const& fate) { return fate.kind == Kind::Failed && fate.reply.group() == 4; }
 
 // The class of what was said further on, under a code that may stand behind DATA.
-Reply PassOn(Reply const& reply) { return {reply.group() == 4 ? 451 : 554, StatusOf(reply), reply.text}; }
+Reply PassOn(Reply const& reply) {
+    return {reply.group() == 4 ? 451 : 554, StatusOf(reply), Printable(reply.text, 400)};
+}
 
 Reply OneRefusal(std::vector<RecipientFate> const& fates) {
     auto const temporary = std::find_if(fates.begin(), fates.end(), IsTemporary);
