@@ -135,10 +135,11 @@ int BufferedStream::overflow_line(char*& line, LINE_STATE_T& state, bool strip_c
     file_size = 0;
     posn = 0;
     scanned_to = 0;
-    if (strip_cr && buffer[length - 1] == '\r') {
-        --length;
+    bool const held_return = strip_cr && buffer[length - 1] == '\r';
+    if (held_return) --length;
+    if (held_return || buffer_is_store) {
         saved_posn = static_cast<int>(length);
-        saved_chr = '\r';
+        saved_chr = buffer[length];
     }
     buffer[length] = 0;
     return static_cast<int>(length);
