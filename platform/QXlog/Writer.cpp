@@ -1,9 +1,14 @@
 #include <QXlog/Writer.h>
 
+#include <algorithm>
+#include <chrono>
 #include <csignal>
 
 namespace QXlog::detail {
 namespace {
+
+// How long a first record waits for others, so that the reports of a busy process share one wake-up of the thread.
+constexpr std::chrono::milliseconds kGather{5};
 
 // Signals are for the threads of the program: the one started meanwhile takes none.
 class NoSignals {
@@ -36,9 +41,11 @@ Writer::Pushed Writer::Push(Record& record) {
     m_room.wait(lock, [this] { return m_ended || m_records.size() < m_size; });
     if (m_ended) return Pushed::Ended;
     m_records.push_back(std::move(record));
-    m_work.notify_one();
+    if (m_records.size() == 1 || m_records.size() == EnoughToWrite()) m_work.notify_one();
     return full ? Pushed::TakenAfterWait : Pushed::Taken;
 }
+
+std::size_t Writer::EnoughToWrite() const { return std::max<std::size_t>(1, m_size / 2); }
 
 void Writer::Finish() {
     {
@@ -57,6 +64,7 @@ void Writer::Run() {
             std::unique_lock lock(m_mutex);
             m_work.wait(lock, [this] { return m_ended || !m_records.empty(); });
             if (m_records.empty()) return;
+            m_work.wait_for(lock, kGather, [this] { return m_ended || m_records.size() >= EnoughToWrite(); });
             batch.swap(m_records);
         }
         m_room.notify_all();

@@ -34,6 +34,7 @@ public:
 
 private:
     void Run();
+    std::size_t EnoughToWrite() const;  // records that are written without waiting for more
 
     std::size_t const m_size;
     bool const m_dropWhenFull;
