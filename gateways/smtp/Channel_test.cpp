@@ -19,7 +19,8 @@ using Input = Channel::Input;
 class ClientTalk : public ::testing::Test {
 protected:
     void SetUp() override {
-        VELT::TCPStream::set_pool(new VELT::BufferPool(256, 0));  // never freed, as in a process
+        static VELT::BufferPool& pool = *new VELT::BufferPool(256, 0);  // never freed, as in a process
+        VELT::TCPStream::set_pool(&pool);
         int fds[2];
         ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
         m_stream = std::make_unique<VELT::TCPStream>(fds[0]);

@@ -17,32 +17,45 @@ constexpr std::size_t kPipelineWindow = 100;    // commands in flight: their rep
 constexpr unsigned kLastWordMs = 1000;          // wait for what a server said before it hung up on us
 constexpr std::size_t kDiskBlock = 128 * 1024;  // bytes read at once from a spool file
 
-// Hands the bytes of a spool to take(std::string_view). False: they could not all be read.
-template <class Take>
-bool ForEachBlock(VELT::ScannerStream& spool, Take&& take) {
-    std::uint64_t left = spool.size();
-    if (spool.seek(0, 0) < 0) return false;
-    bool const onDisk = !spool.get_spool_file().empty();
-    std::unique_ptr<char[]> const own(onDisk ? new char[kDiskBlock] : nullptr);
-    while (left) {
-        char* data = own.get();
-        bool done = false;
-        long const count = onDisk ? spool.read(data, static_cast<unsigned long>(kDiskBlock))
-                                  : spool.readdata(data, INT_MAX, true, done);
-        if (count <= 0 || static_cast<std::uint64_t>(count) > left ||
-            !take(std::string_view(data, static_cast<std::size_t>(count)))) {
-            return false;
-        }
-        left -= static_cast<std::uint64_t>(count);
+// The bytes of a content in blocks. A block lives until the next one is asked for, the last one as long as the reader.
+class BlockReader {
+public:
+    explicit BlockReader(Content const& content) : m_content(content), m_left(content.size()) {
+        if (!content.spool) return;
+        m_good = content.spool->seek(0, 0) >= 0;
+        if (!content.spool->get_spool_file().empty()) m_own.reset(new char[kDiskBlock]);
     }
-    return true;
-}
 
-template <class Take>
-bool ForEachBlock(Content const& content, Take&& take) {
-    if (content.spool) return ForEachBlock(*content.spool, take);
-    return take(content.text);
-}
+    std::uint64_t left() const { return m_left; }
+
+    // False: the bytes could not all be read.
+    bool Next(std::string_view& block) {
+        if (!m_content.spool) {
+            block = m_content.text;
+        } else if (!m_good || !Read(block)) {
+            return m_good = false;
+        }
+        m_left -= block.size();
+        return true;
+    }
+
+private:
+    bool Read(std::string_view& block) {
+        VELT::ScannerStream& spool = *m_content.spool;
+        char* data = m_own.get();
+        bool done = false;
+        long const count = m_own ? spool.read(data, static_cast<unsigned long>(kDiskBlock))
+                                 : spool.readdata(data, INT_MAX, true, done);
+        if (count <= 0 || static_cast<std::uint64_t>(count) > m_left) return false;
+        block = std::string_view(data, static_cast<std::size_t>(count));
+        return true;
+    }
+
+    Content const& m_content;
+    std::unique_ptr<char[]> m_own;  // for a spool on disk; what lies in memory is handed out where it lies
+    std::uint64_t m_left;
+    bool m_good = true;
+};
 
 Reply NotSmtp() { return {451, "4.5.0", "next server does not speak SMTP"}; }
 
@@ -160,17 +173,16 @@ bool Upstream::Exchange(std::vector<std::string> const& commands, std::vector<Re
 
 int Upstream::WriteContent(Content const& content) {
     m_stream.set_timeout(m_timeouts.blockMs);
+    BlockReader reader(content);
     WireWriter writer(m_stream);
     DataEncoder encoder;
     auto const add = [&](std::string_view piece) { writer.Add(piece); };
-    std::uint64_t left = content.size();
-    bool const whole = ForEachBlock(content, [&](std::string_view block) {
+    while (reader.left()) {
+        if (writer.Flush() != 0) return writer.error();  // what the last block left; the very last leaves with the end
+        std::string_view block;
+        if (!reader.Next(block)) return EIO;
         content.plain ? writer.Add(block) : encoder.Encode(block, add);
-        left -= block.size();
-        return left == 0 || writer.Flush() == 0;  // the last block leaves together with the end
-    });
-    if (writer.error()) return writer.error();
-    if (!whole) return EIO;
+    }
     if (content.plain) {
         writer.Add(DataEncoder::kEnd);
     } else {

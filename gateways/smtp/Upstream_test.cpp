@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <thread>
@@ -50,8 +51,9 @@ private:
 class UpstreamTalk : public ::testing::Test {
 protected:
     void SetUp() override {
-        ::signal(SIGPIPE, SIG_IGN);                                // as the proxy does at its start
-        VELT::TCPStream::set_pool(new VELT::BufferPool(4096, 0));  // never freed, as in a process
+        ::signal(SIGPIPE, SIG_IGN);                                      // as the proxy does at its start
+        static VELT::BufferPool& pool = *new VELT::BufferPool(4096, 0);  // never freed, as in a process
+        VELT::TCPStream::set_pool(&pool);
         int fds[2];
         ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
         m_stream = std::make_unique<VELT::TCPStream>(fds[0]);
@@ -241,6 +243,34 @@ TEST_F(UpstreamTalk, RefusesAServerThatDoesNotSpeakSmtp) {
     EXPECT_EQ(upstream.Greet("gw.example").status, "4.5.0");
     EXPECT_FALSE(upstream.usable());
     m_stream.reset();
+}
+
+TEST_F(UpstreamTalk, SendsAMessageFromDiskToItsLastByte) {
+    std::string pattern = (std::filesystem::temp_directory_path() / "velt-upstream-XXXXXX").string();
+    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+    std::string folder = pattern;
+    VELT::ScannerStream::set_spool_dir(folder);
+    VELT::ScannerStream spool(0u);
+    std::string text;
+    while (text.size() < 300000) text += "line " + std::to_string(text.size()) + "\r\n";
+    ASSERT_EQ(spool.write(text.data(), static_cast<unsigned>(text.size())), static_cast<long>(text.size()));
+    ASSERT_NE(spool.get_spool_file(), "");
+    std::string data;
+    Script([&](Server& server) {
+        Welcome(server);
+        server.Until("DATA\r\n");
+        server.Say("250 ok\r\n250 ok\r\n354 go\r\n");
+        data = server.Until("\r\n.\r\n");
+        server.Say("250 ok\r\n");
+    });
+    Shipment shipment = Ship({"b@b"}, "");
+    shipment.content.spool = &spool;
+    shipment.content.plain = true;
+    EXPECT_EQ(GreetAndSend(shipment).front().code, 250);
+    m_thread.join();
+    EXPECT_EQ(data, text + ".\r\n");
+    spool.reset();
+    std::filesystem::remove_all(pattern);
 }
 
 TEST_F(UpstreamTalk, PutsAHundredCommandsInFlightAndNoMore) {
