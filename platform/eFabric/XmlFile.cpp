@@ -44,12 +44,12 @@ void CheckRegular(int fd, std::string const& path) {
 
 std::string ReadAll(int fd, std::string const& path) {
     std::string bytes;
-    char block[64 * 1024];
+    std::string block(64 * 1024, '\0');  // not on the stack: sessions run on small ones
     while (bytes.size() <= XmlFile::MaxBytes) {
-        ssize_t const got = ::read(fd, block, sizeof block);
+        ssize_t const got = ::read(fd, block.data(), block.size());
         if (got == 0) return bytes;
         if (got < 0 && errno != EINTR) FailWhole(path, std::strerror(errno));
-        if (got > 0) bytes.append(block, static_cast<std::size_t>(got));
+        if (got > 0) bytes.append(block, 0, static_cast<std::size_t>(got));
     }
     return bytes;  // longer than allowed, as the parser will say
 }
