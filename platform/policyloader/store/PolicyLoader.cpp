@@ -58,7 +58,8 @@ bool PolicyLoader::initialise(eFabric::eConfig& config, int, KORPropertyBag* bag
 }
 
 bool PolicyLoader::loadStore(std::vector<std::string> paths) {
-    m_files = std::make_unique<StoreFiles>(std::move(paths));
+    m_paths = std::move(paths);
+    m_files = std::make_unique<StoreFiles>(m_paths);
     m_looked.store(std::time(nullptr));
     try {
         publish(m_files->load());
@@ -72,7 +73,7 @@ bool PolicyLoader::loadStore(std::vector<std::string> paths) {
 
 IScanThread* PolicyLoader::createScanThread(InternedString policy) {
     if (m_shut.load()) {
-        fail("the engines are stopped");
+        failStopped();
         return nullptr;
     }
     return m_engines.createScanThread(*this, policy);
@@ -118,9 +119,16 @@ void PolicyLoader::refresh(std::time_t when) const {
     int const self = ::getpid();
     int looker = m_looker.load();
     if (looker == self || !m_looker.compare_exchange_strong(looker, self)) return;
+    if (looker != 0) dropTornFiles();
     m_looked.store(when, std::memory_order_relaxed);
     if (m_files && m_files->haveChanged()) reload();
     m_looker.store(0);
+}
+
+// The parent's thread may have been in the middle of a change: what it left is not touched, not even to free it.
+void PolicyLoader::dropTornFiles() const {
+    static_cast<void>(m_files.release());
+    m_files = std::make_unique<StoreFiles>(m_paths);
 }
 
 void PolicyLoader::reload() const {
@@ -135,15 +143,11 @@ void PolicyLoader::reload() const {
 }
 
 void PolicyLoader::publish(std::unique_ptr<StoreSnapshot const> snapshot) const {
-    std::lock_guard const lock(m_keepMutex);
-    m_snapshots.push_back(std::move(snapshot));
-    m_snapshot.store(m_snapshots.back().get(), std::memory_order_release);
+    m_snapshot.store(m_snapshots.push(std::move(snapshot)), std::memory_order_release);
 }
 
 void PolicyLoader::publish(std::unique_ptr<ErrorState const> error) const {
-    std::lock_guard const lock(m_keepMutex);
-    m_errors.push_back(std::move(error));
-    m_error.store(m_errors.back().get(), std::memory_order_release);
+    m_error.store(m_errors.push(std::move(error)), std::memory_order_release);
 }
 
 void PolicyLoader::fail(eFabric::XmlError const& error) const {
@@ -156,10 +160,14 @@ void PolicyLoader::fail(eFabric::XmlError const& error) const {
     publish(std::unique_ptr<ErrorState const>(std::move(state)));
 }
 
-void PolicyLoader::fail(std::string const& text) const {
-    auto state = std::make_unique<ErrorState>();
-    state->Set(KORError_Error, 0, text);
-    publish(std::unique_ptr<ErrorState const>(std::move(state)));
+// One and the same error for every call, as errors are kept.
+void PolicyLoader::failStopped() const {
+    static ErrorState const& stopped = *[] {
+        auto* const state = new ErrorState;
+        state->Set(KORError_Error, 0, "the engines are stopped");
+        return state;
+    }();
+    m_error.store(&stopped, std::memory_order_release);
 }
 
 }  // namespace policyloader

@@ -9,13 +9,13 @@
 #include <atomic>
 #include <ctime>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include <eFabric/Policy.h>
 #include <policyloader/engines/EngineHost.h>
 #include <policyloader/store/ErrorState.h>
+#include <policyloader/store/KeepList.h>
 #include <policyloader/store/SettingsView.h>
 #include <policyloader/store/StoreFiles.h>
 
@@ -62,7 +62,8 @@ private:
     void publish(std::unique_ptr<StoreSnapshot const> snapshot) const;
     void publish(std::unique_ptr<ErrorState const> error) const;
     void fail(eFabric::XmlError const& error) const;
-    void fail(std::string const& text) const;
+    void failStopped() const;
+    void dropTornFiles() const;
 
     EngineHost m_engines;
     std::atomic<bool> m_shut{false};
@@ -75,13 +76,12 @@ private:
     // Held by the thread that looks at the files: the process id of that thread, 0 for nobody. Of another process,
     // since a fork took place meanwhile, it counts as nobody.
     mutable std::atomic<int> m_looker{0};
-    // Belong to that thread.
-    mutable std::unique_ptr<StoreFiles> m_files;
+    mutable std::unique_ptr<StoreFiles> m_files;  // that thread's
 
-    mutable std::mutex m_keepMutex;
-    // Guarded by m_keepMutex: all there ever was.
-    mutable std::vector<std::unique_ptr<StoreSnapshot const>> m_snapshots;
-    mutable std::vector<std::unique_ptr<ErrorState const>> m_errors;
+    std::vector<std::string> m_paths;  // set by initialise
+
+    mutable KeepList<StoreSnapshot> m_snapshots;
+    mutable KeepList<ErrorState> m_errors;
 };
 
 }  // namespace policyloader

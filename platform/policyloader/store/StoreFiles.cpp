@@ -12,7 +12,7 @@ namespace policyloader {
 
 using eFabric::XmlFile;
 
-StoreFiles::StoreFiles(std::vector<std::string> paths) : m_paths(std::move(paths)) {}
+StoreFiles::StoreFiles(std::vector<std::string> paths) : m_paths(std::move(paths)), m_digest(m_paths.size()) {}
 
 StoreFiles::Stamp StoreFiles::StampOf(std::string const& path) {
     struct stat status {};
