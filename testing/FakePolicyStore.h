@@ -1,5 +1,5 @@
 // FakePolicyStore: a policy store whose content a test writes down, with no files and no engines.
-// Owner: the test; it must outlive every Config that reads from it, and its texts live with it.
+// Owner: the test; it must outlive every Config that reads from it, its interned texts live for ever.
 // Threads: Put before others start; reads from any thread. Failure: what was not put is null.
 #pragma once
 
@@ -161,17 +161,18 @@ private:
         char const* NextAttribute(long&) const override { return nullptr; }
     };
 
+    // Interned texts outlive their store, as settings keep the first store's names for the life of the process.
     InternedString Intern(char const* text) const {
+        static std::mutex mutex;
+        static std::set<std::string> texts;
         ++interned;
-        std::lock_guard<std::mutex> const hold(m_mutex);
-        return InternedString(m_texts.insert(text).first->c_str());
+        std::lock_guard<std::mutex> const hold(mutex);
+        return InternedString(texts.insert(text).first->c_str());
     }
 
     std::map<std::tuple<std::string, std::string, std::string, std::string>, FakeValue> m_values;
     std::map<std::string, FakeIdentityList> m_identities;
     NoError m_error;
-    mutable std::mutex m_mutex;  // guards m_texts
-    mutable std::set<std::string> m_texts;
 };
 
 }  // namespace velt_testing
