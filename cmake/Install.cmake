@@ -3,9 +3,9 @@ include(CMakePackageConfigHelpers)
 
 install(TARGETS velt veltplatform EXPORT VeltTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(TARGETS policyloader LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(DIRECTORY velt/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/velt FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY velt/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/velt FILES_MATCHING PATTERN "*.h" PATTERN "*Test.h" EXCLUDE)
 install(DIRECTORY platform/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/veltplatform
-        FILES_MATCHING PATTERN "*.h" PATTERN policyloader EXCLUDE)
+        FILES_MATCHING PATTERN "*.h" PATTERN policyloader EXCLUDE PATTERN "*Test.h" EXCLUDE)
 install(EXPORT VeltTargets NAMESPACE Velt:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/Velt)
 configure_package_config_file(packaging/VeltConfig.cmake.in ${CMAKE_BINARY_DIR}/VeltConfig.cmake
                               INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/Velt)
