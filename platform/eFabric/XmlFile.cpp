@@ -209,9 +209,10 @@ XmlPlace XmlFile::placeOfOffset(std::size_t offset) const {
     return XmlPlace{m_name, line, static_cast<unsigned>(offset - *(after - 1)) + 1};
 }
 
-// An element's offset is that of its name; its place is that of the bracket in front.
+// The offset that the parser keeps is that of an element's name, and of the white space before a text.
 XmlPlace XmlFile::place(pugi::xml_node node) const {
     std::size_t const offset = offsetOf(node);
+    if (IsText(node)) return placeOfOffset(std::min(m_bytes.find_first_not_of(" \t\r\n", offset), m_bytes.size()));
     bool const element = node.type() == pugi::node_element;
     return placeOfOffset(element && offset > 0 ? offset - 1 : offset);
 }

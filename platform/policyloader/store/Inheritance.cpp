@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 
 #include <eFabric/XmlFile.h>
@@ -63,7 +64,7 @@ public:
         while (!m_path.empty()) {
             auto& [node, next] = m_path.back();
             if (next == node->inherits.size())
-                m_path.pop_back();
+                leave(*node);
             else
                 visit(*node, node->inherits[next++]);
         }
@@ -71,23 +72,32 @@ public:
     }
 
 private:
+    enum class State { OnPath, Done };
+
     void enter(IdentityNode const& identity) {
+        m_states[&identity] = State::OnPath;
         m_found.push_back(&identity);
         m_path.emplace_back(&identity, 0);
+    }
+
+    void leave(IdentityNode const& identity) {
+        m_states[&identity] = State::Done;
+        m_path.pop_back();
     }
 
     void visit(IdentityNode const& heir, InternedString name) {
         auto const* const node = FindIdentity(m_policy, name);
         std::string const quoted = std::string("'") + name.c_str() + "'";
         if (!node) Fail(heir.inheritsPlace, "identity " + quoted + " does not exist in this policy");
-        auto const onPath = [&](auto const& step) { return step.first == node; };
-        if (std::any_of(m_path.begin(), m_path.end(), onPath))
+        auto const known = m_states.find(node);
+        if (known == m_states.end()) return enter(*node);
+        if (known->second == State::OnPath)
             Fail(heir.inheritsPlace, "identity " + quoted + " inherits itself in a circle");
-        if (!std::count(m_found.begin(), m_found.end(), node)) enter(*node);
     }
 
     PolicyNode const& m_policy;
     std::vector<IdentityNode const*> m_found;
+    std::unordered_map<IdentityNode const*, State> m_states;
     std::vector<std::pair<IdentityNode const*, std::size_t>> m_path;
 };
 

@@ -1,7 +1,5 @@
 #include <policyloader/store/StoreModel.h>
 
-#include <algorithm>
-
 #include <policyloader/store/StoreReader.h>
 
 namespace policyloader {
@@ -12,22 +10,31 @@ void StoreModel::add(eFabric::XmlFile const& file) {
 }
 
 PolicyNode* StoreModel::find(InternedString name) const {
-    auto const found =
-        std::find_if(m_policies.begin(), m_policies.end(), [&](auto const& policy) { return policy->name == name; });
-    return found == m_policies.end() ? nullptr : found->get();
+    auto const found = m_policyByName.find(name.c_str());
+    return found == m_policyByName.end() ? nullptr : found->second;
 }
 
 PolicyNode& StoreModel::get(InternedString name) {
     if (auto* const known = find(name)) return *known;
     m_policies.push_back(std::make_unique<PolicyNode>());
-    m_policies.back()->name = name;
-    return *m_policies.back();
+    auto& made = *m_policies.back();
+    made.name = name;
+    m_policyByName.emplace(name.c_str(), &made);
+    return made;
 }
 
 IdentityNode* FindIdentity(PolicyNode const& policy, InternedString name) {
-    auto const found = std::find_if(policy.identities.begin(), policy.identities.end(),
-                                    [&](auto const& identity) { return identity->name == name; });
-    return found == policy.identities.end() ? nullptr : found->get();
+    auto const found = policy.identityByName.find(name.c_str());
+    return found == policy.identityByName.end() ? nullptr : found->second;
+}
+
+IdentityNode& GetIdentity(PolicyNode& policy, InternedString name) {
+    if (auto* const known = FindIdentity(policy, name)) return *known;
+    policy.identities.push_back(std::make_unique<IdentityNode>());
+    auto& made = *policy.identities.back();
+    made.name = name;
+    policy.identityByName.emplace(name.c_str(), &made);
+    return made;
 }
 
 }  // namespace policyloader

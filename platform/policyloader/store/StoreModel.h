@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -72,6 +73,7 @@ struct PolicyNode {
     unsigned file = 0;                                   // the last that had it
     Scope scope;
     std::vector<std::unique_ptr<IdentityNode>> identities;  // in order of priority
+    std::unordered_map<char const*, IdentityNode*> identityByName;
 };
 
 class StoreModel {
@@ -87,11 +89,13 @@ private:
 
     unsigned m_files = 0;
     std::vector<std::unique_ptr<PolicyNode>> m_policies;
+    std::unordered_map<char const*, PolicyNode*> m_policyByName;
     std::deque<Value> m_values;
     std::deque<Rule> m_rules;
     std::deque<Window> m_windows;
 };
 
 IdentityNode* FindIdentity(PolicyNode const& policy, InternedString name);
+IdentityNode& GetIdentity(PolicyNode& policy, InternedString name);  // makes it when it is new
 
 }  // namespace policyloader

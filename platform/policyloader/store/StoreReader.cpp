@@ -92,22 +92,17 @@ void StoreReader::identity(Node node, PolicyNode& policy) {
     m_file.allowAttributes(node, {"name", "inherits"});
     m_file.forbidText(node);
     auto const called = name(node, "name");
-    auto* identity = FindIdentity(policy, called);
-    if (identity && identity->file == m_index)
+    auto& identity = GetIdentity(policy, called);
+    if (identity.file == m_index)
         m_file.fail(node, "identity " + Quoted(called.c_str()) + " stands twice in its policy");
-    if (!identity) {
-        policy.identities.push_back(std::make_unique<IdentityNode>());
-        identity = policy.identities.back().get();
-        identity->name = called;
-    }
-    identity->file = m_index;
+    identity.file = m_index;
     if (auto const inherits = node.attribute("inherits")) {
-        identity->inherits = Names(inherits.value());
-        identity->inheritsPlace = place(node, "inherits");
+        identity.inherits = Names(inherits.value());
+        identity.inheritsPlace = place(node, "inherits");
     }
     for (auto const child : node.children()) {
         if (child.name() != std::string_view("settings")) unexpected(child);
-        settings(child, identity->scope);
+        settings(child, identity.scope);
     }
 }
 
