@@ -24,11 +24,11 @@ using config_helper::GetValue;
 namespace {
 
 struct attrname_ScanInterval {
-    static constexpr config_attribute::SettingText text{"test", "ScanInterval", "seconds", ""};
+    [[maybe_unused]] static constexpr config_attribute::SettingText text{"test", "ScanInterval", "seconds", ""};
 };
 using ScanInterval = bounded<attrname_ScanInterval, unsigned, integral_bounds<unsigned, 10, 1, 65535>>;
 struct attrname_Days {
-    static constexpr config_attribute::SettingText text{"test", "Days", "", ""};
+    [[maybe_unused]] static constexpr config_attribute::SettingText text{"test", "Days", "", ""};
 };
 using OneDay = bounded<attrname_Days, unsigned, integral_bounds<unsigned, 0, 0, 86400>>;
 using Unlimited =

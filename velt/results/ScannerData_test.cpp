@@ -76,10 +76,10 @@ TEST(ScannerNames, OfARangeShareOneValueAndTellTheAntiVirusScanner) {
 }
 
 TEST(ScanStats, AreNamedByDirectionAndFinding) {
-    SCAN_STATS plain;
+    static SCAN_STATS plain;  // counters are never destroyed
     EXPECT_EQ(plain.virus_detected, nullptr);
     plain.Initialise(nullptr);
-    SCAN_STATS prefixed;
+    static SCAN_STATS prefixed;
     prefixed.Initialise("from_outside");
     EXPECT_EQ(plain.virus_detected->name(), "virus_detected");
     EXPECT_EQ(plain.spam_detected->name(), "spam_detected");
