@@ -3,10 +3,7 @@
 #include <iostream>
 #include <string>
 
-#if __has_include(<gateways/smtp/SmtpSettings.h>)
 #include <gateways/smtp/SmtpSettings.h>
-#define VELT_HAS_SMTP_SETTINGS
-#endif
 #include <velt/config_details/listing.h>
 #include <velt/config_details/settings/connection.h>
 #include <velt/config_details/settings/network.h>
@@ -59,8 +56,6 @@ int main() {
     PrintSection("network", Describe(VELTCFG::network::Settings{}));
     PrintSection("process", Describe(VELTCFG::process::Settings{}));
     PrintSection("scanning", Describe(VELTCFG::scanning::Settings{}));
-#ifdef VELT_HAS_SMTP_SETTINGS
     PrintSection("smtp", Describe(VELTCFG::smtp::Settings{}));
-#endif
     return std::cout.flush() ? 0 : 1;
 }
