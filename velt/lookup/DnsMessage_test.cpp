@@ -325,7 +325,7 @@ TEST_F(Records, AreNotThereOutsideTheirSections) {
     EXPECT_EQ(parsed.resolver.Parserr(ns_s_ar, 2, record), ENODEV);
     EXPECT_EQ(parsed.resolver.Parserr(ns_s_ar, -2, record), ENODEV);
     EXPECT_EQ(parsed.resolver.Parserr(ns_s_max, 0, record), ENODEV);
-    EXPECT_EQ(parsed.resolver.Parserr(static_cast<ns_sect>(-1), 0, record), ENODEV);
+    EXPECT_EQ(parsed.resolver.Parserr(static_cast<ns_sect>(7), 0, record), ENODEV);
     EXPECT_EQ(Resolver().Parserr(ns_s_an, 0, record), ENODEV) << "before any answer";
     ParsedMessage empty(DnsBytes().str());
     EXPECT_EQ(empty.resolver.Parserr(ns_s_an, 0, record), ENODEV);

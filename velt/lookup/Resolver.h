@@ -116,8 +116,8 @@ private:
     int ReadAddresses(Lookup& lookup);
 
 protected:
-    // The answer and the state of its parser. A subclass that has its answer from elsewhere sets answer_length first and
-    // hands the answer to init_result.
+    // The answer and the state of its parser. A subclass that has its answer from elsewhere sets answer_length first
+    // and hands the answer to init_result.
     unsigned char answer[1024];
     std::unique_ptr<unsigned char[]> big_answer;  // null while the answer fits
     int answer_length;

@@ -63,9 +63,10 @@ ScannerStream::ScannerStream(std::string const& name, bool is_outbound)
     reset();
 }
 
+// One byte more than it uses: where the memory is full, the buffered layer may put its NUL behind it.
 ScannerStream::ScannerStream(unsigned size)
     : outbound(false),
-      memory(size ? new (std::nothrow) char[size] : nullptr),
+      memory(size ? new (std::nothrow) char[std::size_t{size} + 1] : nullptr),
       capacity(size),
       disk_fd(-1),
       trickle_fd(-1),
@@ -288,7 +289,7 @@ bool ScannerStream::setsize_disk(unsigned length) {
 
 char* ScannerStream::stream_info(unsigned& position, unsigned& length, unsigned& limit) {
     restore_saved_chr();
-    limit = s_bufferpool ? s_bufferpool->size() : capacity;
+    limit = own_memory && s_bufferpool ? s_bufferpool->size() : capacity;
     set_buffer_is_store(!on_disk());
     position = 0;
     length = 0;
