@@ -26,6 +26,7 @@ public:
     static void set_buffer_pool(unsigned initial_count, unsigned size);  // bytes; an object below that stays in memory
     static void set_spool_dir(std::string& path);  // makes it, and "segv" in it, open to all; an existing one is fine
 
+    // The id becomes part of a path as it stands: it is never text from the network.
     ScannerStream(std::string const& id, bool outbound);  // memory of the pool; spools to ID.in, or ID.out if outbound
     explicit ScannerStream(unsigned size);                // memory of its own; 0: none, all goes to disk
     ~ScannerStream() override;

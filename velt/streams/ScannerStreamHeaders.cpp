@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include <velt/streams/ScannerStream.h>
+#include <velt/streams/SpoolFile.h>
 
 namespace VELT {
 
@@ -48,9 +49,9 @@ int ScannerStream::spool_to_disk(char const* path, Replacements const& replaceme
     }
     HeaderRewrite rewrite{*this, path, fd, replacements};
     if (!rewrite.Run()) return -1;
-    ::close(fd);
+    int const result = CloseWritten(fd, path, true);
     seek(0, 0);
-    return 0;
+    return result;
 }
 
 bool ScannerStream::HeaderRewrite::Run() {

@@ -8,10 +8,13 @@
 #include <sys/syslog.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <climits>
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
+#include <new>
 
 #include <testing/SpoolRoom.h>
 #include <velt/streams/BufferPool.h>
@@ -44,6 +47,20 @@ extern "C" void __syslog_chk(int priority, int, char const* format, ...) {
     Record(priority, format, arguments);
     va_end(arguments);
 }
+
+namespace {
+
+std::atomic<unsigned> s_allocations{0};
+
+}  // namespace
+
+[[gnu::noinline]] void* operator new(std::size_t size) {
+    ++s_allocations;
+    if (void* const memory = std::malloc(size)) return memory;
+    throw std::bad_alloc();
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 namespace {
 
@@ -477,6 +494,30 @@ TEST_F(SpoolStream, HoldsNothingAfterItsMemoryIsGone) {
     EXPECT_EQ(room.Read("copy"), "");
     EXPECT_EQ(Put(stream, "x"), 1) << "what comes now goes to disk";
     EXPECT_TRUE(OnDisk());
+}
+
+// One message after the other goes through the same stream.
+TEST(SpoolStreamSpeed, AllocatesNothingForMessagesThatStayInMemory) {
+    SpoolRoom room(4096);
+    ScannerStream stream("name", false);
+    char line[] = "a line of a mail\r\n";
+    char data[64];
+    unsigned count = 0;
+    unsigned const before = s_allocations;
+    for (int message = 0; message < 10; ++message) {
+        stream.reset();
+        for (int i = 0; i < 100; ++i) stream.write(line, sizeof line - 1);
+        stream.seek(0, 0);
+        char* text = nullptr;
+        bool io_done = false;
+        LINE_STATE_T state;
+        for (int i = 0; i < 50; ++i) stream.getline(text, true, io_done, state, true);
+        stream.seek(0, 0);
+        EXPECT_EQ(stream.read(data, sizeof data), static_cast<long>(sizeof data));
+        stream.trickle_read(data, sizeof data, &count);
+        stream.setsize(100);
+    }
+    EXPECT_EQ(s_allocations, before);
 }
 
 TEST(SpoolStreamSetUp, MakesTheDirectoryAndTheOneForCrashes) {
