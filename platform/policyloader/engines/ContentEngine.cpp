@@ -6,6 +6,7 @@
 #include <gmime/gmime-utils.h>
 #include <strings.h>
 
+#include <policyloader/engines/CharsetNames.h>
 #include <policyloader/engines/EngineFailure.h>
 #include <policyloader/engines/HtmlText.h>
 #include <policyloader/engines/ResultSet.h>
@@ -15,7 +16,8 @@ namespace policyloader {
 namespace {
 
 std::string DecodeHeader(std::string const& value) {
-    std::unique_ptr<char, void (*)(void*)> const text(g_mime_utils_header_decode_text(nullptr, value.c_str()), &g_free);
+    std::unique_ptr<char, void (*)(void*)> const text(
+        g_mime_utils_header_decode_text(nullptr, WithKnownCharsets(value).c_str()), &g_free);
     return text ? ToCleanUtf8(text.get()) : std::string();
 }
 

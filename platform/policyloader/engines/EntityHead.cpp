@@ -5,6 +5,7 @@
 #include <memory>
 
 #include <gmime/gmime.h>
+#include <policyloader/engines/CharsetNames.h>
 #include <strings.h>
 
 namespace policyloader {
@@ -83,7 +84,8 @@ void ReadType(std::string const& value, bool first, EntityHead& head) {
         head.doubtful = true;
         return;
     }
-    std::unique_ptr<GMimeContentType, Unref> const type(g_mime_content_type_parse(nullptr, value.c_str()));
+    std::unique_ptr<GMimeContentType, Unref> const type(
+        g_mime_content_type_parse(nullptr, WithKnownCharsets(value).c_str()));
     if (!type) return;
     auto const major = Lower(g_mime_content_type_get_media_type(type.get()));
     auto const minor = Lower(g_mime_content_type_get_media_subtype(type.get()));
@@ -108,7 +110,7 @@ void ReadEncoding(std::string const& value, EntityHead& head) {
 
 void ReadDisposition(std::string const& value, EntityHead& head) {
     std::unique_ptr<GMimeContentDisposition, Unref> const disposition(
-        g_mime_content_disposition_parse(nullptr, value.c_str()));
+        g_mime_content_disposition_parse(nullptr, WithKnownCharsets(value).c_str()));
     char const* const name =
         disposition ? g_mime_content_disposition_get_parameter(disposition.get(), "filename") : nullptr;
     if (name) head.fileName = name;

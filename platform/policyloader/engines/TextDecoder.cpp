@@ -3,7 +3,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include <gmime/gmime-charset.h>
+#include <glib.h>
+#include <policyloader/engines/CharsetNames.h>
 #include <strings.h>
 
 namespace policyloader {
@@ -20,9 +21,7 @@ bool IsUtf8Name(std::string const& charset) {
 
 iconv_t OpenConverter(std::string const& charset) {
     if (IsUtf8Name(charset)) return kNone;
-    // The transliterations that a caller could ask for after "//" are not for senders to choose.
-    std::string const name = charset.substr(0, charset.find('/'));
-    iconv_t const known = iconv_open("UTF-8", g_mime_charset_iconv_name(name.c_str()));
+    iconv_t const known = IsKnownCharset(charset) ? iconv_open("UTF-8", charset.c_str()) : kNone;
     return known != kNone ? known : iconv_open("UTF-8", "WINDOWS-1252");
 }
 
