@@ -17,7 +17,7 @@ class Start(echo_case.EchoCase):
             self.assertEqual(client.ask(""), "")
         self.assertEqual(self.events(10000, 46)[0]["values"]["velt_command_line"],
                          f"{self.program} -d echo product ")
-        self.assertIn("10003:68", daemon.stderr())
+        harness.wait_until(lambda: "10003:68" in daemon.stderr(), "the event on standard error")
         self.stop()
         self.assertEqual(daemon.wait(), 0)
 

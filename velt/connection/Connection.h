@@ -45,7 +45,7 @@ public:
 
 class VELT_API Connection {
 public:
-    enum RESOLVE_LOOKUP_T { RESOLVE_ADDRESS = 0, RESOLVE_MX = 1 };
+    enum RESOLVE_LOOKUP_T : int { RESOLVE_ADDRESS = 0, RESOLVE_MX = 1 };
 
     Connection();
     Connection(Connection const&) = delete;

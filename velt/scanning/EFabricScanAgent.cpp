@@ -11,6 +11,7 @@
 #include <array>
 #include <atomic>
 #include <memory>
+#include <vector>
 
 namespace VELT {
 
@@ -82,8 +83,10 @@ void GiveAttributes(ScanContext& context) {
 bool EFabricScanAgent::load(std::string const& config, std::string const& name, bool antispam, char const* engine_xml) {
     EFabricLibrary::Load();
     bool loaded = false;
-    new EFabricScanContext(config, name, antispam, engine_xml, loaded);  // lives as long as the process
-    if (loaded) s_pscans = new QXStats::QXCounter("scanner.efabric.scans");
+    // Contexts live as long as the process: threads keep records that name theirs.
+    static auto& kept = *new std::vector<std::unique_ptr<EFabricScanContext>>;
+    kept.push_back(std::make_unique<EFabricScanContext>(config, name, antispam, engine_xml, loaded));
+    if (loaded && !s_pscans) s_pscans = new QXStats::QXCounter("scanner.efabric.scans");
     return loaded;
 }
 

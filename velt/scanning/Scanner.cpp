@@ -118,7 +118,7 @@ Scanner* ScannerInline::get(ScanContext* context) {
 }
 
 void ScannerInline::initialise(Config*) {
-    s_pInlineScans = new QXStats::QXCounter("scanner.inline.scans");
+    if (!s_pInlineScans) s_pInlineScans = new QXStats::QXCounter("scanner.inline.scans");
     unsigned const stack = Proxy::s_pProxyInstance->m_handlerStackSize;
     if (stack != 0 && stack < kLeastStackForEngines) s_disabled = true;
 }
@@ -149,7 +149,9 @@ Scanner* ScannerNull::get(ScanContext* context) {
     return scanner;
 }
 
-void ScannerNull::initialise(Config*) { s_pNullScans = new QXStats::QXCounter("scanner.null.scans"); }
+void ScannerNull::initialise(Config*) {
+    if (!s_pNullScans) s_pNullScans = new QXStats::QXCounter("scanner.null.scans");
+}
 
 void ScannerNull::start() {}
 

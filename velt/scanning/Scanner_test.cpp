@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <utility>
 
 #include "testing/ScriptedFramework.h"
 #include "testing/SessionWorld.h"
@@ -43,6 +44,7 @@ protected:
 
     // One scan by a scanner of its own, as a session makes it.
     int Scan(unsigned index, bool fallback) {
+        if (!fallback) delete std::exchange(output, nullptr);
         std::unique_ptr<Scanner> const scanner(Scanner::get(&context));
         unsigned count = 0;
         if (scanner->setup_scan(count) != 0) return -2;
@@ -190,7 +192,7 @@ TEST_F(EngineAdapter, SetsThePolicyOncePerThreadForScansOfOnePolicy) {
     context.policy = Intern("content_out");
     EXPECT_EQ(CallsOf(0, false), (std::vector<std::string>{"thread content_in", "time source", "policy content_out",
                                                            "object staff", "scan"}));
-    EXPECT_EQ(CallsOf(1, false), (std::vector<std::string>{"object null", "scan"}));
+    EXPECT_EQ(CallsOf(1, false), (std::vector<std::string>{"release object", "object null", "scan"}));
 }
 
 TEST_F(EngineAdapter, AFallbackScanRunsTheAntiVirusEngineAloneAndTheNextScanAllAgain) {
@@ -200,7 +202,8 @@ TEST_F(EngineAdapter, AFallbackScanRunsTheAntiVirusEngineAloneAndTheNextScanAllA
     EXPECT_EQ(CallsOf(0, true), (std::vector<std::string>{"release object", "select 0 all", "select 1 KORAVScanner",
                                                           "object staff", "scan"}));
     auto const again = CallsOf(0, false);
-    EXPECT_EQ(again.front(), "select 1 all");
+    ASSERT_GE(again.size(), 2u);
+    EXPECT_EQ(again[1], "select 1 all");
 }
 
 TEST_F(EngineAdapter, AFallbackLeavesNoForcedHostBehindWhateverComesOfIt) {
