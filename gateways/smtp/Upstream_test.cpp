@@ -177,7 +177,7 @@ TEST_F(UpstreamTalk, IsATemporaryFailureWhereverTheServerDies) {
             TearDown();
             SetUp();
         }
-        Script([&](Server& server) {
+        Script([&, dieAfter](Server& server) {
             Welcome(server);
             if (dieAfter == 0) return;
             server.Until("DATA\r\n");

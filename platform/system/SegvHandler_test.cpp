@@ -92,6 +92,11 @@ TEST(Crashes, InsideTheHandlerEndAtOnce) {
     });
     EXPECT_EQ(same.said, "u");
     EXPECT_EQ(same.signal, SIGSEGV);
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+    return;  // it holds a raised signal back until the handler has returned
+#endif
+#endif
     End const other = InChild([] {
         SegvHandler::Install();
         SegvHandler::SetUserHandler([] {

@@ -298,6 +298,21 @@ TEST_F(SendMail, StuffsDotsAndEndsLinesWithCrLf) {
     EXPECT_EQ(Sent("Subject: a\r\n\n.\n..b\r\nc.d\n"), "Subject: a\r\n\r\n..\r\n...b\r\nc.d\r\n");
 }
 
+// A host that looks at the head of a mail first leaves nothing behind in it.
+TEST_F(SendMail, AHeadThatWasReadBeforeGoesOutWhole) {
+    ScannerStream mail("mail", false);
+    std::string const content = "Subject: a\r\n\r\nbody\r\n";
+    mail.write(content.data(), static_cast<unsigned>(content.size()));
+    mail.seek(0, 0);
+    char* line = nullptr;
+    bool ioDone = false;
+    LINE_STATE_T state = LINE_COMPLETE;
+    ASSERT_EQ(mail.getline(line, true, ioDone, state, true), 10);
+    EXPECT_STREQ(line, "Subject: a");
+    EXPECT_EQ(session.SendMailStream(&mail, session.getSourceConnection().m_stream), 0);
+    EXPECT_EQ(world.ReadClient(content.size()), content);
+}
+
 TEST_F(SendMail, ALineOfASingleDotGoesOutAsTwo) { EXPECT_EQ(Sent(".\r\n"), "..\r\n"); }
 
 TEST_F(SendMail, ALastLineWithoutItsEndIsNotSent) { EXPECT_EQ(Sent("a\nb"), "a\r\n"); }

@@ -54,6 +54,7 @@ std::atomic<unsigned> s_allocations{0};
 
 }  // namespace
 
+#ifndef VELT_SANITIZED  // the sanitizers bring operators of their own
 [[gnu::noinline]] void* operator new(std::size_t size) {
     ++s_allocations;
     if (void* const memory = std::malloc(size)) return memory;
@@ -61,6 +62,7 @@ std::atomic<unsigned> s_allocations{0};
 }
 [[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
 [[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+#endif
 
 namespace {
 
