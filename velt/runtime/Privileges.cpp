@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <limits>
 #include <string>
 
 #include <velt/config_details/settings/process.h>
@@ -22,6 +23,13 @@ namespace {
 constexpr std::size_t kRecordBytes = 1024;  // a user or group whose record is larger counts as unknown
 
 bool IsNumber(std::string const& text) { return !text.empty() && IsAllDigits(text); }
+
+// A number that the system's type cannot hold is refused: cut to it, it might be the superuser's.
+int ChangeTo(int (*change)(unsigned), long id) {
+    if (id <= static_cast<long>(std::numeric_limits<unsigned>::max())) return change(static_cast<unsigned>(id));
+    errno = EINVAL;
+    return -1;
+}
 
 // False when the setting is absent: its default is never applied.
 template <class Descriptor>
@@ -66,7 +74,7 @@ void Proxy::ChangeGroup() {
     std::string name;
     if (!FindText<VELTCFG::process::GroupId>(m_config, name)) return;
     long const id = MapGID(name.c_str());
-    if (id < 0 || ::setgid(static_cast<gid_t>(id)) == 0) return;
+    if (id < 0 || ChangeTo(::setgid, id) == 0) return;
     int const error = errno;
     LogEvent(events::SETGID_FAILED, [&] { return QXPROP_VELT_ID(name) | _find_errno(error); });
 }
@@ -79,7 +87,7 @@ void Proxy::ChangeUser() {
         LogEvent(events::USER_UNKNOWN, [&] { return KORlog::InfoBag(QXPROP_VELT_ID(name)); });
         return;
     }
-    if (::setuid(static_cast<uid_t>(id)) == 0) return;
+    if (ChangeTo(::setuid, id) == 0) return;
     int const error = errno;
     LogEvent(events::SETUID_FAILED, [&] { return QXPROP_VELT_ID(name) | _find_errno(error); });
 }

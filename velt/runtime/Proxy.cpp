@@ -49,6 +49,13 @@ void DetachStandardStreams() {
     if (null > 2) ::close(null);
 }
 
+// The system's log keeps the pointer, also beyond the proxy's own end.
+void CopyLogToTerminal(std::string const& name) {
+    static std::string& kept = *new std::string;
+    kept = name;
+    ::openlog(kept.c_str(), LOG_PID | LOG_PERROR, LOG_DAEMON);
+}
+
 void WaitForEnd(pid_t child) {
     while (::waitpid(child, nullptr, 0) == -1 && errno == EINTR) {
     }
@@ -121,7 +128,7 @@ void Proxy::Shutdown() {
 int Proxy::Start(int argc, char** argv) {
     for (int i = 0; i < argc; ++i) m_commandLine.append(argv[i]).append(" ");
     if (ProcessArgs(argc, argv) != 0) return -1;
-    if (m_debugForeground) ::openlog(m_proxyName.c_str(), LOG_PID | LOG_PERROR, LOG_DAEMON);
+    if (m_debugForeground) CopyLogToTerminal(m_proxyName);
     return m_runAsService ? StartAsService() : ProxyMain();
 }
 

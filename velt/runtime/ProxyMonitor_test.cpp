@@ -315,6 +315,20 @@ TEST_F(MonitorTest, ServiceIsPreparedBeforeTheFirstForkAndEndsWithTheStopFlag) {
     EXPECT_TRUE(m_monitor.m_children.empty());
 }
 
+class SingleLoop : public NotedLoop {
+public:
+    void Process(int argc, char**) override {
+        bool const well = preForks == 1 && arguments == -1 && argc == 3 && connthreads == nullptr;
+        ::_exit(well && m_parentReadFd == -1 && m_parentWriteFd == -1 ? 0 : 1);
+    }
+};
+
+TEST_F(MonitorTest, SingleProcessHasNoPipesAndNoPool) {
+    SingleLoop* const loop = new SingleLoop;
+    EXPECT_EXIT(m_monitor.Process(loop, 3, nullptr), ::testing::ExitedWithCode(0), "");
+    delete loop;
+}
+
 TEST_F(MonitorTest, CreateServiceReturnsTheLoopPrepared) {
     EXPECT_EQ(m_monitor.CreateService(m_loop), m_loop);
     EXPECT_EQ(m_loop->preForks, 1);

@@ -1,11 +1,16 @@
 #include <velt/runtime/Proxy.h>
 
 #include <gtest/gtest.h>
+#include <syslog.h>
 
+#include <cstring>
 #include <filesystem>
+#include <new>
+#include <type_traits>
 #include <utility>
 
 #include <QXlog/QXlog.h>
+#include <testing/FakePolicyStore.h>
 #include <velt/logging/Events.h>
 #include <velt/runtime/RuntimeTest.h>
 #include <velt/runtime/ServiceLoop.h>
@@ -133,6 +138,22 @@ TEST_F(ProxyTest, StartKeepsTheCommandLineWithABlankAfterEachArgument) {
     EXPECT_EQ(noted->services, 1);
 }
 
+TEST_F(ProxyTest, NameInTheSystemsLogOutlivesTheProxy) {
+    auto const room = std::make_unique<std::aligned_storage_t<sizeof(NotedProxy), alignof(NotedProxy)>>();
+    delete m_proxy;
+    m_proxy = nullptr;
+    auto* const noted = new (room.get()) NotedProxy;
+    Arguments foreground{"echo", "-d", "mail", "product"};
+    noted->Start(foreground.argc(), foreground.argv());
+    noted->~NotedProxy();
+    std::memset(room.get(), 'x', sizeof *room);
+    ::testing::internal::CaptureStderr();
+    ::syslog(LOG_ERR, "the last word");
+    std::string const told = ::testing::internal::GetCapturedStderr();
+    ::closelog();
+    EXPECT_EQ(told, "mail[" + std::to_string(::getpid()) + "]: the last word\n");
+}
+
 TEST_F(ProxyTest, ConstructionIgnoresThreeSignalsAndClearsTheUmask) {
     for (int const signal : {SIGPIPE, SIGXFSZ, SIGCHLD}) {
         struct sigaction action = {};
@@ -209,6 +230,133 @@ TEST_F(StandardConfigTest, AbsentSettingsHaveTheirDefaults) {
     EXPECT_EQ(m_proxy->m_acceptCount, 1u);
     EXPECT_NE(m_proxy->m_serviceLoop, nullptr);
     delete std::exchange(m_proxy->m_serviceLoop, nullptr);
+}
+
+// --- the same with a store ---
+
+class ConfiguredTest : public StandardConfigTest {
+protected:
+    using Value = velt_testing::FakeValue;
+
+    ConfiguredTest() { VELT::Config::initialise(&m_store); }
+    ~ConfiguredTest() override {
+        delete std::exchange(m_proxy->m_serviceLoop, nullptr);
+        VELT::Config::initialise(nullptr);
+    }
+    void Number(char const* section, char const* key, unsigned value) {
+        m_store.Put("base", section, key, Value::Unsigned(value));
+    }
+    void Listen(std::vector<std::string> const& addresses, std::vector<unsigned> const& ports) {
+        std::vector<Value> texts, numbers;
+        for (std::string const& address : addresses) texts.push_back(Value::Text(address));
+        for (unsigned const port : ports) numbers.push_back(Value::Unsigned(port));
+        m_store.Put("base", "network", "BindAddress", Value::List(texts));
+        m_store.Put("base", "network", "BindPorts", Value::List(numbers));
+    }
+    static std::vector<std::string> Bindings() {
+        std::vector<std::string> texts;
+        for (sockaddr_in const* const binding : Proxy::GetSvcBindings()) {
+            texts.push_back(::inet_ntoa(binding->sin_addr) + (":" + std::to_string(ntohs(binding->sin_port))));
+        }
+        return texts;
+    }
+
+    velt_testing::FakePolicyStore m_store;
+};
+
+TEST_F(ConfiguredTest, EachSettingGoesToItsField) {
+    unsigned next = 10;
+    for (char const* const key : {"MaxConnections", "ConnectTimeout", "Timeout", "QueueRatio", "MaxQueuedConnections",
+                                  "AcceptCount", "NetMem"}) {
+        Number("network", key, ++next);
+    }
+    for (char const* const key : {"ThreadLimit", "ProxyRefreshRate", "PermThreads"}) Number("process", key, ++next);
+    for (char const* const key : {"IdleTimeout", "ProxyIdleTimeout"}) {
+        m_store.Put("base", "process", key, Value::Int(static_cast<int>(++next)));
+    }
+    for (char const* const key : {"ForkedModelThreads", "MonitorHealth"}) {
+        m_store.Put("base", "process", key, Value::Flag(0));
+    }
+    m_store.Put("base", "process", "ForkedModel", Value::Flag(1));
+    m_proxy->GetStandardConfig();
+    EXPECT_EQ(m_proxy->m_maxConnections, 11u);
+    EXPECT_EQ(m_proxy->m_connectTimeoutSeconds, 12u);
+    EXPECT_EQ(m_proxy->m_connectTimeoutMs, 12000u);
+    EXPECT_EQ(m_proxy->m_timeoutSeconds, 13u);
+    EXPECT_EQ(m_proxy->m_timeoutMs, 13000u);
+    EXPECT_EQ(m_proxy->m_queueRatio, 14u);
+    EXPECT_EQ(m_proxy->m_maxQueuedConnections, 15u);
+    EXPECT_EQ(m_proxy->m_acceptCount, 16u);
+    EXPECT_EQ(m_proxy->m_threadLimit, 18u);
+    EXPECT_EQ(m_proxy->m_refreshRate, 19u);
+    EXPECT_EQ(m_proxy->m_permThreads, 20u);
+    EXPECT_EQ(m_proxy->m_idleTimeout, 21);
+    EXPECT_EQ(m_proxy->m_proxyIdleTimeout, 22);
+    EXPECT_FALSE(m_proxy->m_forkedModelThreads);
+    EXPECT_FALSE(m_proxy->m_monitorHealth);
+    EXPECT_TRUE(m_proxy->m_forkedModel);
+}
+
+TEST_F(ConfiguredTest, OtherServiceTypeOverridesTheNumberOfWorkers) {
+    Number("network", "AcceptCount", 5);
+    m_proxy->m_serviceType = "retry";
+    ::testing::internal::CaptureStderr();
+    m_proxy->GetStandardConfig();
+    ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(m_proxy->m_acceptCount, 1u);
+}
+
+TEST_F(ConfiguredTest, EachAddressIsBoundWithEachPortInOrder) {
+    Listen({"10.0.0.1", "10.0.0.2"}, {25, 70000, 25});
+    m_proxy->LoadSvcBindings();
+    EXPECT_EQ(Bindings(), (std::vector<std::string>{"10.0.0.1:25", "10.0.0.1:65535", "10.0.0.2:25", "10.0.0.2:65535"}));
+}
+
+TEST_F(ConfiguredTest, PortsWithoutAddressesAndAddressesWithoutPortsBindNothing) {
+    Listen({}, {25});
+    m_proxy->LoadSvcBindings();
+    Listen({"10.0.0.1"}, {});
+    m_proxy->LoadSvcBindings();
+    EXPECT_TRUE(Bindings().empty());
+}
+
+TEST_F(ConfiguredTest, PortOfTheHostIsBoundOnEachAddress) {
+    Listen({"10.0.0.1", "10.0.0.2", "10.0.0.1"}, {});
+    Proxy::AddSvcBinding(static_cast<unsigned short>(40000));
+    EXPECT_EQ(Bindings(), (std::vector<std::string>{"10.0.0.1:40000", "10.0.0.2:40000"}));
+}
+
+// --- the change of identity, as far as it fails for everybody ---
+
+class IdentityChangeTest : public ConfiguredTest {
+protected:
+    void Is(char const* key, char const* value) { m_store.Put("base", "process", key, Value::Text(value)); }
+    void ExpectRefused(QXlog::Event const& event, std::string const& number) {
+        ASSERT_EQ(m_events.Count(event), 1u) << number;
+        EXPECT_EQ(velt_testing::TextAt(m_events.Bag(event), "velt_id"), number);
+        EXPECT_EQ(velt_testing::NumberAt(m_events.Bag(event), "velt_error.velt_os_error"), EINVAL);
+    }
+};
+
+// The first number is the one that says "leave it", and the second would be the superuser's if it were cut.
+TEST_F(IdentityChangeTest, ThatTheSystemRefusesIsReportedAndTheProcessRunsOn) {
+    for (char const* const number : {"4294967295", "4294967296"}) {
+        m_events.Clear();
+        m_events.AllowAll();
+        Is("GroupId", number);
+        Is("UserId", number);
+        m_proxy->SetUidAndGid();
+        ExpectRefused(VELT::events::SETGID_FAILED, number);
+        ExpectRefused(VELT::events::SETUID_FAILED, number);
+    }
+}
+
+TEST_F(IdentityChangeTest, UnknownUserIsReportedAndUnknownGroupIsNot) {
+    Is("GroupId", "no such group");
+    Is("UserId", "no such user");
+    m_proxy->SetUidAndGid();
+    EXPECT_EQ(m_events.Events().size(), 1u);
+    EXPECT_EQ(velt_testing::TextAt(m_events.Bag(VELT::events::USER_UNKNOWN), "velt_id"), "no such user");
 }
 
 TEST_F(StandardConfigTest, NetworkListsThatAreNotThereGiveNobodyADirection) {

@@ -18,6 +18,7 @@
 #include <velt/runtime/ConnThreadPool.h>
 #include <velt/runtime/Proxy.h>
 #include <velt/runtime/ProxyHealth.h>
+#include <velt/runtime/Shutdown.h>
 #include <velt/streams/TCPStream.h>
 
 namespace VELT {
@@ -57,7 +58,9 @@ TCPServiceLoop::TCPServiceLoop(Config* config)
     OpenListenSockets();
 }
 
+// A hangup that comes from here on must not reach what is being taken apart.
 TCPServiceLoop::~TCPServiceLoop() {
+    ForgetStoppedByHangup(this);
     delete connthreads;
     connthreads = nullptr;
     TCPServiceLoop::StopServices();
