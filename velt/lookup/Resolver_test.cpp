@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <memory>
 
@@ -239,7 +240,7 @@ TEST_F(HostLookup, TakesADottedAddressAsItIs) {
 
 // What is in the buffers of 2, 4 and 8 KiB fits; every address is given, whatever the limit.
 TEST_F(HostLookup, GivesAllAddressesAndRefusesMoreThanTheLargestBuffer) {
-    unsigned count = 0;
+    std::atomic<unsigned> count{0};
     Answers([&](auto const&, DnsBytes& answer) {
         for (unsigned i = 0; i < count; ++i)
             answer.Address(DnsPointer(DnsBytes::header_size), kAddressOf + i, DnsBytes::answer);
