@@ -35,7 +35,7 @@ private:
         m_file.allowAttributes(node, {"name"});
         auto name = m_file.required(node, "name");
         if (!m_names.insert(name).second) m_file.fail(node, "identity '" + name + "' stands twice");
-        return IdentityEntry{std::move(name), body(node), m_file.place(node).line};
+        return IdentityEntry{std::move(name), body(node), m_file.place(node)};
     }
 
     ExpressionPtr body(xml_node node) const {

@@ -6,13 +6,14 @@
 #include <vector>
 
 #include <QXid/Expression.h>
+#include <eFabric/XmlFile.h>
 
 namespace qxid {
 
 struct IdentityEntry {
     std::string name;
     ExpressionPtr expression;  // null: the element is empty
-    unsigned line;
+    eFabric::XmlPlace place;
 };
 
 // `name` stands for the file in messages.

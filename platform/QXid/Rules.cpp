@@ -1,5 +1,6 @@
 #include <QXid/Rules.h>
 
+#include <exception>
 #include <map>
 #include <string_view>
 #include <utility>
@@ -44,9 +45,9 @@ public:
         auto bytes = eFabric::XmlFile::Read(path);
         auto entries = bytes ? qxid::ParseIdentities(path, std::move(*bytes)) : std::vector<qxid::IdentityEntry>();
         for (auto const& entry : entries)
-            if (entry.expression && m_identities.count(entry.name)) prepare(path, entry, evaluator);
+            if (entry.expression && m_identities.count(entry.name)) prepare(entry, evaluator);
         for (auto& [name, identity] : m_identities) identity.set(nullptr);
-        for (auto& entry : entries) accept(path, entry);
+        for (auto& entry : entries) accept(entry);
         return bytes.has_value();
     }
 
@@ -57,21 +58,27 @@ public:
 
 private:
     // What the evaluator throws names no place, so syslog says where.
-    static void prepare(char const* path, qxid::IdentityEntry const& entry, RuleEvaluator evaluator) {
+    static void prepare(qxid::IdentityEntry const& entry, RuleEvaluator evaluator) {
+        std::string const failure = "has a value that its operator does not take: ";
         try {
             entry.expression->prepare(evaluator);
-        } catch (...) {
-            eFabric::Report(std::string(path) + ':' + std::to_string(entry.line) + ": identity '" + entry.name +
-                            "' has a value that its operator does not take");
+        } catch (KORtk::Exception const& error) {
+            report(entry, failure + error.what());
+            throw;
+        } catch (std::exception const& error) {
+            report(entry, failure + error.what());
             throw;
         }
     }
 
-    void accept(char const* path, qxid::IdentityEntry& entry) {
+    void accept(qxid::IdentityEntry& entry) {
         auto const known = m_identities.find(entry.name);
         if (known != m_identities.end()) return known->second.set(std::move(entry.expression));
-        eFabric::Report(std::string(path) + ':' + std::to_string(entry.line) + ": identity '" + entry.name +
-                        "' belongs to no policy and is passed over");
+        report(entry, "belongs to no policy and is passed over");
+    }
+
+    static void report(qxid::IdentityEntry const& entry, std::string const& what) {
+        eFabric::Report(eFabric::XmlError(entry.place, "identity '" + entry.name + "' " + what).text());
     }
 
     std::map<std::string, RuleIdentity, std::less<>> m_identities;  // elements stay where they are

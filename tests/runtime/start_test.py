@@ -67,6 +67,19 @@ class Start(echo_case.EchoCase):
         self.assertRegex(daemon.stderr(), r"line:\d+")
         self.assertRegex(daemon.stderr(), r"column:\d+")
 
+    def test_malformed_identities_end_start_up_with_one_report_of_the_place(self):
+        identities = '<identities version="1">\n  <identity name="staff">{}</identity>\n</identities>\n'
+        rules = '<rules version="1"><policy name="content_in"><identity name="staff"/></policy></rules>\n'
+        for expression, report in (('eto IS "a" and', r"identities\.xml:2:40: the expression ends"),
+                                   ('eto IS "regex:("', r"identities\.xml:2:3: identity 'staff' has a value")):
+            with self.subTest(expression):
+                self.configure({}, rules=rules)
+                self.root.write("identities.xml", identities.format(expression))
+                daemon = self.launch()
+                self.assertEqual(daemon.wait(), 255)
+                self.assertRegex(daemon.stderr(), report)
+                self.assertEqual(daemon.stderr().count("identities.xml"), 1)
+
     def test_malformed_logging_is_told_and_the_daemon_starts(self):
         self.configure(self.settings())
         self.root.write("echo-logging.xml", "<logging><sink")

@@ -16,6 +16,7 @@
 
 #include <QXStats/QXCounter.h>
 #include <QXlog/QXlog.h>
+#include <eFabric/Report.h>
 #include <system/SegvHandler.h>
 #include <system/SystemPath.h>
 #include <velt/connection/Connection.h>
@@ -226,7 +227,7 @@ int Proxy::Supervise() {
 
 int Proxy::ProxyMain() {
     if (!LoadFramework()) return -1;
-    Config::initialise();
+    if (!LoadIdentities()) return -1;
     GetStandardConfig();
     if (!m_serviceLoop) return -1;
     LogEvent(events::PROXY_STARTS, [this] { return KORlog::InfoBag(QXPROP_VELT_COMMAND_LINE(m_commandLine)); });
@@ -250,6 +251,19 @@ bool Proxy::LoadFramework() {
     ::mkdir(path.c_str(), kEngineDirMode);
     path += "/" + m_proxyName + ".xml";
     return EFabricScanAgent::load(m_productConfigFile, m_proxyName, antiSpam, path.c_str());
+}
+
+// Without its identities a gateway would run everybody under the wrong policy. What an expression's own library throws
+// was reported with its place by the rule engine.
+bool Proxy::LoadIdentities() {
+    try {
+        Config::initialise();
+        return true;
+    } catch (KORtk::Exception const& error) {
+        eFabric::Report(error.text());
+    } catch (std::exception const&) {
+    }
+    return false;
 }
 
 // --- what the rest of the library asks ---

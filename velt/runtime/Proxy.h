@@ -4,7 +4,7 @@
 // Owner: the host until Shutdown, which deletes it. Threads: all of start-up runs on one thread before any other thread
 // or process exists; after that the fields are read from every thread and written by none.
 // Units: as the names of the fields say. Failure: start-up ends with -1 only on account of the command line, the
-// scanning framework or ProxyInit; all else is reported and goes on.
+// scanning framework, rules of identities that cannot be used, or ProxyInit; all else is reported and goes on.
 #pragma once
 
 #include <netinet/in.h>
@@ -113,6 +113,7 @@ private:
     void TakePositionals(int argc, char** argv);
     int Supervise();
     bool LoadFramework();
+    bool LoadIdentities();
     void ReadNetworkSettings(PoolSizes& sizes);
     void ReadProcessSettings();
     void SetUpStreams(PoolSizes const& sizes);

@@ -5,6 +5,7 @@
 #include <optional>
 
 #include <QXlog/QXlog.h>
+#include <eFabric/Report.h>
 #include <testing/ScriptedFramework.h>
 #include <velt/logging/Events.h>
 #include <velt/runtime/RuntimeTest.h>
@@ -100,6 +101,19 @@ TEST_F(StartTest, FrameworkWithoutALoaderEndsIt) {
     EXPECT_EQ(Start({"echo", "-n", "-p", "mail", "product"}), -1);
     EXPECT_EQ(m_refusing->inits, 0);
     ScriptedFramework::get().giveLoader = true;
+}
+
+TEST_F(StartTest, IdentitiesThatCannotBeReadEndItWithOneReport) {
+    static std::vector<std::string> reports;
+    reports.clear();
+    auto* const before = eFabric::ExchangeReportSink([](std::string const& line) { reports.push_back(line); });
+    m_root.Write("config/qxxmlconf/identities.xml", "<identities>\n<identity name='staff'>eto IS</identity>");
+    EXPECT_EQ(Start({"echo", "-n", "-p", "mail", "product"}), -1);
+    eFabric::ExchangeReportSink(before);
+    EXPECT_EQ(m_proxy->m_serviceLoop, nullptr);
+    EXPECT_EQ(m_refusing->inits, 0);
+    ASSERT_EQ(reports.size(), 1u);
+    EXPECT_EQ(reports[0].find(m_root / "config/qxxmlconf/identities.xml:2:"), 0u) << reports[0];
 }
 
 TEST_F(StartTest, HostIsAskedWhenThePortsAreOpenAndHealthIsNotYetWatched) {
