@@ -267,9 +267,13 @@ def show_session(gateway):
         time.sleep(0.05)
     print("\nthe events of the session that sent the phrase to two identities:")
     for event in mine:
-        shown = {key: value for key, value in event["values"].items() if key.startswith(("smtp_", "scan_", "content_"))}
+        told = ("smtp_", "scan_", "content_") if event["event"] != 19000 else ("destination_ip", "destination_port")
+        if event["event"] == 10003:
+            told = ("source_ip", "source_port", "conversation_policy")
+        shown = {key: value for key, value in values(event).items() if key.startswith(told)}
         text = " ".join(f"{key}={value}" for key, value in shown.items())
-        print(f"  {event['event']}:{event['reason']} {event.get('words', '')}: {shorten(text, 130)}")
+        number = f"{event['event']}" if event["reason"] is None else f"{event['event']}:{event['reason']}"
+        print(f"  {number:<10} {event.get('words', '')}  {shorten(text, 130)}".rstrip())
     return [] if mine else ["no events of the session were found"]
 
 
