@@ -67,6 +67,26 @@ class Start(echo_case.EchoCase):
         self.assertRegex(daemon.stderr(), r"line:\d+")
         self.assertRegex(daemon.stderr(), r"column:\d+")
 
+    def test_unreadable_rules_end_start_up_with_a_report_of_the_file(self):
+        self.configure(self.settings())
+        rules = self.root.path / "config/qxxmlconf/rules.xml"
+        rules.unlink()
+        rules.mkdir()  # there, and not to be read, also for root
+        daemon = self.launch()
+        self.assertEqual(daemon.wait(), 255)
+        self.assertRegex(daemon.stderr(), r"rules\.xml")
+
+    def test_unreadable_network_lists_run_no_session_and_do_not_hang(self):
+        self.configure(self.settings())
+        for name in ("inside.txt", "outside.txt"):
+            path = self.root.path / "config/qxxmlconf" / name
+            path.unlink()
+            path.mkdir()
+        self.launch()
+        self.wait_event(10000, 54)
+        with self.connect() as client:
+            self.assertTrue(client.closed_by_peer())
+
     def test_malformed_identities_end_start_up_with_one_report_of_the_place(self):
         identities = '<identities version="1">\n  <identity name="staff">{}</identity>\n</identities>\n'
         rules = '<rules version="1"><policy name="content_in"><identity name="staff"/></policy></rules>\n'
