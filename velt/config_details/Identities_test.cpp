@@ -112,6 +112,19 @@ TEST_F(IdentityTest, FirstCharacterChoosesBetweenAddressAndHost) {
     EXPECT_FALSE(Holds(L"con", L"FROM", L"10.1.2.3"));
 }
 
+TEST_F(IdentityTest, EveryDigitAtTheFrontMakesAnAddress) {
+    for (wchar_t digit = L'0'; digit <= L'9'; ++digit) {
+        std::wstring const value = digit + std::wstring(L".example");
+        session.getSourceConnection().m_host = std::string(value.begin(), value.end());
+        EXPECT_FALSE(Holds(L"con", L"FROM", value.c_str())) << static_cast<char>(digit);
+    }
+    for (wchar_t const other : {L'/', L':', L'a'}) {  // beside the digits
+        std::wstring const value = other + std::wstring(L".example");
+        session.getSourceConnection().m_host = std::string(value.begin(), value.end());
+        EXPECT_TRUE(Holds(L"con", L"FROM", value.c_str())) << static_cast<char>(other);
+    }
+}
+
 TEST_F(IdentityTest, ConnectionRulesAreFalseWithoutAConnection) {
     Config::initialise(&store);
     Config::PolicyInfo slot;
