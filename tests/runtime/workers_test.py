@@ -101,8 +101,8 @@ class Workers(echo_case.EchoCase):
 
 
 class Forked(echo_case.EchoCase):
-    def start_forked(self, children):
-        return self.start(network={"MaxConnections": children}, process={"ForkedModel": True})
+    def start_forked(self, children, **process):
+        return self.start(network={"MaxConnections": children}, process={"ForkedModel": True, **process})
 
     def test_each_connection_runs_in_a_process_of_its_own(self):
         daemon = self.start_forked(3)
@@ -135,6 +135,17 @@ class Forked(echo_case.EchoCase):
             self.assertEqual(client.ask("alone"), "alone")
             self.assertEqual(len(self.root.processes()), 2)
             self.assertEqual(len(daemon.workers()), 1)
+
+    def test_connections_of_processes_count_for_the_worker_that_accepted_them(self):
+        daemon = self.start_forked(3, ProxyRefreshRate=2)
+        worker = daemon.workers()[0]
+        for number in range(3):
+            self.assertEqual(self.events(10000, 71), [])
+            with self.connect() as client:
+                self.assertEqual(client.ask(f"session {number}"), f"session {number}")
+        retired = self.wait_event(10000, 71)[0]
+        self.assertEqual(retired["values"]["velt_max_connections"], 3)
+        self.assertEqual(retired["pid"], worker)
 
     def test_connection_process_outlives_its_worker_and_does_not_delay_the_replacement(self):
         daemon = self.start_forked(3)

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <ctime>
 
 #include <velt/logging/Events.h>
 #include <velt/runtime/ConnThread.h>
@@ -45,6 +46,16 @@ public:
 
 private:
     std::atomic<int>& m_seen;
+};
+
+// Notes the second in which it ends.
+class TimedSession : public VELT::Connection {
+public:
+    explicit TimedSession(std::atomic<std::time_t>& end) : m_end(end) {}
+    void Run() override { m_end = ::time(nullptr); }
+
+private:
+    std::atomic<std::time_t>& m_end;
 };
 
 class OpenPool : public VELT::ConnThreadPool {
@@ -191,11 +202,13 @@ TEST_F(PoolTest, TemporaryThreadLeavesAboutASecondAfterItsWorkWithAnIdleTimeOfNo
     m_proxy->m_proxyIdleTimeout = 0;
     OpenPool pool(1, 0);
     unsigned long const finished = CounterValue("connections.threads.finished");
-    m_door.Open();
-    pool.QueueConnection(new GatedSession(m_door), true);
+    std::atomic<std::time_t> idleFrom{0};
+    pool.QueueConnection(new TimedSession(idleFrom), true);
     auto const begin = std::chrono::steady_clock::now();
     ASSERT_TRUE(Eventually([&] { return pool.Threads() == 0; }));
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+    EXPECT_GT(std::chrono::system_clock::to_time_t(std::chrono::system_clock::now()), idleFrom)
+        << "not before the next second";
     EXPECT_EQ(CounterValue("connections.threads.finished") - finished, 1u);
     EXPECT_EQ(pool.Idle(), 1);
 }

@@ -63,6 +63,15 @@ TEST_F(HealthTest, RootIsAnsweredWithTheStatusLines) {
               "HTTP/1.0 200 OK\r\n\r\nHealth: OK\r\nName: mail\r\nStart: " + Start() + "\r\n");
 }
 
+TEST_F(HealthTest, AnswerMayTakeASecondForEachWait) {
+    auto const [client, server] = velt_testing::ConnectedPair();
+    VELT::TCPStream stream(server);
+    ::shutdown(client, SHUT_WR);
+    ProxyHealth::handle_request(&stream);
+    EXPECT_EQ(stream.set_timeout(1), 1000u);
+    ::close(client);
+}
+
 TEST_F(HealthTest, AnyOtherPathOrVerbGetsNothing) {
     for (char const* request : {"GET /status HTTP/1.0\r\n\r\n", "POST / HTTP/1.0\r\n\r\n", "GET  / HTTP/1.0\r\n\r\n",
                                 "get / HTTP/1.0\r\n\r\n", "GET /\tHTTP/1.0\r\n\r\n", "\r\n\r\n"}) {

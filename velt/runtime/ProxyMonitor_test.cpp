@@ -304,6 +304,22 @@ TEST_F(MonitorTest, ChildKeepsItsOwnEndsAndLosesThoseOfTheParent) {
     }
 }
 
+TEST_F(MonitorTest, ChildIsNicerByThePriority) {
+    int const before = ::getpriority(PRIO_PROCESS, 0);
+    if (before > 16) GTEST_SKIP() << "as nice as can be already";
+    m_monitor.m_priority = 3;
+    int created = 0;
+    if (m_monitor.CreateChildProcesses(1, created) == 0) {
+        bool const well = ::getpriority(PRIO_PROCESS, 0) == before + 3;
+        m_loop->WriteMsgToParent(well ? VELT::MSG_STOPPING : VELT::MSG_LEAVE);
+        ::_exit(0);
+    }
+    ASSERT_EQ(m_monitor.m_children.size(), 1u);
+    EXPECT_EQ(velt_testing::ReadToEnd(m_monitor.m_children.front()->m_fromChild[0]), kStopping);
+    while (::waitpid(-1, nullptr, 0) > 0) {
+    }
+}
+
 TEST_F(MonitorTest, ServiceIsPreparedBeforeTheFirstForkAndEndsWithTheStopFlag) {
     ServiceLoop::shutdown = true;
     m_monitor.m_service = nullptr;

@@ -16,7 +16,10 @@ class PlainLoop : public ServiceLoop {
 public:
     using ServiceLoop::m_parentReadFd;
     using ServiceLoop::m_parentWriteFd;
-    void StopServices() override { ++stops; }
+    void StopServices() override {
+        ++stops;
+        errno = EBADF;  // as a close may leave it
+    }
     int stops = 0;
 };
 
@@ -104,6 +107,16 @@ TEST_F(ServiceLoopTest, HangupStopsTheNewestLoopAndKeepsErrno) {
     EXPECT_EQ(errno, EDOM);
     EXPECT_TRUE(ServiceLoop::shutdown);
     EXPECT_EQ(m_loop.stops, 1);
+}
+
+TEST_F(ServiceLoopTest, PreparationGivesTheInterruptItsDefaultBack) {
+    ::signal(SIGINT, SIG_IGN);
+    m_loop.PreForkInit();
+    struct sigaction interrupt = {}, hangup = {};
+    ::sigaction(SIGINT, nullptr, &interrupt);
+    ::sigaction(SIGHUP, nullptr, &hangup);
+    EXPECT_EQ(interrupt.sa_handler, SIG_DFL);
+    EXPECT_EQ(hangup.sa_handler, &VELT::sigfinish_handler);
 }
 
 TEST_F(ServiceLoopTest, HangupAfterTheLoopIsGoneStillSetsTheFlag) {

@@ -149,6 +149,19 @@ TEST_F(LoopTest, HealthKnowsThePortsThatOpenedAndThoseThatDidNot) {
     ::close(taken);
 }
 
+TEST_F(LoopTest, PortThatFailsOnOneOfItsAddressesIsNotOk) {
+    ProxyHealth::init("loop");
+    int const taken = velt_testing::Listening("127.0.0.1");
+    unsigned short const port = velt_testing::PortOf(taken);
+    Bind("127.0.0.2", port);
+    Bind("127.0.0.1", port);
+    OpenLoop const loop(&m_proxy->m_config);
+    EXPECT_EQ(loop.m_listenCount, 1);
+    ASSERT_EQ(ProxyHealth::m_portlist.size(), 1u);
+    EXPECT_FALSE(ProxyHealth::m_portlist[0]->ok);
+    ::close(taken);
+}
+
 TEST_F(LoopTest, PortsAreNotNotedWhileHealthIsOff) {
     Bind();
     OpenLoop loop(&m_proxy->m_config);

@@ -124,6 +124,16 @@ TEST_F(FdLimit, SoftLimitIsRaisedAndTheHardOneLeftAlone) {
     EXPECT_EQ(Now().rlim_max, m_before.rlim_max);
 }
 
+TEST_F(FdLimit, HardLimitIsRaisedWhereThatIsAllowed) {
+    rlimit const low{64, 128};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+    if (::setrlimit(RLIMIT_NOFILE, &m_before) != 0) GTEST_SKIP() << "only the superuser may";
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+    EXPECT_EQ(VELT::SetFdLimit(200), 0);
+    EXPECT_EQ(Now().rlim_cur, 200u);
+    EXPECT_EQ(Now().rlim_max, 200u);
+}
+
 TEST_F(FdLimit, FilesPerProcessAreAFixedNumber) { EXPECT_EQ(VELT::GetMaxFilesPerProcess(), 1024); }
 
 }  // namespace
