@@ -4,6 +4,7 @@
 #include <policyloader/engines/ScanFixture.h>
 #include <policyloader/engines/TextDecoder.h>
 #include <policyloader/engines/TransferDecoder.h>
+#include <policyloader/engines/UuSpotter.h>
 
 using namespace policyloader;
 
@@ -86,6 +87,40 @@ TEST(TransferDecoding, OfUuencodeFindsTheContentAtEveryCut) {
         out += decoder.finish();
         EXPECT_EQ(out, "Cat") << "cut at " << cut;
     }
+}
+
+TEST(TransferDecoding, OfQuotedPrintableDropsBlanksAtLineEndsAtEveryCut) {
+    std::string const wire = "a \t\r\nb= \r\nc d \n\t e\rf";
+    for (std::size_t cut = 0; cut <= wire.size(); ++cut) {
+        TransferDecoder decoder(TransferEncoding::QuotedPrintable);
+        std::string out(decoder.decode(wire.substr(0, cut)));
+        out += decoder.decode(wire.substr(cut));
+        out += decoder.finish();
+        EXPECT_EQ(out, "a\r\nbc d\n\t e\rf") << "cut at " << cut;
+    }
+}
+
+TEST(UuencodeSpotting, FindsEachFileAtEveryCut) {
+    std::string const wire =
+        "begin the day\nbegin\nxbegin 644 no\nbegin 644 a\r\n#0V%T\r\n`\r\nend\r\nend\nbegin 0755 b c\n#1&]G\n"
+        "begin 600 c\n\n!6";
+    for (std::size_t cut = 0; cut <= wire.size(); ++cut) {
+        std::string out;
+        UuSpotter spotter({[&] { out += '('; }, [&](std::string_view bytes) { out += bytes; }, [&] { out += ')'; }});
+        spotter.feed(wire.substr(0, cut));
+        spotter.feed(wire.substr(cut));
+        spotter.finish();
+        EXPECT_EQ(out, "(Cat)(Dog)(X)") << "cut at " << cut;
+    }
+}
+
+TEST(UuencodeSpotting, FindsNothingInOrdinaryText) {
+    bool any = false;
+    UuSpotter spotter({[&] { any = true; }, [&](std::string_view) { any = true; }, [&] { any = true; }});
+    for (auto const* piece : {"to begin 644 x\n", "begin 6 x\n", "begin 64400 x\n", "begin 644 \n", "begin 648 x\nM"})
+        spotter.feed(piece);
+    spotter.finish();
+    EXPECT_FALSE(any);
 }
 
 TEST(TextDecoding, OfManyCharacterSetsSurvivesEveryPiece) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstring>
 #include <memory>
 
 #include <gmime/gmime.h>
@@ -27,6 +28,12 @@ std::string_view Trim(std::string_view text) {
     text = TrimRight(text);
     while (!text.empty() && std::isspace(static_cast<unsigned char>(text.front()))) text.remove_prefix(1);
     return text;
+}
+
+// Readers differ about what such a name is.
+bool IsOddName(std::string const& name) {
+    return name.empty() ||
+           std::any_of(name.begin(), name.end(), [](unsigned char c) { return c <= ' ' || c >= 0x7F || c == ';'; });
 }
 
 bool Same(std::string const& a, char const* b) { return strcasecmp(a.c_str(), b) == 0; }
@@ -67,6 +74,7 @@ void ReadFields(std::string_view block, EntityHead& head) {
         bool const folded = block.front() == ' ' || block.front() == '\t';
         block.remove_prefix(end == std::string_view::npos ? block.size() : end + 1);
         if (line.empty()) continue;
+        head.doubtful |= line.find('\r') != std::string_view::npos;  // a line end to some
         std::size_t const colon = line.find(':');
         if (folded && !head.fields.empty())
             head.fields.back().second.append(" ").append(Trim(line));
@@ -75,7 +83,36 @@ void ReadFields(std::string_view block, EntityHead& head) {
         else
             head.fields.emplace_back(Trim(line.substr(0, colon)), Trim(line.substr(colon + 1)));
     }
-    for (auto& field : head.fields) std::replace(field.second.begin(), field.second.end(), '\0', ' ');
+    for (auto& [name, value] : head.fields) {
+        head.doubtful |= IsOddName(name) || value.find('\0') != std::string::npos;
+        std::replace(value.begin(), value.end(), '\0', ' ');
+    }
+}
+
+char const* FindNoCase(std::string const& text, std::size_t from, char const* wanted) {
+    return from < text.size() ? strcasestr(text.c_str() + from, wanted) : nullptr;
+}
+
+// What stands behind the "=" of a parameter, to a reader that knows nothing of comments and extended values.
+std::string PlainValue(std::string_view text) {
+    text = Trim(text);
+    bool const quoted = !text.empty() && text.front() == '"';
+    if (quoted) text.remove_prefix(1);
+    return std::string(text.substr(0, text.find_first_of(quoted ? "\"" : "; \t,")));
+}
+
+// A boundary that stands more than once: each reader takes another one.
+void ReadFurtherBoundaries(std::string const& value, EntityHead& head) {
+    std::size_t forms = 0;
+    for (char const* at = FindNoCase(value, 0, "boundary"); at; at = strcasestr(at, "boundary")) {
+        at += std::char_traits<char>::length("boundary");
+        char const* const equals = at + std::strspn(at, " \t*0123456789");
+        if (*equals != '=') continue;
+        if (++forms == 1) continue;
+        head.doubtful = true;
+        std::string const boundary = PlainValue(equals + 1);
+        if (!boundary.empty() && head.boundaries.size() < kMaxForms) AddDistinct(head.boundaries, boundary);
+    }
 }
 
 void ReadType(std::string const& value, bool first, EntityHead& head) {
@@ -96,15 +133,19 @@ void ReadType(std::string const& value, bool first, EntityHead& head) {
     }
     if (head.fileName.empty()) head.fileName = Parameter(type.get(), "name");
     head.message |= major == "message" && IsMessageSubtype(minor);
-    if (major != "multipart") return;
+    head.fragment |= major == "message" && minor == "partial";
+    if (major != "multipart") return void(head.doubtful |= FindNoCase(value, 0, "multipart") != nullptr);
     head.multipart = true;
     std::string const boundary(TrimRight(Parameter(type.get(), "boundary")));
     boundary.empty() ? void(head.doubtful = true) : AddDistinct(head.boundaries, boundary);
+    ReadFurtherBoundaries(value, head);
 }
 
 void ReadEncoding(std::string const& value, EntityHead& head) {
     auto const encoding = ParseTransferEncoding(value);
-    head.doubtful |= !encoding;
+    bool const oneWord =
+        std::all_of(value.begin(), value.end(), [](unsigned char c) { return std::isalnum(c) || c == '-'; });
+    head.doubtful |= !encoding || !oneWord;  // some readers take another word, or the field for malformed
     AddDistinct(head.encodings, encoding.value_or(TransferEncoding::Identity));
 }
 
@@ -142,12 +183,11 @@ EntityHead EntityHead::parse(std::string_view block) {
     return head;
 }
 
-EntityHead EntityHead::messageByDefault() {
-    EntityHead head = ofPlainObject();
-    head.type = "message";
-    head.subtype = "rfc822";
-    head.message = true;
-    return head;
+std::string EntityHead::typeFields() const {
+    std::string block;
+    for (auto const& [name, value] : fields)
+        if (Same(name, "Content-Type")) block.append(name).append(": ").append(value).append("\r\n");
+    return block + "\r\n";
 }
 
 EntityHead EntityHead::ofPlainObject() {

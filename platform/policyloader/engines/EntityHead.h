@@ -25,15 +25,16 @@ struct EntityHead {
     bool multipart = false;
     bool message = false;    // holds a whole message
     bool ofMessage = false;  // is the head of a message, not of a part
+    bool fragment = false;   // holds a piece of a message whose other pieces come in other messages
     bool doubtful = false;
 
     bool isText() const { return multipart || message || type == "text"; }
     bool isDigest() const { return multipart && subtype == "digest"; }
+    std::string typeFields() const;  // the fields that declare the type, as a header block
     bool isEncoded() const { return encodings.size() > 1 || encodings.front() != TransferEncoding::Identity; }
 
     static EntityHead parse(std::string_view block);
-    static EntityHead messageByDefault();  // of a digest's part without a type
-    static EntityHead ofPlainObject();     // of an object that is no message
+    static EntityHead ofPlainObject();  // of an object that is no message
 };
 
 // Whether a line may begin a header block: a name and a colon, or an mbox "From " line.

@@ -7,6 +7,7 @@
 
 #include <policyloader/engines/EngineFailure.h>
 #include <policyloader/engines/Salvage.h>
+#include <policyloader/engines/UuSpotter.h>
 
 namespace policyloader {
 namespace {
@@ -38,11 +39,22 @@ class Inspection::Body final : public EntityBody {
 public:
     Body(Inspection& inspection, EntityHead const& head, Component& component, unsigned depth)
         : m_inspection(inspection) {
-        for (auto const encoding : head.encodings) {
+        auto encodings = head.encodings;
+        // A reader that knows nothing of this encoding finds it in the text all the same, and each file of several.
+        auto const has = [&](TransferEncoding one) {
+            return std::find(encodings.begin(), encodings.end(), one) != encodings.end();
+        };
+        if (has(TransferEncoding::UUEncode) && !has(TransferEncoding::Identity))
+            encodings.push_back(TransferEncoding::Identity);
+        m_chains.reserve(encodings.size());
+        for (auto const encoding : encodings) {
             auto& chain = m_chains.emplace_back(encoding, encoding != TransferEncoding::Identity);
             chain.scans = inspection.openAll(head, component);
             bool const walks = head.message || (head.multipart && chain.encoded);
             if (walks) chain.nested = std::make_unique<MimeWalker>(inspection, &component, depth + 1, false);
+            if (walks && !head.message) chain.nested->feed(head.typeFields());
+            if (walks && chain.encoded) chain.salvage = inspection.salvageOf(component);
+            if (!walks) chain.uuencoded = inspection.spotterOf(component);
         }
     }
 
@@ -59,6 +71,8 @@ public:
             take(chain, chain.decoder.finish());
             m_inspection.endAll(chain.scans);
             if (chain.nested) chain.nested->finish();
+            if (chain.salvage) chain.salvage->finish();
+            if (chain.uuencoded) chain.uuencoded->finish();
             m_inspection.m_doubtful |= chain.decoder.odd() || (chain.nested && chain.nested->doubtful());
         }
     }
@@ -70,6 +84,8 @@ private:
         bool encoded;
         std::vector<Scan> scans;
         std::unique_ptr<MimeWalker> nested;
+        std::unique_ptr<Salvage> salvage;  // of a message that cannot be read again, as it is encoded as a whole
+        std::unique_ptr<UuSpotter> uuencoded;
     };
 
     void take(Chain& chain, std::string_view content) {
@@ -77,6 +93,8 @@ private:
         if (chain.encoded) m_inspection.count(content.size());
         m_inspection.sendAll(chain.scans, content);
         if (chain.nested && !m_inspection.m_limit) chain.nested->feed(content);
+        if (chain.salvage && !m_inspection.m_limit) chain.salvage->feed(content);
+        if (chain.uuencoded && !m_inspection.m_limit) chain.uuencoded->feed(content);
     }
 
     Inspection& m_inspection;
@@ -136,6 +154,7 @@ void Inspection::count(std::uint64_t decoded) {
 Component* Inspection::entity(EntityHead const& head, Component* parent, unsigned depth) {
     if (depth > m_plan.limits.depth) limit(Limit::Depth, "nested too deep");
     if (++m_parts > m_plan.limits.parts) limit(Limit::Depth, "too many parts");
+    if (head.fragment) limit(Limit::Depth, "a fragment of a message, which nobody can judge without the others");
     if (m_limit) return nullptr;
     auto& component = m_results.components().add(parent, KindOf(head), head.fileName);
     for (auto& active : m_engines) guarded(active, [&](Engine& engine) { engine.head(head, component); });
@@ -144,6 +163,49 @@ Component* Inspection::entity(EntityHead const& head, Component* parent, unsigne
 
 std::unique_ptr<EntityBody> Inspection::body(EntityHead const& head, Component& component, unsigned depth) {
     return std::make_unique<Body>(*this, head, component, depth);
+}
+
+// A scan of raw bytes by one engine, whose failures put it out as anywhere.
+class Inspection::RawScan final : public ComponentScan {
+public:
+    RawScan(Inspection& inspection, Scan scan) : m_inspection(inspection), m_scan(std::move(scan)) {}
+    void data(std::string_view piece) override {
+        m_inspection.guarded(*m_scan.active, [&](Engine&) { m_scan.scan->data(piece); });
+    }
+    void end() override {
+        m_inspection.guarded(*m_scan.active, [&](Engine&) { m_scan.scan->end(); });
+    }
+
+private:
+    Inspection& m_inspection;
+    Scan m_scan;
+};
+
+std::unique_ptr<Salvage> Inspection::salvageOf(Component& component) {
+    return std::make_unique<Salvage>([this, &component] {
+        Salvage::Scans scans;
+        for (auto& active : m_engines) {
+            guarded(active, [&](Engine& engine) {
+                if (auto scan = engine.object(component))
+                    scans.push_back(std::make_unique<RawScan>(*this, Scan{&active, std::move(scan)}));
+            });
+        }
+        return scans;
+    });
+}
+
+std::unique_ptr<UuSpotter> Inspection::spotterOf(Component& component) {
+    auto const scans = std::make_shared<std::vector<Scan>>();
+    return std::make_unique<UuSpotter>(UuSpotter::Sink{
+        [this, scans, head = EntityHead::ofPlainObject(), &component] { *scans = openAll(head, component); },
+        [this, scans](std::string_view bytes) {
+            count(bytes.size());
+            sendAll(*scans, bytes);
+        },
+        [this, scans] {
+            endAll(*scans);
+            scans->clear();
+        }});
 }
 
 void Inspection::begin() {
@@ -219,18 +281,10 @@ void Inspection::readAll(eFabric::IStreamTransport& in, Take&& take) {
 
 // The second look ends where the first one did: its scans belong to the object itself.
 void Inspection::salvage(eFabric::IStreamTransport& in) {
-    for (auto& active : m_engines) {
-        guarded(active, [&](Engine& engine) {
-            Salvage look([&] {
-                Salvage::Scans scans;
-                if (auto scan = engine.object(*m_object)) scans.push_back(std::move(scan));
-                return scans;
-            });
-            if (!engine.object(*m_object)) return;
-            readAll(in, [&](std::string_view block) { look.feed(block); });
-            look.finish();
-        });
-    }
+    if (!in.CanSeekTell()) throw EngineFailure(FailureId::Read, "the object cannot be read again");
+    auto const look = salvageOf(*m_object);
+    readAll(in, [&](std::string_view block) { look->feed(block); });
+    look->finish();
 }
 
 void Inspection::report() {
@@ -250,7 +304,7 @@ void Inspection::run(eFabric::IStreamTransport& in) {
     if (!tooLong) readAll(in, [&](std::string_view bytes) { block(bytes); });
     if (overSize(in)) limit(Limit::Size, "larger than is scanned");
     finish();
-    if (m_doubtful && m_plan.unpack && !m_limit && in.CanSeekTell()) salvage(in);
+    if (m_doubtful && m_plan.unpack && !m_limit && !m_objectScans.empty()) salvage(in);
     report();
 }
 

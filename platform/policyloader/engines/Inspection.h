@@ -18,6 +18,9 @@
 
 namespace policyloader {
 
+class Salvage;
+class UuSpotter;
+
 class Inspection final : public EntitySink {
 public:
     Inspection(ScanPlan const& plan, std::vector<Engine*> const& engines, ResultSet& results, ReadBuffer& buffer);
@@ -37,6 +40,8 @@ private:
     };
     class Body;
     friend class Body;
+    class RawScan;
+    friend class RawScan;
 
     template <class Call>
     void guarded(Active& active, Call&& call);
@@ -48,6 +53,8 @@ private:
     void firstBlock(std::string_view block);
     void block(std::string_view block);
     void finish();
+    std::unique_ptr<Salvage> salvageOf(Component& component);
+    std::unique_ptr<UuSpotter> spotterOf(Component& component);
     void salvage(eFabric::IStreamTransport& in);
     void report();
     bool overSize(eFabric::IStreamTransport& in) const;

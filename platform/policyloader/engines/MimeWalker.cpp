@@ -111,7 +111,8 @@ void MimeWalker::headLine(std::string_view text, std::uint64_t offset) {
     auto& entity = m_stack.back();
     bool const begins = entity.headText.empty();
     if (IsBlank(text)) {
-        m_doubtful |= begins && entity.message;
+        bool const empty = text.find_first_not_of("\r\n") == std::string_view::npos;
+        m_doubtful |= (begins && entity.message) || !empty;  // blanks alone: to some a folded line
         return endHead(offset + text.size());
     }
     if (begins && !LooksLikeHeader(text)) {
@@ -180,7 +181,11 @@ MimeWalker::Hit MimeWalker::findBoundary(std::string_view text) {
         // A multipart that does not name its boundary: readers take the first line that looks like one.
         if (entity.head.boundaries.empty() && !mark.empty()) entity.head.boundaries.emplace_back(mark);
         for (auto const& boundary : entity.head.boundaries) {
-            if (mark.substr(0, boundary.size()) != boundary) continue;
+            if (strncasecmp(mark.data(), boundary.data(), std::min(mark.size(), boundary.size())) != 0) continue;
+            if (mark.substr(0, boundary.size()) != boundary) {
+                m_doubtful |= mark.size() >= boundary.size();
+                continue;
+            }
             auto const rest = mark.substr(boundary.size());
             if (rest.empty() || rest == "--") return {level, !rest.empty(), true};
             m_doubtful = true;

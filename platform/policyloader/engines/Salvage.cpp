@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstring>
+#include <iterator>
 
 namespace policyloader {
 namespace {
@@ -27,7 +28,13 @@ Salvage::Salvage(Opener opener)
     : m_opener(std::move(opener)),
       m_quoted(m_opener()),
       m_quotedDecoder(TransferEncoding::QuotedPrintable),
-      m_decoders{Base64Decoder(Base64Decoder::EndsGroup), Base64Decoder(Base64Decoder::Skipped)} {}
+      m_runDecoder(Base64Decoder::EndsGroup) {
+    for (std::size_t place = 0; place < std::size(m_whole); ++place) {
+        m_whole[place] = m_opener();
+        m_wholeDecoders[place] = Base64Decoder(Base64Decoder::Skipped);
+        m_wholeDecoders[place].decode(std::string_view("AAA").substr(0, place), m_buffer);
+    }
+}
 
 void Salvage::send(Scans& scans, std::string_view text) {
     for (auto const& scan : scans) scan->data(text);
@@ -35,6 +42,11 @@ void Salvage::send(Scans& scans, std::string_view text) {
 
 void Salvage::feed(std::string_view block) {
     send(m_quoted, m_quotedDecoder.decode(block));
+    for (std::size_t place = 0; place < std::size(m_whole); ++place) {
+        m_buffer.clear();
+        m_wholeDecoders[place].decode(block, m_buffer);
+        send(m_whole[place], m_buffer);
+    }
     while (!block.empty()) {
         std::size_t const end = block.find('\n');
         auto const text = block.substr(0, end == std::string_view::npos ? end : end + 1);
@@ -55,26 +67,22 @@ void Salvage::line(std::string_view text, bool ends) {
 }
 
 void Salvage::run(std::string_view text) {
-    for (std::size_t way = 0; way < 2; ++way) {
-        if (!m_inRun) {
-            m_runs[way] = m_opener();
-            m_decoders[way].restart();
-        }
-        m_buffer.clear();
-        m_decoders[way].decode(text, m_buffer);
-        send(m_runs[way], m_buffer);
+    if (!m_inRun) {
+        m_run = m_opener();
+        m_runDecoder.restart();
     }
     m_inRun = true;
+    m_buffer.clear();
+    m_runDecoder.decode(text, m_buffer);
+    send(m_run, m_buffer);
 }
 
 void Salvage::endRun() {
-    for (std::size_t way = 0; way < 2; ++way) {
-        m_buffer.clear();
-        m_decoders[way].finish(m_buffer);
-        send(m_runs[way], m_buffer);
-        for (auto const& scan : m_runs[way]) scan->end();
-        m_runs[way].clear();
-    }
+    m_buffer.clear();
+    m_runDecoder.finish(m_buffer);
+    send(m_run, m_buffer);
+    for (auto const& scan : m_run) scan->end();
+    m_run.clear();
     m_inRun = false;
 }
 
@@ -82,6 +90,12 @@ void Salvage::finish() {
     if (m_inRun) endRun();
     send(m_quoted, m_quotedDecoder.finish());
     for (auto const& scan : m_quoted) scan->end();
+    for (std::size_t place = 0; place < std::size(m_whole); ++place) {
+        m_buffer.clear();
+        m_wholeDecoders[place].finish(m_buffer);
+        send(m_whole[place], m_buffer);
+        for (auto const& scan : m_whole[place]) scan->end();
+    }
 }
 
 }  // namespace policyloader

@@ -29,10 +29,12 @@ private:
     void send(Scans& scans, std::string_view text);
 
     Opener m_opener;
-    Scans m_quoted;   // the whole object, as quoted-printable
-    Scans m_runs[2];  // each run of lines that look like base64, by both ways with paddings
+    Scans m_quoted;    // the whole object, as quoted-printable
+    Scans m_run;       // each run of lines that look like base64
+    Scans m_whole[4];  // the whole object as base64, begun at each place of a group, as nobody knows what came before
     TransferDecoder m_quotedDecoder;
-    Base64Decoder m_decoders[2];
+    Base64Decoder m_runDecoder;
+    Base64Decoder m_wholeDecoders[4];
     std::string m_buffer;
     bool m_midLine = false;
     bool m_inRun = false;

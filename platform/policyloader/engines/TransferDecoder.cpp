@@ -1,11 +1,13 @@
 #include <policyloader/engines/TransferDecoder.h>
 
+#include <algorithm>
 #include <cctype>
 
 namespace policyloader {
 namespace {
 
 constexpr std::size_t kMaxBeginLine = 1024;
+constexpr std::size_t kMaxBlanks = 65536;  // in a row; more of them are no line's end
 
 struct Row {
     std::string_view name;
@@ -61,10 +63,29 @@ std::string_view TransferDecoder::decode(std::string_view piece) {
         m_base64.decode(piece, m_buffer);
         return m_buffer;
     }
-    if (m_encoding == TransferEncoding::UUEncode) piece = behindBegin(piece);
+    piece = m_encoding == TransferEncoding::UUEncode ? behindBegin(piece) : withoutTrailingBlanks(piece);
     m_buffer.resize(g_mime_encoding_outlen(&m_other, piece.size()));
     m_buffer.resize(g_mime_encoding_step(&m_other, piece.data(), piece.size(), m_buffer.data()));
     return m_buffer;
+}
+
+// Blanks at the end of a line were added on the way: without them a "=" there is a soft line end.
+std::string_view TransferDecoder::withoutTrailingBlanks(std::string_view piece) {
+    m_trimmed.clear();
+    while (!piece.empty()) {
+        std::size_t const text = std::min(piece.find_first_not_of(" \t\r"), piece.size());
+        m_line.append(piece.substr(0, text));
+        piece.remove_prefix(text);
+        bool const lineEnds = !piece.empty() && piece.front() == '\n';
+        if (lineEnds && !m_line.empty()) m_line = m_line.back() == '\r' ? "\r" : "";
+        if (piece.empty() && m_line.size() < kMaxBlanks) break;  // not known yet what they stand in front of
+        m_trimmed.append(m_line);
+        m_line.clear();
+        std::size_t const end = std::min(piece.find_first_of(" \t\r"), piece.size());
+        m_trimmed.append(piece.substr(0, end));
+        piece.remove_prefix(end);
+    }
+    return m_trimmed;
 }
 
 // What stands behind the line "begin <mode> <name>"; nothing while that has not come.

@@ -26,11 +26,15 @@ public:
 
 private:
     std::string_view behindBegin(std::string_view piece);
+    std::string_view withoutTrailingBlanks(std::string_view piece);
 
     TransferEncoding m_encoding;
     Base64Decoder m_base64;
     GMimeEncoding m_other;
-    std::string m_line;    // of uuencode, before its content begins: the line that may be its "begin"
+    // Of uuencode, before its content begins: the line that may be its "begin". Of quoted-printable: blanks that may
+    // stand at the end of their line.
+    std::string m_line;
+    std::string m_trimmed;
     bool m_begun = false;  // that line was seen
     std::string m_buffer;
 };
