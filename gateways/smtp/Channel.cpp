@@ -4,6 +4,8 @@
 
 #include <velt/streams/TCPStream.h>
 
+#include "Patience.h"
+
 namespace smtp {
 namespace {
 
@@ -21,19 +23,36 @@ bool Channel::Flush() {
 Channel::Input Channel::ReadLine(std::string_view& line) {
     bool const gather = m_stream.is_line_buffered() && m_replies.size() < kMaxGathered;
     if (!gather && !Flush()) return Input::Closed;
-    char* text = nullptr;
-    bool done = false;
-    VELT::LINE_STATE_T state;
-    errno = 0;
-    int const length = m_stream.getline(text, true, done, state, false);
-    if (state == VELT::LINE_OVERFLOW) return SkipLine();
-    if (state != VELT::LINE_COMPLETE || length < 0) {
-        return length < 0 && errno == ETIMEDOUT ? Input::TimedOut : Input::Closed;
-    }
-    line = std::string_view(text, static_cast<std::size_t>(length));
-    return Input::Line;
+    Patience patience(m_stream);
+    Input const input = ReadPiece(line, patience);
+    return input == Input::TooLong ? SkipLine(patience) : input;
 }
 
-Channel::Input Channel::SkipLine() { return m_stream.empty_overflow() ? Input::TooLong : Input::Closed; }
+Channel::Input Channel::ReadPiece(std::string_view& line, Patience& patience) {
+    char* text = nullptr;
+    VELT::LINE_STATE_T state;
+    int length = 0;
+    do {
+        bool done = false;
+        errno = 0;
+        length = m_stream.getline(text, false, done, state, false);
+        if (state == VELT::LINE_OVERFLOW) return Input::TooLong;
+        if (state == VELT::LINE_COMPLETE && length >= 0) {
+            line = std::string_view(text, static_cast<std::size_t>(length));
+            return Input::Line;
+        }
+        if (state != VELT::LINE_INCOMPLETE) return length < 0 && errno == ETIMEDOUT ? Input::TimedOut : Input::Closed;
+    } while (patience.More());
+    return Input::TimedOut;
+}
+
+// Drops the rest of a line of which the first part did not fit.
+Channel::Input Channel::SkipLine(Patience& patience) {
+    std::string_view rest;
+    Input input = Input::TooLong;
+    while (input == Input::TooLong && patience.More()) input = ReadPiece(rest, patience);
+    if (input == Input::TooLong) return Input::TimedOut;
+    return input == Input::Line ? Input::TooLong : input;
+}
 
 }  // namespace smtp

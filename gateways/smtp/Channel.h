@@ -15,6 +15,8 @@ class TCPStream;
 
 namespace smtp {
 
+class Patience;
+
 class Channel {
 public:
     enum class Input { Line, TooLong, Closed, TimedOut };
@@ -25,13 +27,14 @@ public:
     bool Flush();  // false: the client is gone
 
     // The next line, up to its LF and with its CR. It lives until the next operation on the stream. Flushes first
-    // unless a line is there already.
+    // unless a line is there already. The whole line has to come within the stream's timeout.
     Input ReadLine(std::string_view& line);
 
     VELT::TCPStream& stream() { return m_stream; }
 
 private:
-    Input SkipLine();
+    Input ReadPiece(std::string_view& line, Patience& patience);
+    Input SkipLine(Patience& patience);
 
     VELT::TCPStream& m_stream;
     std::string m_replies;

@@ -4,7 +4,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
 
 #include <velt/streams/BufferPool.h>
 #include <velt/streams/TCPStream.h>
@@ -80,12 +82,81 @@ TEST_F(ClientTalk, TellsSilenceFromLeaving) {
     EXPECT_EQ(channel.ReadLine(line), Input::Closed);
 }
 
+// A byte every few milliseconds, until somebody has had enough of it.
+class Dripping : public ClientTalk {
+protected:
+    void Drip(char byte) {
+        m_thread = std::thread([this, byte] {
+            while (!m_enough && ::send(m_client, &byte, 1, MSG_NOSIGNAL) == 1) ::usleep(2000);
+        });
+    }
+    void TearDown() override {
+        m_enough = true;
+        if (m_thread.joinable()) m_thread.join();
+        ClientTalk::TearDown();
+    }
+    std::atomic<bool> m_enough{false};
+    std::thread m_thread;
+};
+
+TEST_F(Dripping, ALineHasItsTimeAsAWhole) {
+    Channel channel(*m_stream);
+    std::string_view line;
+    EXPECT_EQ(m_stream->set_timeout(60), 2000u);
+    Drip('x');
+    EXPECT_EQ(channel.ReadLine(line), Input::TimedOut);
+    EXPECT_EQ(m_stream->set_timeout(60), 60u) << "the stream has its timeout back";
+}
+
+TEST_F(Dripping, ALineThatDoesNotFitHasItsTimeAsAWhole) {
+    Channel channel(*m_stream);
+    std::string_view line;
+    ClientSays(std::string(1000, 'x'));
+    m_stream->set_timeout(60);
+    Drip('x');
+    EXPECT_EQ(channel.ReadLine(line), Input::TimedOut);
+}
+
+TEST_F(Dripping, AMessageIsSilenceBelowTheLeastRateAndNoneAbove) {
+    Message message;
+    message.spool = std::make_unique<VELT::ScannerStream>(65536u);
+    m_stream->set_timeout(100);
+    Drip('x');
+    EXPECT_EQ(Receive(*m_stream, {}, "", 100000, message).end, ReceiveResult::End::TimedOut);
+}
+
+TEST_F(Dripping, AMessageMayTakeAsLongAsItNeedsWhereNoRateIsAsked) {
+    Message message;
+    message.spool = std::make_unique<VELT::ScannerStream>(65536u);
+    m_stream->set_timeout(1000);
+    DataDecoder::Limits limits;
+    limits.line = 0;
+    m_thread = std::thread([this] {
+        for (int i = 0; i < 30; ++i) {
+            ClientSays("x");
+            ::usleep(50000);
+        }
+        ClientSays("\r\n.\r\n");
+    });
+    EXPECT_EQ(Receive(*m_stream, limits, "", 0, message).end, ReceiveResult::End::Complete);
+}
+
+TEST_F(Dripping, AMessageThatIsTooLargeAlreadyEarnsNoMoreTime) {
+    Message message;
+    message.spool = std::make_unique<VELT::ScannerStream>(65536u);
+    m_stream->set_timeout(100);
+    DataDecoder::Limits limits;
+    limits.size = 1;
+    Drip('x');
+    EXPECT_EQ(Receive(*m_stream, limits, "", 1, message).end, ReceiveResult::End::TimedOut);
+}
+
 class MessageIntake : public ClientTalk {
 protected:
     ReceiveResult Take(std::string const& wire) {
         m_message.spool = std::make_unique<VELT::ScannerStream>(65536u);
         ClientSays(wire);
-        return Receive(*m_stream, {}, "Received: x\r\n", m_message);
+        return Receive(*m_stream, {}, "Received: x\r\n", 500, m_message);
     }
     std::string Spooled() {
         std::string out(m_message.spool->size(), '\0');
@@ -114,7 +185,7 @@ TEST_F(MessageIntake, TellsAClientThatLeftFromOneThatFellSilent) {
     m_stream->set_timeout(20);
     EXPECT_EQ(Take("half a mess").end, ReceiveResult::End::TimedOut);
     Leave();
-    EXPECT_EQ(Receive(*m_stream, {}, "", m_message).end, ReceiveResult::End::Closed);
+    EXPECT_EQ(Receive(*m_stream, {}, "", 500, m_message).end, ReceiveResult::End::Closed);
 }
 
 TEST_F(MessageIntake, SeesOneByteAbove127Wherever) {

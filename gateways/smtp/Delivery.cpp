@@ -2,8 +2,8 @@
 
 #include <KORtk/Exception.h>
 #include <QXlog/Names.h>
-#include <arpa/inet.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 
 #include <algorithm>
 #include <ctime>
@@ -13,6 +13,7 @@
 #include <velt/runtime/Proxy.h>
 #include <velt/streams/TCPStream.h>
 
+#include "Exchangers.h"
 #include "SmtpCounters.h"
 #include "SmtpEvents.h"
 #include "core/Headers.h"
@@ -20,13 +21,8 @@
 namespace smtp {
 namespace {
 
-constexpr unsigned kMaxExchangers = 20;
-constexpr unsigned kMaxAddresses = 40;
+constexpr std::size_t kMaxWords = 150;  // of each text in a refusal: a reply line has 512 bytes
 constexpr std::size_t kHeaderToReturn = 16384;
-
-// Answers of a mail exchanger look-up that settle the matter.
-constexpr int kHostNotFound = 3;
-constexpr int kNoData = 10;
 
 // A relay on this machine is a loop only if it is our own port that answers there. A mail exchanger on this machine
 // comes from a stranger's name server, and is never connected to.
@@ -34,11 +30,6 @@ bool IsOwnPort(unsigned short port) {
     auto const bindings = VELT::Proxy::GetSvcBindings();
     return std::any_of(bindings.begin(), bindings.end(),
                        [&](sockaddr_in const* one) { return ntohs(one->sin_port) == port; });
-}
-
-bool IsDottedQuad(std::string const& text) {
-    in_addr binary;
-    return inet_pton(AF_INET, text.c_str(), &binary) == 1;
 }
 
 Reply Circle() { return {554, "5.4.6", "mail goes in circles: the next server is this one"}; }
@@ -71,8 +62,7 @@ std::vector<Delivery::Group> Delivery::GroupsOf(Message const& message, std::vec
         if (verdict == verdicts.end() || verdict->fate == Verdict::Fate::Defer) continue;
         if (verdict->fate == Verdict::Fate::Refuse) {
             fates[i].kind = RecipientFate::Kind::Refused;
-            fates[i].reply = {554, "5.7.1",
-                              m_settings.refusedText + ": " + verdict->finding + " (" + m_session.getId() + ")"};
+            fates[i].reply = {554, "5.7.1", Refusal(verdict->finding)};
             continue;
         }
         VELT::ScannerStream* const content = verdict->rewritten ? verdict->rewritten : message.spool.get();
@@ -85,8 +75,15 @@ std::vector<Delivery::Group> Delivery::GroupsOf(Message const& message, std::vec
     return groups;
 }
 
+// The number is what a caller is asked for: it stands there however long the texts before it are.
+std::string Delivery::Refusal(std::string const& finding) const {
+    return Printable(m_settings.refusedText, kMaxWords) + ": " + Printable(finding, kMaxWords) + " (" +
+           m_session.getId() + ")";
+}
+
 std::vector<RecipientFate> Delivery::Deliver(Message& message, std::vector<Verdict> const& verdicts) {
     std::vector<RecipientFate> fates(message.recipients.size());
+    m_clientGone = false;
     for (Group const& group : GroupsOf(message, verdicts, fates)) DeliverGroup(message, group, fates);
     return fates;
 }
@@ -99,6 +96,10 @@ void Delivery::DeliverGroup(Message& message, Group const& group, std::vector<Re
     shipment.content.spool = group.content;
     shipment.content.plain = original && !message.leadingDots;
     shipment.content.eightBit = message.eightBit;
+    bool const first = std::none_of(fates.begin(), fates.end(), [](RecipientFate const& fate) {
+        return fate.kind == RecipientFate::Kind::Delivered;
+    });
+    if (first) shipment.wanted = [this] { return ClientIsThere(); };
     std::vector<Reply> const replies = Send(group.route, shipment);
     std::string const server = Server();
     for (std::size_t i = 0; i < group.members.size(); ++i) {
@@ -124,6 +125,14 @@ std::vector<Reply> Delivery::Send(std::string const& route, Shipment const& ship
     return m_upstream->Send(shipment);
 }
 
+// A client whose connection was reset hears no answer, and sends the message again. One that only said its last word
+// still listens.
+bool Delivery::ClientIsThere() {
+    pollfd client{m_session.getSourceConnection().m_stream->GetSocket(), 0, 0};
+    m_clientGone = ::poll(&client, 1, 0) == 1 && (client.revents & (POLLERR | POLLHUP));
+    return !m_clientGone;
+}
+
 void Delivery::Close() {
     if (m_upstream) m_upstream->Quit();
     m_upstream.reset();
@@ -143,31 +152,11 @@ Reply Delivery::Reach(std::string const& route) {
     return reply;
 }
 
-Reply Delivery::MailExchangers(std::string const& domain, std::vector<KORnet::IPAddr>& out) const {
-    if (domain.size() > 2 && domain.front() == '[') {
-        std::string const literal = domain.substr(1, domain.size() - 2);
-        if (!IsDottedQuad(literal)) return {550, "5.4.4", "no route to this address"};
-        out.emplace_back(literal);
-        return {250, "", ""};
-    }
-    int const code =
-        m_session.Resolve(domain.c_str(), VELT::Connection::RESOLVE_MX, out, kMaxExchangers, kMaxAddresses);
-    if (code == kHostNotFound) return {550, "5.1.2", "domain does not exist"};
-    if (code == kNoData) {  // a domain without exchangers is its own
-        int const plain = m_session.Resolve(domain.c_str(), VELT::Connection::RESOLVE_ADDRESS, out, 0, 0);
-        if (plain != 0) return {451, "4.4.3", "domain could not be looked up"};
-    } else if (code != 0) {
-        return {451, "4.4.3", "domain could not be looked up"};
-    }
-    if (out.empty()) return {554, "5.4.4", "domain has no mail exchanger that can be used"};
-    return {250, "", ""};
-}
-
 Reply Delivery::Addresses(std::string const& route, std::vector<KORnet::TCPAddr>& out) const {
     std::vector<KORnet::IPAddr> found;
     std::string const& host = m_settings.relayHost;
     if (host.empty()) {
-        Reply const reply = MailExchangers(route, found);
+        Reply const reply = FindExchangers(route, found);
         if (reply.group() != 2) return reply;
     } else if (IsDottedQuad(host)) {
         found.emplace_back(host);

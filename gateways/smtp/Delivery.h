@@ -32,6 +32,9 @@ public:
     // 2xx: the next server has the notification.
     Reply Notify(Message& message, std::vector<RecipientFate> const& fates, std::string const& helloName);
 
+    // Whether the last message was kept back as its client had left: it will come again, and is not to arrive twice.
+    bool clientGone() const { return m_clientGone; }
+
     void Close();  // says QUIT and drops the connection, if there is one
 
 private:
@@ -44,12 +47,13 @@ private:
     std::string RouteOf(std::string const& domain) const;
     std::vector<Group> GroupsOf(Message const& message, std::vector<Verdict> const& verdicts,
                                 std::vector<RecipientFate>& fates) const;
+    std::string Refusal(std::string const& finding) const;
     void DeliverGroup(Message& message, Group const& group, std::vector<RecipientFate>& fates);
     std::vector<Reply> Send(std::string const& route, Shipment const& shipment);
     Reply Reach(std::string const& route);
     Reply Addresses(std::string const& route, std::vector<KORnet::TCPAddr>& out) const;
-    Reply MailExchangers(std::string const& domain, std::vector<KORnet::IPAddr>& out) const;
     Reply Walk(std::vector<KORnet::TCPAddr> const& addresses);
+    bool ClientIsThere();
     void Report(Shipment const& shipment, std::vector<Reply> const& replies) const;
     std::string Server() const;
 
@@ -57,6 +61,7 @@ private:
     SessionSettings const& m_settings;
     std::unique_ptr<Upstream> m_upstream;  // over the stream of the session's server connection
     std::string m_route;                   // where that leads
+    bool m_clientGone = false;
 };
 
 }  // namespace smtp

@@ -25,6 +25,7 @@ struct Message {
     bool open = false;  // MAIL was accepted
     Mailbox sender;
     std::vector<Recipient> recipients;
+    unsigned putOff = 0;            // recipients that were told to come with another message
     bool eightBitDeclared = false;  // BODY=8BITMIME
 
     std::unique_ptr<VELT::ScannerStream> spool;  // Received: line and content, as they go on

@@ -6,6 +6,8 @@
 
 #include <velt/streams/TCPStream.h>
 
+#include "Patience.h"
+
 namespace smtp {
 namespace {
 
@@ -32,7 +34,8 @@ bool HasEightBit(char const* data, std::size_t length) {
     return (bits & kHighBits) != 0;
 }
 
-ReceiveResult Receive(VELT::TCPStream& stream, DataDecoder::Limits limits, std::string_view front, Message& message) {
+ReceiveResult Receive(VELT::TCPStream& stream, DataDecoder::Limits limits, std::string_view front, unsigned minRate,
+                      Message& message) {
     ReceiveResult result;
     DataDecoder decoder(limits);
     result.spoolFailed = !Write(*message.spool, front.data(), front.size());
@@ -40,16 +43,22 @@ ReceiveResult Receive(VELT::TCPStream& stream, DataDecoder::Limits limits, std::
         message.eightBit = message.eightBit || HasEightBit(data, length);
         if (!result.spoolFailed) result.spoolFailed = !Write(*message.spool, data, length);
     };
+    Patience patience(stream);
     while (!decoder.done()) {
         char* data = nullptr;
         bool done = false;
         errno = 0;
+        if (!patience.More()) {
+            result.end = ReceiveResult::End::TimedOut;
+            break;
+        }
         int const count = stream.readdata(data, INT_MAX, true, done);
         if (count <= 0) {
             result.end = EndOf(count);
             break;
         }
         std::size_t const taken = decoder.Feed(data, static_cast<std::size_t>(count), keep);
+        if (decoder.fault() == DataDecoder::Fault::None) patience.Earn(taken, minRate);
         if (taken < static_cast<std::size_t>(count)) stream.rewind(data + taken);
     }
     message.size = decoder.size();

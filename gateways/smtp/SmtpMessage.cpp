@@ -58,7 +58,7 @@ ReceiveResult SmtpSession::ReceiveMessage() {
     limits.header = m_settings->maxHeaderBytes;
     limits.size = m_settings->maxMessageBytes;
     m_source.m_stream->set_timeout(m_settings->dataTimeoutMs);
-    ReceiveResult const result = Receive(*m_source.m_stream, limits, ReceivedFor(), m_message);
+    ReceiveResult const result = Receive(*m_source.m_stream, limits, ReceivedFor(), m_settings->minDataRate, m_message);
     m_source.m_stream->set_timeout(m_settings->commandTimeoutMs);
     return result;
 }
@@ -139,6 +139,10 @@ void SmtpSession::ReportVerdicts(std::vector<Verdict> const& verdicts) {
 
 Reply SmtpSession::Deliver(std::vector<Verdict> const& verdicts) {
     std::vector<RecipientFate> const fates = m_delivery->Deliver(m_message, verdicts);
+    if (m_delivery->clientGone()) {
+        ++Count().clientsGone;
+        Note(events::CLIENT_GONE, [&](KORlog::InfoBag& bag) { bag |= names::REPLY("no answer is wanted any more"); });
+    }
     Decision const decision = Decide(fates, m_id);
     if (decision.reply.status == "5.4.6") {
         Note(events::MAIL_LOOP, [&](KORlog::InfoBag& bag) { bag |= names::SERVER(m_settings->relayHost); });
@@ -165,7 +169,7 @@ Reply SmtpSession::TellSender(std::vector<RecipientFate> const& fates, Reply con
         bag |= names::RECIPIENTS(ListOf(missed));
         bag |= names::REPLY(OneLine(told));
     });
-    return sent ? accepted : WithoutNotification(fates, accepted);
+    return sent ? accepted : WithoutNotification(fates);
 }
 
 void SmtpSession::ReportMessage(Reply const& reply) {

@@ -17,6 +17,11 @@
 namespace smtp {
 namespace {
 
+constexpr unsigned kMaxPutOff = 1000;  // recipients of one message that get a 452, before the client is a flood
+
+// A server behind this one might take such a local part for a whole address, and this gateway for its client.
+bool IsRouted(std::string const& local) { return local.find_first_of("@%!") != std::string::npos; }
+
 Reply PathReply(PathError error, bool sender) {
     switch (error) {
         case PathError::NonAscii:
@@ -97,6 +102,7 @@ void SmtpSession::Handle(std::string_view line) {
 void SmtpSession::Dispatch(Command const& command) {
     auto const row =
         std::find_if(s_verbs.begin(), s_verbs.end(), [&](VerbRow const& one) { return one.verb == command.verb; });
+    if (command.verb == Verb::Foreign) return End({421, "4.7.0", "this is a mail server"});
     if (row == s_verbs.end()) return Wrong({500, "5.5.2", "command unknown"});
     if (!row->movesMail && ++m_idleCommands > m_settings->maxIdleCommands) {
         return End({421, "4.7.0", "too many commands without mail"});
@@ -211,6 +217,9 @@ Reply SmtpSession::CheckRecipient(Mailbox const& mailbox) {
         return {550, "5.7.1", "this gateway does not serve that domain"};
     }
     if (recipient.domain.empty() && m_settings->relayHost.empty()) return {550, "5.1.2", "domain missing"};
+    if (!m_settings->acceptDomains.empty() && IsInBound() && IsRouted(mailbox.local)) {
+        return {550, "5.7.1", "no relaying by addresses within addresses"};
+    }
     if (m_message.recipients.size() >= m_settings->maxRecipients) return {452, "4.5.3", "too many recipients"};
     GetConfig().set_recipient_mail_address(recipient.address);
     VELT::ScanContext probe;
@@ -238,6 +247,7 @@ void SmtpSession::Rcpt(Command const& command) {
     Reply const refusal = CheckRecipient(mailbox);
     if (refusal.code == 0) return Say(250, "2.1.5", "recipient ok");
     if (refusal.group() == 5) return Wrong(refusal);
+    if (++m_message.putOff > kMaxPutOff) return End({421, "4.7.0", "too many recipients that were told to wait"});
     m_lastReply = refusal;
     m_channel->Say(refusal);
 }

@@ -40,8 +40,8 @@ std::vector<std::string> Patterns(VELT::Config& config) {
 
 UpstreamTimeouts Timeouts(VELT::Config& config) {
     return {Milliseconds<S::UpstreamGreetingTimeout>(config), Milliseconds<S::UpstreamCommandTimeout>(config),
-            Milliseconds<S::UpstreamDataTimeout>(config), Milliseconds<S::UpstreamBlockTimeout>(config),
-            Milliseconds<S::UpstreamFinalTimeout>(config)};
+            Milliseconds<S::UpstreamDataTimeout>(config),     Milliseconds<S::UpstreamBlockTimeout>(config),
+            Milliseconds<S::UpstreamFinalTimeout>(config),    ReadSetting<S::MinDataRate>(config)};
 }
 
 }  // namespace
@@ -63,6 +63,7 @@ SessionSettings::SessionSettings(VELT::Config& config)
       maxIdleCommands(ReadSetting<S::MaxIdleCommands>(config)),
       maxHops(ReadSetting<S::MaxHops>(config)),
       commandTimeoutMs(Milliseconds<S::CommandTimeout>(config)),
+      minDataRate(ReadSetting<S::MinDataRate>(config)),
       dataTimeoutMs(Milliseconds<S::DataTimeout>(config)),
       upstream(Timeouts(config)) {}
 

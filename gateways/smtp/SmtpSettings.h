@@ -134,6 +134,13 @@ struct attrname_DataTimeout {
 };
 using DataTimeout = cfg::bounded<attrname_DataTimeout, unsigned, cfg::integral_bounds<unsigned, 300, 1, 3600>>;
 
+struct attrname_MinDataRate {
+    static constexpr SettingText text{"smtp", "MinDataRate", "bytes per second",
+                                      "A message that comes, or leaves, more slowly than this for as long as its "
+                                      "timeout counts as stalled. 0: no limit."};
+};
+using MinDataRate = cfg::bounded<attrname_MinDataRate, unsigned, cfg::integral_bounds<unsigned, 500, 0, 1000000>>;
+
 struct attrname_UpstreamGreetingTimeout {
     static constexpr SettingText text{"smtp", "UpstreamGreetingTimeout", "seconds",
                                       "Longest wait for the next server's greeting."};
@@ -172,7 +179,7 @@ using UpstreamFinalTimeout =
 using Settings =
     cfg::setting_list<RelayHost, RelayPort, GreetingName, AcceptDomains, DifferentIdentity, RefusedText, UncheckedText,
                       MaxCommandLine, MaxTextLine, MaxHeaderSize, MaxMessageSize, MaxRecipients, MaxErrors,
-                      MaxIdleCommands, MaxHops, CommandTimeout, DataTimeout, UpstreamGreetingTimeout,
+                      MaxIdleCommands, MaxHops, CommandTimeout, DataTimeout, MinDataRate, UpstreamGreetingTimeout,
                       UpstreamCommandTimeout, UpstreamDataTimeout, UpstreamBlockTimeout, UpstreamFinalTimeout>;
 
 }  // namespace VELTCFG::smtp
@@ -185,6 +192,7 @@ struct UpstreamTimeouts {
     unsigned dataMs = 120000;
     unsigned blockMs = 180000;
     unsigned finalMs = 600000;
+    unsigned minRate = 500;  // bytes per second
 };
 
 struct SessionSettings {
@@ -206,6 +214,7 @@ struct SessionSettings {
     unsigned maxIdleCommands;
     std::size_t maxHops;
     unsigned commandTimeoutMs;
+    unsigned minDataRate;
     unsigned dataTimeoutMs;
     UpstreamTimeouts upstream;
 };

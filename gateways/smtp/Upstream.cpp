@@ -2,20 +2,20 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <memory>
 
 #include <velt/streams/TCPStream.h>
 
+#include "Patience.h"
 #include "WireWriter.h"
 #include "core/DataEncoder.h"
 
 namespace smtp {
 namespace {
 
-constexpr std::size_t kPipelineWindow = 100;    // commands in flight: their replies fit any socket buffer
-constexpr unsigned kLastWordMs = 1000;          // wait for what a server said before it hung up on us
-constexpr std::size_t kDiskBlock = 128 * 1024;  // bytes read at once from a spool file
+constexpr std::size_t kPipelineWindow = 100;  // commands in flight: their replies fit any socket buffer
+constexpr unsigned kLastWordMs = 1000;        // wait for what a server said before it hung up on us
+constexpr unsigned kBlock = 128 * 1024;       // bytes of content sent at once
 
 // The bytes of a content in blocks. A block lives until the next one is asked for, the last one as long as the reader.
 class BlockReader {
@@ -23,7 +23,7 @@ public:
     explicit BlockReader(Content const& content) : m_content(content), m_left(content.size()) {
         if (!content.spool) return;
         m_good = content.spool->seek(0, 0) >= 0;
-        if (!content.spool->get_spool_file().empty()) m_own.reset(new char[kDiskBlock]);
+        if (!content.spool->get_spool_file().empty()) m_own.reset(new char[kBlock]);
     }
 
     std::uint64_t left() const { return m_left; }
@@ -44,8 +44,7 @@ private:
         VELT::ScannerStream& spool = *m_content.spool;
         char* data = m_own.get();
         bool done = false;
-        long const count = m_own ? spool.read(data, static_cast<unsigned long>(kDiskBlock))
-                                 : spool.readdata(data, INT_MAX, true, done);
+        long const count = m_own ? spool.read(data, kBlock) : spool.readdata(data, kBlock, true, done);
         if (count <= 0 || static_cast<std::uint64_t>(count) > m_left) return false;
         block = std::string_view(data, static_cast<std::size_t>(count));
         return true;
@@ -69,13 +68,15 @@ Reply Upstream::Lost(int error) {
 }
 
 Reply Upstream::ReadReply(unsigned timeoutMs) {
-    m_stream.set_timeout(timeoutMs);
+    Patience patience(m_stream, timeoutMs);  // for all lines of the reply together
     while (true) {
+        if (!patience.More()) return Lost(ETIMEDOUT);
         char* line = nullptr;
         bool done = false;
         VELT::LINE_STATE_T state;
         errno = 0;
-        int const length = m_stream.getline(line, true, done, state, true);
+        int const length = m_stream.getline(line, false, done, state, true);
+        if (state == VELT::LINE_INCOMPLETE) continue;
         if (state == VELT::LINE_CLOSED || length < 0) return Lost(length < 0 ? errno : 0);
         ReplyParser::Status const status = state == VELT::LINE_OVERFLOW
                                                ? ReplyParser::Status::Malformed
@@ -172,15 +173,17 @@ bool Upstream::Exchange(std::vector<std::string> const& commands, std::vector<Re
 }
 
 int Upstream::WriteContent(Content const& content) {
-    m_stream.set_timeout(m_timeouts.blockMs);
+    Patience patience(m_stream, m_timeouts.blockMs);
     BlockReader reader(content);
     WireWriter writer(m_stream);
     DataEncoder encoder;
     auto const add = [&](std::string_view piece) { writer.Add(piece); };
     while (reader.left()) {
         if (writer.Flush() != 0) return writer.error();  // what the last block left; the very last leaves with the end
+        if (!patience.More()) return ETIMEDOUT;
         std::string_view block;
         if (!reader.Next(block)) return EIO;
+        patience.Earn(block.size(), m_timeouts.minRate);
         content.plain ? writer.Add(block) : encoder.Encode(block, add);
     }
     if (content.plain) {
@@ -226,13 +229,16 @@ std::vector<Reply> Upstream::Send(Shipment const& shipment) {
     }
     bool const someAccepted =
         std::any_of(result.begin(), result.end(), [](Reply const& one) { return one.group() == 2; });
-    bool const goAhead = dataAnswered && someAccepted && data.code == 354;
+    bool const invited = dataAnswered && someAccepted && data.code == 354;
+    bool const goAhead = invited && (!shipment.wanted || shipment.wanted());
+    if (invited && !goAhead) data = {451, "4.4.2", "client left before the message went on"};
     if (goAhead) data = SendContent(shipment.content);
     if (!goAhead)
         m_usable = false;  // the transaction stays open at the server; only a new connection is sure to be clean
     if (!goAhead && data.group() < 4) data = NotSmtp();
     for (Reply& one : result) {
-        if (one.group() == 2 || one.group() == 3) one = data;
+        if (one.group() == 3) one = NotSmtp();
+        if (one.group() == 2) one = data;
     }
     return result;
 }

@@ -5,6 +5,7 @@
 // Failure: replies. What the server did not say itself is told as 451 4.4.2.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,6 +24,7 @@ struct Shipment {
     std::string sender;  // empty: the null path
     std::vector<std::string> recipients;
     Content content;
+    std::function<bool()> wanted;  // asked before the content goes; false: it stays here. Absent: it goes
 };
 
 class Upstream {

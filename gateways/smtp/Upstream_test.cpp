@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -205,6 +206,56 @@ TEST_F(UpstreamTalk, IsATemporaryFailureWhenTheServerGoesSilent) {
     EXPECT_EQ(got.front().code, 451);
     EXPECT_EQ(got.front().text, "next server went silent");
     m_stream.reset();
+}
+
+TEST_F(UpstreamTalk, GivesAReplyItsTimeAsAWhole) {
+    for (std::string const drop : {"2", "220-x\r\n"}) {
+        m_timeouts.greetingMs = 60;
+        Upstream upstream(*m_stream, m_timeouts);
+        std::atomic<bool> done{false};
+        std::thread server([&] {
+            while (!done) {
+                m_server->Say(drop);
+                ::usleep(10000);
+            }
+        });
+        Reply const reply = upstream.Greet("gw.example");
+        done = true;
+        EXPECT_EQ(reply.code, 451) << drop;
+        EXPECT_EQ(reply.text, "next server went silent") << drop;
+        server.join();
+        SetUp();
+    }
+}
+
+TEST_F(UpstreamTalk, CountsNobodyAsServedWhomTheServerDidNotAccept) {
+    Script([&](Server& server) {
+        Welcome(server);
+        server.Until("DATA\r\n");
+        server.Say("250 ok\r\n354 what\r\n250 ok\r\n354 go\r\n");
+        server.Until("\r\n.\r\n");
+        server.Say("250 stored\r\n");
+    });
+    std::vector<Reply> const got = GreetAndSend(Ship({"b@b", "c@c"}));
+    EXPECT_EQ(got[0].code, 451);
+    EXPECT_EQ(got[1].code, 250);
+}
+
+TEST_F(UpstreamTalk, KeepsAMessageThatIsNotWantedAnyMore) {
+    std::string rest;
+    Script([&](Server& server) {
+        Welcome(server);
+        server.Until("DATA\r\n");
+        server.Say("250 ok\r\n250 ok\r\n354 go\r\n");
+        rest = server.Until("never");
+    });
+    Shipment shipment = Ship({"b@b"});
+    shipment.wanted = [] { return false; };
+    EXPECT_EQ(GreetAndSend(shipment).front().code, 451);
+    EXPECT_FALSE(m_upstream->usable());
+    m_stream.reset();
+    m_thread.join();
+    EXPECT_EQ(rest, "");
 }
 
 TEST_F(UpstreamTalk, PassesOnWhatTheServerSaysOfTheWholeMessage) {

@@ -55,7 +55,9 @@ Findings ReadResults(VELT::Connection& session, VELT::ScanOutput const& output) 
     for (IKORScanResult const* one = output.result->FindFirstScanResult(position); one;
          one = output.result->FindNextScanResult(position)) {
         VELT::ScannerData data;
-        if (!process.ProcessScannerTypes(session, output.identity.c_str(), one, data, true)) {
+        bool const processed = process.ProcessScannerTypes(session, output.identity.c_str(), one, data, true);
+        // An error that the library only reports is one all the same: that engine has not looked.
+        if (!processed || one->GetScanErrorStatus()) {
             findings.scannerFailed = true;
         } else if (one == master || findings.text.empty()) {
             findings.text = TextOf(data);

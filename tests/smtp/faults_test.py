@@ -86,18 +86,20 @@ class PartOfTheRecipients(SmtpCase):
         self.assertIn(b"Remote-MTA: dns; 127.0.0.1\r\n", report.content)
         self.noted(NOTIFIED)
 
-    def test_a_refusal_whose_report_is_lost_stays_a_refusal(self):
+    def test_where_no_report_can_be_sent_the_client_is_told_of_the_refusal(self):
         self.begin()
         self.sink.replies = {f"RCPT {SENDER}": "550 5.1.1 unknown"}
-        self.assertRegex(self.client().mail(body(PHRASE), [STAFF, BOARD]), r"^250 ")
-        self.noted(NOTIFICATION_LOST)
+        reply = self.client().mail(body(PHRASE), [STAFF, BOARD])
+        self.assertRegex(reply, r"^554 5\.7\.1 some recipients have the message, others do not: .*project-name")
+        self.assertIn(self.noted(NOTIFICATION_LOST)[0]["values"]["audit_id"], reply)
         self.assertEqual([one.recipients for one in self.sink.messages], [[BOARD]])
 
-    def test_mail_that_would_be_lost_without_a_word_stays_with_the_client(self):
+    def test_where_no_report_can_be_sent_the_client_is_told_and_does_not_try_again(self):
         self.begin()
         self.sink.replies = {f"RCPT {STAFF}": "450 4.2.0 later", f"RCPT {SENDER}": "550 5.1.1 unknown"}
-        self.assertRegex(self.client().mail(recipients=[STAFF, BOARD]), r"^451 4\.4\.7 ")
+        self.assertRegex(self.client().mail(recipients=[STAFF, BOARD]), r"^554 5\.2\.0 some recipients")
         self.noted(NOTIFICATION_LOST)
+        self.assertEqual([one.recipients for one in self.sink.messages], [[BOARD]])
 
     def test_nothing_delivered_is_one_answer_and_no_report(self):
         self.begin()

@@ -18,12 +18,24 @@ struct VerbRow {
 };
 
 constexpr VerbRow kVerbs[] = {
-    {"MAIL", Verb::Mail, "FROM:", Argument::Required}, {"RCPT", Verb::Rcpt, "TO:", Argument::Required},
-    {"DATA", Verb::Data, "", Argument::None},          {"EHLO", Verb::Ehlo, "", Argument::Required},
-    {"HELO", Verb::Helo, "", Argument::Required},      {"RSET", Verb::Rset, "", Argument::None},
-    {"NOOP", Verb::Noop, "", Argument::Optional},      {"QUIT", Verb::Quit, "", Argument::None},
-    {"VRFY", Verb::Vrfy, "", Argument::Required},      {"EXPN", Verb::Expn, "", Argument::Required},
+    {"MAIL", Verb::Mail, "FROM:", Argument::Required},
+    {"RCPT", Verb::Rcpt, "TO:", Argument::Required},
+    {"DATA", Verb::Data, "", Argument::None},
+    {"EHLO", Verb::Ehlo, "", Argument::Required},
+    {"HELO", Verb::Helo, "", Argument::Required},
+    {"RSET", Verb::Rset, "", Argument::None},
+    {"NOOP", Verb::Noop, "", Argument::Optional},
+    {"QUIT", Verb::Quit, "", Argument::None},
+    {"VRFY", Verb::Vrfy, "", Argument::Required},
+    {"EXPN", Verb::Expn, "", Argument::Required},
     {"HELP", Verb::Help, "", Argument::Optional},
+    // A browser that was talked into speaking to a mail server.
+    {"GET", Verb::Foreign, "", Argument::Optional},
+    {"POST", Verb::Foreign, "", Argument::Optional},
+    {"PUT", Verb::Foreign, "", Argument::Optional},
+    {"HEAD", Verb::Foreign, "", Argument::Optional},
+    {"OPTIONS", Verb::Foreign, "", Argument::Optional},
+    {"CONNECT", Verb::Foreign, "", Argument::Optional},
 };
 
 std::string_view TrimRight(std::string_view text) {

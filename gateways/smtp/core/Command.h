@@ -5,7 +5,7 @@
 
 namespace smtp {
 
-enum class Verb { Ehlo, Helo, Mail, Rcpt, Data, Rset, Noop, Vrfy, Expn, Help, Quit, Unknown };
+enum class Verb { Ehlo, Helo, Mail, Rcpt, Data, Rset, Noop, Vrfy, Expn, Help, Quit, Foreign, Unknown };
 
 struct Command {
     Verb verb = Verb::Unknown;

@@ -40,7 +40,7 @@ constexpr Row kRows[] = {
     {"", Verb::Unknown, false, ""},
     {" EHLO x", Verb::Unknown, false, ""},
     {"STARTTLS", Verb::Unknown, false, ""},
-    {"GET / HTTP/1.1", Verb::Unknown, false, ""},
+    {"GET / HTTP/1.1", Verb::Foreign, true, "/ HTTP/1.1"},
 };
 
 TEST(CommandLine, IsSplitIntoVerbAndArgument) {

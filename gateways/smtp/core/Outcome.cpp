@@ -33,10 +33,13 @@ Decision Decide(std::vector<RecipientFate> const& fates, std::string const& audi
     return {{250, "2.0.0", "accepted as " + auditId}, !all};
 }
 
-Reply WithoutNotification(std::vector<RecipientFate> const& fates, Reply const& accepted) {
-    bool const someLost =
-        std::any_of(fates.begin(), fates.end(), [](RecipientFate const& fate) { return fate.kind == Kind::Failed; });
-    return someLost ? Reply{451, "4.4.7", "not delivered to every recipient, and no report could be sent"} : accepted;
+Reply WithoutNotification(std::vector<RecipientFate> const& fates) {
+    auto const missed = std::find_if(fates.begin(), fates.end(),
+                                     [](RecipientFate const& fate) { return fate.kind != Kind::Delivered; });
+    if (missed == fates.end()) return {250, "2.0.0", "accepted"};
+    std::string status = StatusOf(missed->reply);
+    status.front() = '5';  // nobody tries again
+    return {554, status, "some recipients have the message, others do not: " + Printable(missed->reply.text, 400)};
 }
 
 }  // namespace smtp

@@ -3,8 +3,8 @@
 //   nobody has it      -> one refusal, 4xx as soon as a second try may help; nothing was passed on, nothing is lost
 //   everybody has it   -> 250
 //   some have it       -> 250, and the sender is told of the others by a notification
-// A message of which a part was passed on is never answered by 4xx or 5xx while the rest can still be reported: the
-// client would send it again, and some would get it twice.
+// A message of which a part was passed on is never answered by 4xx: the client would send it again, and some would get
+// it twice.
 #pragma once
 
 #include <string>
@@ -32,9 +32,9 @@ struct Decision {
 
 Decision Decide(std::vector<RecipientFate> const& fates, std::string const& auditId);
 
-// What the client is told when the notification could not be handed over. Mail that policy refused stays refused, as
-// somebody else has the message already; but mail that the next server did not take would be lost without a word, so
-// that the client keeps it and tries again, at the price of a second copy for those who have it.
-Reply WithoutNotification(std::vector<RecipientFate> const& fates, Reply const& accepted);
+// What the client is told when the notification could not be handed over: a refusal for good. It is then the client who
+// tells the sender, and the text says that others have the message; it does not send it again, so that nobody gets it
+// twice.
+Reply WithoutNotification(std::vector<RecipientFate> const& fates);
 
 }  // namespace smtp

@@ -41,11 +41,13 @@ TEST(Outcome, IsOneAnswerForTheWholeMessage) {
     }
 }
 
-TEST(Outcome, WithoutNotificationKeepsMailThatWouldBeLostWithTheClient) {
-    Reply const accepted{250, "2.0.0", "ok"};
-    EXPECT_EQ(WithoutNotification({Delivered(), Refused()}, accepted).code, 250);
-    EXPECT_EQ(WithoutNotification({Delivered(), Permanent()}, accepted).code, 451);
-    EXPECT_EQ(WithoutNotification({Delivered(), Refused(), Temporary()}, accepted).code, 451);
+TEST(Outcome, WithoutNotificationIsARefusalThatTheClientReportsAndDoesNotRepeat) {
+    for (auto const& missed : {Refused(), Permanent(), Temporary()}) {
+        Reply const reply = WithoutNotification({Delivered(), missed});
+        EXPECT_EQ(reply.code, 554);
+        EXPECT_EQ(reply.status, '5' + StatusOf(missed.reply).substr(1));
+        EXPECT_NE(reply.text.find(missed.reply.text), std::string::npos) << reply.text;
+    }
 }
 
 }  // namespace
