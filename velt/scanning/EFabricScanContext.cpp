@@ -10,7 +10,7 @@
 #include <velt/scanning/EngineVersions.h>
 
 #include <cstdlib>
-#include <cstring>
+#include <memory>
 
 namespace VELT {
 
@@ -21,12 +21,10 @@ Lock s_ScanThreadLock;  // making the scan thread objects, one thread at a time
 
 std::wstring Widen(std::string const& path) { return KORtk::Utf8Array(path).wstr(); }
 
-// Runs when a thread ends: the framework's object goes, the record stays.
+// Runs when a thread ends. Nobody else holds the record: agents belong to the thread, and its scans have ended.
 void remove_efabric_tls(void* data) {
-    auto* const record = static_cast<EFabricThreadRecord*>(data);
-    if (!record->scan_thread) return;
-    record->scan_thread->Release();
-    record->scan_thread = nullptr;
+    std::unique_ptr<EFabricThreadRecord> const record(static_cast<EFabricThreadRecord*>(data));
+    if (record->scan_thread) record->scan_thread->Release();
 }
 
 void SetText(KORPropertyBag& bag, char const* name, char const* text) { bag.NewProperty(name)->SetNarrow(text); }
