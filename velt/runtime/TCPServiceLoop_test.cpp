@@ -151,10 +151,10 @@ TEST_F(LoopTest, HealthKnowsThePortsThatOpenedAndThoseThatDidNot) {
 
 TEST_F(LoopTest, PortThatFailsOnOneOfItsAddressesIsNotOk) {
     ProxyHealth::init("loop");
-    int const taken = velt_testing::Listening("127.0.0.1");
+    int const taken = velt_testing::Listening("127.77.0.1");  // apart from where other tests' clients come from
     unsigned short const port = velt_testing::PortOf(taken);
-    Bind("127.0.0.2", port);
-    Bind("127.0.0.1", port);
+    Bind("127.77.0.2", port);
+    Bind("127.77.0.1", port);
     OpenLoop const loop(&m_proxy->m_config);
     EXPECT_EQ(loop.m_listenCount, 1);
     ASSERT_EQ(ProxyHealth::m_portlist.size(), 1u);
