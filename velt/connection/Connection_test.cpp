@@ -2,8 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <ctime>
 #include <functional>
+#include <numeric>
+#include <optional>
+#include <string>
 
 #include "testing/EventCapture.h"
 #include "testing/SessionWorld.h"
@@ -342,6 +347,52 @@ TEST_F(SendMail, StopsInSilenceWhenTheCallbackSaysSo) {
     ::shutdown(out.GetSocket(), SHUT_WR);
     std::string const got = world.ReadClientToEnd();
     EXPECT_TRUE(got.empty() || got == "one\r\n") << got;  // empty when the second turned before the first line
+}
+
+// A vectored write that a signal interrupts is a success of what went until then.
+TEST_F(SendMail, LosesNothingWhereASignalInterruptsIt) {
+    class Interrupted : public TCPStream {
+    public:
+        using TCPStream::TCPStream;
+        int writev(unsigned count, unsigned* lengths, char const** buffers, unsigned* sent) override {
+            unsigned left = calls++ % 4;  // bytes that go before the signal comes
+            for (unsigned i = 0; i < count; ++i) {
+                unsigned const some = std::min(left, lengths[i]);
+                text.append(buffers[i], some);
+                *sent += some;
+                left -= some;
+            }
+            if (*sent < std::accumulate(lengths, lengths + count, 0u)) errno = EINTR;
+            return 0;
+        }
+        unsigned calls = 0;
+        std::string text;
+    };
+    std::string content, expected;
+    for (int i = 0; i < 50; ++i) {
+        std::string const line(static_cast<std::size_t>(i % 9), i % 3 ? 'x' : '.');
+        content += line + "\n";
+        expected += (line.substr(0, 1) == "." ? "." : "") + line + "\r\n";
+    }
+    ScannerStream mail("mail", false);
+    mail.write(content.data(), static_cast<unsigned>(content.size()));
+    Interrupted out;
+    EXPECT_EQ(session.SendMailStream(&mail, &out), 0);
+    EXPECT_EQ(out.text, expected);
+}
+
+TEST_F(SendMail, TakesTheWordOfAnOutputThatCountsNothing) {
+    class Silent : public TCPStream {
+    public:
+        int writev(unsigned, unsigned*, char const**, unsigned*) override { return ++calls, 0; }
+        int calls = 0;
+    };
+    ScannerStream mail("mail", false);
+    mail.write("one\ntwo\n", 8u);
+    Silent out;
+    errno = EINTR;  // of an earlier call
+    EXPECT_EQ(session.SendMailStream(&mail, &out), 0);
+    EXPECT_EQ(out.calls, 2);
 }
 
 TEST_F(SendMail, WithoutAnOutputTouchesNothing) {

@@ -4,7 +4,9 @@
 #include <velt/streams/ScannerStream.h>
 #include <velt/streams/TCPStream.h>
 
+#include <algorithm>
 #include <array>
+#include <cerrno>
 
 namespace VELT {
 
@@ -26,7 +28,31 @@ struct LinePieces {
         Add(line, length);
         if (ends) Add("\r\n", 2);
     }
+    void Drop(unsigned sent) {
+        unsigned first = 0;
+        while (first < count && sent >= lengths[first]) sent -= lengths[first++];
+        std::copy(buffers.begin() + first, buffers.begin() + count, buffers.begin());
+        std::copy(lengths.begin() + first, lengths.begin() + count, lengths.begin());
+        count -= first;
+        if (count == 0) return;
+        buffers[0] += sent;
+        lengths[0] -= sent;
+    }
 };
+
+// A signal that ends the wait of a vectored write makes it a success of less than all: the rest is sent again, as a
+// mail may not lose bytes in its middle.
+int SendLine(TCPStream& out, LinePieces& pieces) {
+    for (;;) {
+        unsigned sent = 0;
+        errno = 0;
+        int const result = out.writev(pieces.count, pieces.lengths.data(), pieces.buffers.data(), &sent);
+        bool const interrupted = errno == EINTR;
+        if (result != 0 || !interrupted) return result;
+        pieces.Drop(sent);
+        if (pieces.count == 0) return 0;
+    }
+}
 
 }  // namespace
 
@@ -46,9 +72,7 @@ int Connection::SendMailStream(ScannerStream* mail, TCPStream* out) {
             last = now;
             if (!MailStreamCallback(static_cast<long>(now))) return 0;
         }
-        unsigned sent = 0;
-        int const result = out->writev(pieces.count, pieces.lengths.data(), pieces.buffers.data(), &sent);
-        if (result != 0) return result;
+        if (int const result = SendLine(*out, pieces)) return result;
         continuing = state == LINE_OVERFLOW;
     }
 }
