@@ -55,7 +55,8 @@ SessionWorld::SessionWorld() {
     std::string spool = m_root / "scandir";
     VELT::ScannerStream::set_buffer_pool(0, 4096);
     VELT::ScannerStream::set_spool_dir(spool);
-    VELT::TCPStream::set_pool(new VELT::BufferPool(4096, 0));
+    static auto* const pool = new VELT::BufferPool(4096, 0);  // a stream may outlive its world
+    VELT::TCPStream::set_pool(pool);
     VELT::TCPStream::set_default_timeout(10000);
     VELT::TCPStream::initialise(nullptr);
     Inside("NETWORK 127.0.0.0/8\n");

@@ -9,7 +9,7 @@
 
 namespace eFabric {
 
-enum RecommendedBaseType { Base_Byte = 0, Base_Wide = 1, Base_Text = 2, Base_None = 3 };
+enum RecommendedBaseType : int { Base_Byte = 0, Base_Wide = 1, Base_Text = 2, Base_None = 3 };
 
 class VELTPLATFORM_API IStreamTransport {
 public:

@@ -184,8 +184,8 @@ int EFabricScanAgent::scan(unsigned int index, ScanOutput*& output, bool fallbac
         delete output;
         output = nullptr;
     }
-    if (!context || index >= context->identities.size()) return -1;
-    (*s_pscans)++;
+    if (!context || !context->data || index >= context->identities.size()) return -1;
+    if (s_pscans) ++*s_pscans;
 
     StreamTransport input(*context->data);
     auto result = std::make_unique<EFabricScanOutput>();

@@ -24,6 +24,11 @@ constexpr unsigned kFinishSeconds = 2;
 QXStats::QXCounter* s_pInlineScans = nullptr;
 QXStats::QXCounter* s_pNullScans = nullptr;
 
+// Before initialise there is nothing to count in.
+void Count(QXStats::QXCounter* counter) {
+    if (counter) ++*counter;
+}
+
 void KillGroup(int) { ::kill(0, SIGKILL); }
 
 // A process that one connection child of the forked model stands for scans; its parent, which only accepts, does not.
@@ -129,7 +134,7 @@ void ScannerInline::disable() { s_disabled = true; }
 
 // The agent's failure shows as a count of 0: there is nothing to run.
 int ScannerInline::setup_scan(unsigned int& count) {
-    (*s_pInlineScans)++;
+    Count(s_pInlineScans);
     count = 0;
     if (agent) agent->setup_scan(context, count, 0);
     return 0;
@@ -156,7 +161,7 @@ void ScannerNull::initialise(Config*) {
 void ScannerNull::start() {}
 
 int ScannerNull::setup_scan(unsigned int& count) {
-    (*s_pNullScans)++;
+    Count(s_pNullScans);
     count = 0;
     return -1;
 }

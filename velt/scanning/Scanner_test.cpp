@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <memory>
+#include <string>
 #include <utility>
 
 #include "testing/ScriptedFramework.h"
@@ -135,6 +137,54 @@ TEST_F(ScanChain, TheAntiVirusSwitchIsOnWhereItCannotBeAsked) {
     script.takesPolicy = false;
     context.policy = Intern("content_out");
     EXPECT_TRUE(scanner->is_av_enabled());
+}
+
+TEST_F(ScanChain, WithoutContentNothingIsScanned) {
+    context.data = nullptr;
+    EXPECT_EQ(Scan(0, false), -1);
+    EXPECT_EQ(output, nullptr);
+    EXPECT_EQ(Counter("scanner.efabric.scans"), 0u);
+}
+
+// These run in a process of their own, in which nothing was initialised.
+TEST(ScanChainBeforeStart, AnInlineScannerHasNoAgentAndScansNothing) {
+    if (std::unique_ptr<ScanAgent> const agent(ScanAgent::get()); agent) GTEST_SKIP() << "initialised by a test before";
+    ScanContext context;
+    context.identities = {InternedString()};
+    std::unique_ptr<Scanner> const scanner(Scanner::get(&context));
+    unsigned count = 7;
+    EXPECT_EQ(scanner->setup_scan(count), 0);
+    EXPECT_EQ(count, 0u);
+    ScanOutput* output = nullptr;
+    EXPECT_EQ(scanner->scan(0, output, false), -1);
+    EXPECT_EQ(output, nullptr);
+    EXPECT_TRUE(scanner->is_av_enabled());
+}
+
+TEST(ScanChainBeforeStart, TheNullScannerSaysThatNothingIsScanned) {
+    ScanContext context;
+    std::unique_ptr<Scanner> const scanner(ScannerNull::get(&context));
+    unsigned count = 7;
+    EXPECT_EQ(scanner->setup_scan(count), -1);
+    EXPECT_EQ(count, 0u);
+    auto* output = reinterpret_cast<ScanOutput*>(&context);
+    EXPECT_EQ(scanner->scan(0, output, false), -1);
+    EXPECT_EQ(output, reinterpret_cast<ScanOutput*>(&context));
+}
+
+TEST(ScanChainBeforeStart, AnAgentWithoutAFrameworkScansNothing) {
+    ScannerStream body(64u);
+    ScanContext context;
+    context.data = &body;
+    context.identities = {InternedString()};
+    std::unique_ptr<ScanAgent> const agent(EFabricScanAgent::get(nullptr));
+    unsigned count = 7;
+    EXPECT_EQ(agent->setup_scan(&context, count, 0), -1);
+    EXPECT_EQ(count, 0u);
+    ScanOutput* output = nullptr;
+    EXPECT_EQ(agent->scan(0, output, false), -1);
+    EXPECT_EQ(output, nullptr);
+    EXPECT_TRUE(agent->is_av_scan_enabled(&context, 0));
 }
 
 TEST_F(ScanChain, StartsNothingInTheParentOfAForkedModel) {

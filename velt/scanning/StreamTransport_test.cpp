@@ -52,6 +52,15 @@ TEST_F(StreamTransportTest, ABaseOfNoneChangesNothing) {
     EXPECT_EQ(transport.tell(), 4u);
 }
 
+TEST_F(StreamTransportTest, ABaseItDoesNotKnowIsKeptWithTheElementsOfTheOneBefore) {
+    transport.SetRecommendedBase(eFabric::Base_Wide);
+    transport.SetRecommendedBase(static_cast<eFabric::RecommendedBaseType>(7));
+    EXPECT_EQ(transport.GetRecommendedBase(), 7);
+    ASSERT_TRUE(transport.seek(0));
+    EXPECT_EQ(transport.read(buffer, 1), 1u);
+    EXPECT_EQ(transport.tell(), 4u);
+}
+
 TEST_F(StreamTransportTest, ReadOnlyTakesNoWrite) {
     transport.SetReadOnly(true);
     EXPECT_TRUE(transport.IsReadOnly());
