@@ -23,6 +23,7 @@ endif()
 
 find_program(CCACHE ccache)
 if(CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
-  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
-  set(CMAKE_C_COMPILER_LAUNCHER ${CCACHE})
+  # What one tree has compiled serves every tree with the same flags, also those of other checkouts.
+  set(CMAKE_CXX_COMPILER_LAUNCHER env CCACHE_BASEDIR=${PROJECT_SOURCE_DIR} CCACHE_NOHASHDIR=1 ${CCACHE})
+  set(CMAKE_C_COMPILER_LAUNCHER ${CMAKE_CXX_COMPILER_LAUNCHER})
 endif()

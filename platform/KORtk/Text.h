@@ -13,7 +13,7 @@
 
 namespace KORtk {
 
-struct NullType {};  // "no type here", such as the reason of an event that has none
+struct VELTPLATFORM_API NullType {};  // "no type here", such as the reason of an event that has none
 
 namespace CharBufPolicy {
 template <class C, class Tr>

@@ -4,6 +4,7 @@
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <system/Descriptor.h>
 #include <system/SystemPath.h>
 #include <unistd.h>
 
@@ -23,21 +24,6 @@ constexpr int kPatience = 10000;  // yields to whoever is making a slot, before 
 
 static_assert(std::atomic<std::uint32_t>::is_always_lock_free && std::atomic<unsigned long>::is_always_lock_free);
 static_assert(sizeof(CounterTable) == 131072);
-
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : m_fd(fd) {}
-    ~Descriptor() {
-        if (m_fd >= 0) ::close(m_fd);
-    }
-    Descriptor(Descriptor const&) = delete;
-    Descriptor& operator=(Descriptor const&) = delete;
-    int get() const { return m_fd; }
-    explicit operator bool() const { return m_fd >= 0; }
-
-private:
-    int m_fd;
-};
 
 // The proxy's name as a file name: nothing of it leads to another folder.
 std::string FileName(std::string const& proxy) {

@@ -46,9 +46,9 @@ public:
 private:
     void advance() {
         auto const start = m_text.find_first_not_of(Blanks, m_at);
-        m_at = start == std::string_view::npos ? m_text.size() : start;
-        m_current = Token{Kind::End, {}, m_at};
-        if (m_at == m_text.size()) return;
+        m_current = Token{Kind::End, {}, m_at};  // the end is where the last word ends
+        if (start == std::string_view::npos) return;
+        m_current.at = m_at = start;
         char const c = m_text[m_at];
         if (c == '(' || c == ')')
             bracket(c);
@@ -94,10 +94,10 @@ private:
 
 class Parser {
 public:
-    explicit Parser(std::string_view text) : m_tokens(text) {}
+    Parser(std::string_view text, SpotOfByte spotOf) : m_tokens(text), m_spotOf(std::move(spotOf)) {}
 
     ExpressionPtr whole() {
-        auto expression = any(1);
+        auto expression = any(0);
         auto const& left = m_tokens.current();
         if (left.kind == Kind::Close) throw SyntaxError{left.at, "a closing bracket without its opening one"};
         if (left.kind != Kind::End) throw SyntaxError{left.at, "'and' or 'or' expected before '" + left.text + "'"};
@@ -127,7 +127,9 @@ private:
 
     ExpressionPtr factor(int depth) {
         auto const& token = m_tokens.current();
-        if (depth > MaxExpressionDepth) throw SyntaxError{token.at, "the expression is nested deeper than 64"};
+        bool const nests = token.kind == Kind::Not || token.kind == Kind::Open;
+        if (nests && depth == MaxExpressionDepth)
+            throw SyntaxError{token.at, "the expression is nested deeper than 64"};
         switch (token.kind) {
             case Kind::Not:
                 m_tokens.take();
@@ -153,9 +155,10 @@ private:
 
     ExpressionPtr atom() {
         auto const subject = m_tokens.take();
+        Spot const spot = m_spotOf(subject.at);
         auto const op = expect(Kind::Word, "an operator expected after '" + subject.text + "'");
         auto const value = expect(Kind::Quoted, "a value in quotes expected after '" + op.text + "'");
-        return std::make_unique<Atom>(subject.text, op.text, value.text);
+        return std::make_unique<Atom>(subject.text, op.text, value.text, spot);
     }
 
     Token expect(Kind kind, std::string const& reason) {
@@ -164,10 +167,13 @@ private:
     }
 
     Tokens m_tokens;
+    SpotOfByte const m_spotOf;
 };
 
 }  // namespace
 
-ExpressionPtr ParseExpression(std::string_view text) { return Parser(text).whole(); }
+ExpressionPtr ParseExpression(std::string_view text, SpotOfByte spotOf) {
+    return Parser(text, std::move(spotOf)).whole();
+}
 
 }  // namespace qxid

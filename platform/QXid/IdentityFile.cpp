@@ -4,7 +4,7 @@
 #include <unordered_set>
 #include <utility>
 
-#include <eFabric/XmlFile.h>
+#include <eFabric/XmlText.h>
 
 namespace qxid {
 namespace {
@@ -15,20 +15,29 @@ using pugi::xml_node;
 
 constexpr char const* Blanks = " \t\r\n";
 
+Spot SpotOf(eFabric::XmlPlace const& place) { return {place.line, place.column}; }
+
 class Reader {
 public:
     explicit Reader(XmlFile const& file) : m_file(file) {}
 
-    std::vector<IdentityEntry> all() {
+    IdentityList all() {
         m_file.allowAttributes(m_file.root(), {"version"});
         m_file.requireVersion(m_file.root());
         m_file.forbidText(m_file.root());
-        std::vector<IdentityEntry> entries;
-        for (auto const node : m_file.root().children()) entries.push_back(identity(node));
-        return entries;
+        IdentityList list;
+        for (auto const node : m_file.root().children()) add(node, list);
+        return list;
     }
 
 private:
+    // An identity with an error does not hide the errors of those behind it.
+    void add(xml_node node, IdentityList& list) try {
+        list.entries.push_back(identity(node));
+    } catch (XmlError const& error) {
+        list.errors.push_back(error);
+    }
+
     IdentityEntry identity(xml_node node) {
         if (node.name() != std::string_view("identity"))
             m_file.fail(node, std::string("<identity> expected, not <") + node.name() + ">");
@@ -40,11 +49,12 @@ private:
 
     ExpressionPtr body(xml_node node) const {
         bool const elements = node.find_child([](xml_node child) { return child.type() == pugi::node_element; });
-        if (elements) return only(node, 1);
+        if (elements) return only(node, 0);
         auto const text = XmlFile::text(node);
         if (text.find_first_not_of(Blanks) == std::string::npos) return nullptr;
         try {
-            return ParseExpression(text);
+            eFabric::XmlTextPlaces places(m_file, node);
+            return ParseExpression(text, [&](std::size_t at) { return SpotOf(places.at(at)); });
         } catch (SyntaxError const& error) {
             throw XmlError(m_file.placeInText(node, error.at), error.reason);
         }
@@ -60,13 +70,14 @@ private:
     }
 
     ExpressionPtr element(xml_node node, int depth) const {
-        if (depth > MaxExpressionDepth) m_file.fail(node, "the expression is nested deeper than 64");
         std::string_view const name = node.name();
+        bool const nests = name == "and" || name == "or" || name == "not";
         if (name == "is") return atom(node);
+        if (!nests) m_file.fail(node, "<and>, <or>, <not> or <is> expected, not <" + std::string(name) + ">");
+        if (depth == MaxExpressionDepth) m_file.fail(node, "the expression is nested deeper than 64");
         m_file.allowAttributes(node, {});
-        if (name == "and" || name == "or") return junction(node, depth);
         if (name == "not") return std::make_unique<Negation>(only(node, depth + 1));
-        m_file.fail(node, "<and>, <or>, <not> or <is> expected, not <" + std::string(name) + ">");
+        return junction(node, depth);
     }
 
     ExpressionPtr junction(xml_node node, int depth) const {
@@ -82,7 +93,7 @@ private:
         if (node.first_child()) m_file.fail(node.first_child(), "<is> takes nothing inside");
         if (!node.attribute("value")) m_file.fail(node, "<is> lacks its attribute 'value'");
         return std::make_unique<Atom>(m_file.required(node, "subject"), m_file.required(node, "op"),
-                                      node.attribute("value").value());
+                                      node.attribute("value").value(), SpotOf(m_file.place(node)));
     }
 
     XmlFile const& m_file;
@@ -91,8 +102,8 @@ private:
 
 }  // namespace
 
-std::vector<IdentityEntry> ParseIdentities(std::string const& name, std::string bytes) {
-    XmlFile const file(name, std::move(bytes), "identities");
+IdentityList ParseIdentities(std::string const& name, std::string bytes) {
+    XmlFile const file(name, std::move(bytes), "identities", XmlFile::AnyDepth);
     return Reader(file).all();
 }
 

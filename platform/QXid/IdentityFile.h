@@ -1,5 +1,5 @@
 // IdentityFile: identities.xml as names and expressions. Private to this folder.
-// Failure: eFabric::XmlError with the place in the file.
+// Failure: eFabric::XmlErrors with their places in the file.
 #pragma once
 
 #include <string>
@@ -16,7 +16,12 @@ struct IdentityEntry {
     eFabric::XmlPlace place;
 };
 
-// `name` stands for the file in messages.
-VELTPLATFORM_API std::vector<IdentityEntry> ParseIdentities(std::string const& name, std::string bytes);
+struct IdentityList {
+    std::vector<IdentityEntry> entries;
+    std::vector<eFabric::XmlError> errors;  // one at most of each identity; with one there is no use for the entries
+};
+
+// `name` stands for the file in messages. Throws where the file as a whole cannot be read.
+VELTPLATFORM_API IdentityList ParseIdentities(std::string const& name, std::string bytes);
 
 }  // namespace qxid

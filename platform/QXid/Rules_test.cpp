@@ -4,110 +4,13 @@
 #include <string>
 #include <vector>
 
-#include <KORtk/Exception.h>
-#include <KORtk/Text.h>
-#include <QXid/Rules.h>
-#include <eFabric/Report.h>
+#include <QXid/RulesWorld.h>
 
 #include "testing/DocExample.h"
-#include "testing/TempRoot.h"
+
+using namespace rules_world;
 
 namespace {
-
-std::string Narrow(AtomicValue const& value) { return KORtk::Utf8Array(value.AsString()).str(); }
-
-int s_alive = 0;  // private data not deleted yet
-
-struct Note : EvalData {
-    explicit Note(std::string text) : text(std::move(text)) { ++s_alive; }
-    ~Note() override { --s_alive; }
-    std::string text;
-};
-
-// What the world is: subjects that hold, and what was asked, in order.
-struct Facts {
-    std::string holding;
-    std::vector<std::string> asked;
-};
-
-std::vector<std::string> s_prepared;
-std::vector<std::string> s_reports;
-
-// An atom holds when its subject's letter is in `holding` and the private data of loading is there.
-bool Evaluate(AtomicValue const& subject, AtomicValue const& value, AtomicValue const& op, void* data,
-              EvalData*& note) {
-    if (Narrow(value) == "throw") throw std::runtime_error("bad value");
-    if (!data) {
-        s_prepared.push_back(Narrow(subject) + ' ' + Narrow(op) + ' ' + Narrow(value));
-        note = new Note(Narrow(value));
-        return true;
-    }
-    auto& facts = *static_cast<Facts*>(data);
-    facts.asked.push_back(Narrow(subject));
-    return note && static_cast<Note*>(note)->text == Narrow(value) &&
-           facts.holding.find(Narrow(subject)) != std::string::npos;
-}
-
-class Names final : public eFabric::IIdentityList {
-public:
-    explicit Names(std::vector<char const*> names) : m_names(std::move(names)) {}
-    unsigned size() const override { return static_cast<unsigned>(m_names.size()); }
-    InternedString at(unsigned i) const override { return InternedString(m_names[i]); }
-
-private:
-    std::vector<char const*> m_names;
-};
-
-constexpr char const StaffName[] = "staff";  // an interned name: its address is what evaluate gives
-
-class IdentityRules : public ::testing::Test {
-protected:
-    IdentityRules() {
-        s_prepared.clear();
-        s_reports.clear();
-        eFabric::ExchangeReportSink([](std::string const& line) { s_reports.push_back(line); });
-        rules->addIdentities(Names({StaffName}));
-    }
-    ~IdentityRules() override { eFabric::ExchangeReportSink(nullptr); }
-
-    bool Load(std::string const& content) {
-        root.Write("identities.xml", content);
-        return rules->load((root / "identities.xml").c_str(), &Evaluate);
-    }
-    bool LoadStaff(std::string const& body) {
-        return Load("<identities version=\"1\">\n<identity name=\"staff\">" + body + "</identity>\n</identities>");
-    }
-    std::string ErrorOf(std::string const& content) {
-        try {
-            Load(content);
-            return "(none)";
-        } catch (KORtk::Exception const& error) {
-            std::string const path = root / "identities.xml";
-            EXPECT_EQ(error.text().substr(0, path.size()), path);
-            return error.text().substr(std::min(path.size(), error.text().size()));
-        }
-    }
-    std::string ErrorOfStaff(std::string const& body) {
-        return ErrorOf("<identities>\n<identity name=\"staff\">" + body + "</identity></identities>");
-    }
-    Identity const& Staff() { return *rules->find("staff"); }
-    bool Holds(std::string const& holding) {
-        facts = Facts{holding, {}};
-        return Staff().evaluate(&Evaluate, &facts).c_str() == StaffName;
-    }
-    // What a text means, as the truth of its value for every subset of a, b, c.
-    std::string Truth(std::string const& body) {
-        EXPECT_TRUE(LoadStaff(body)) << body;
-        std::string row;
-        for (auto const* const holding : {"", "a", "b", "ab", "c", "ac", "bc", "abc"})
-            row += Holds(holding) ? '1' : '0';
-        return row;
-    }
-
-    velt_testing::TempRoot root;
-    std::unique_ptr<QXidRules> rules = QXidRules::create();
-    Facts facts;
-};
 
 TEST_F(IdentityRules, FindGivesAPlaceholderBeforeLoading) {
     ASSERT_NE(rules->find("staff"), nullptr);
@@ -215,73 +118,53 @@ TEST_F(IdentityRules, ExceptionsOfTheEvaluatorLeaveLoadAndChangeNothing) {
     EXPECT_TRUE(Holds("a"));
     EXPECT_FALSE(Holds("b"));
     ASSERT_EQ(s_reports.size(), 1U);
-    EXPECT_NE(s_reports[0].find(":2:1: identity 'staff' has a value that its operator does not take: bad value"),
+    EXPECT_NE(s_reports[0].find(":2:36: identity 'staff' has a value that its operator does not take: bad value"),
               std::string::npos)
         << s_reports[0];
 }
 
-TEST_F(IdentityRules, MalformedTextIsNamedByItsPlace) {
-    struct Case {
-        char const* body;
-        char const* error;
-    };
-    constexpr Case Cases[] = {
-        {"a", ":2:25: an operator expected after 'a'"},
-        {"a IS", ":2:28: a value in quotes expected after 'IS'"},
-        {"a IS x", ":2:29: a value in quotes expected after 'IS'"},
-        {"a IS \"x", ":2:29: the value has no closing quote"},
-        {"a IS \"x\\y\"", ":2:31: a backslash stands before a quote or a backslash only"},
-        {"a IS \"x\" b", ":2:33: 'and' or 'or' expected before 'b'"},
-        {"a IS \"x\" and", ":2:36: the expression ends where a condition is expected"},
-        {"or a IS \"x\"", ":2:24: a condition expected, not 'or'"},
-        {"(a IS \"x\"", ":2:24: the bracket is not closed"},
-        {"a IS \"x\")", ":2:32: a closing bracket without its opening one"},
-        {"()", ":2:25: a condition expected, not ')'"},
-        {"a IS \"&lt;&gt;\"\n or or", ":3:5: a condition expected, not 'or'"},
-    };
-    for (auto const& [body, error] : Cases) EXPECT_EQ(ErrorOfStaff(body), error) << body;
+// What may stand around a condition: brackets and negations, or elements. No more than 64 of them.
+struct Nesting {
+    char const* begin;
+    char const* condition;
+    char const* end;
+    std::size_t columnOf65th;
+};
+
+TEST_F(IdentityRules, ExpressionsNestAtMost64Deep) {
+    char const* const text = "a IS \"x\"";
+    char const* const element = "<is subject='a' op='IS' value='x'/>";
+    for (auto const& [begin, condition, end, columnOf65th] :
+         {Nesting{"(", text, ")", 24 + 64}, Nesting{"not ", text, "", 24 + 64 * 4},
+          Nesting{"<not>", element, "</not>", 24 + 64 * 5}, Nesting{"<and>", element, "</and>", 24 + 64 * 5},
+          Nesting{"<or>", element, "</or>", 24 + 64 * 4}}) {
+        auto const nested = [&, b = begin, c = condition, e = end](int depth) {
+            return Repeated(b, depth) + c + Repeated(e, depth);
+        };
+        for (int depth = 60; depth <= 64; ++depth) {
+            EXPECT_EQ(ErrorOfStaff(nested(depth)), "(none)") << begin << depth;
+            EXPECT_EQ(Holds("a"), *begin != 'n' && std::string(begin) != "<not>" ? true : depth % 2 == 0) << begin;
+        }
+        for (int const depth : {65, 66, 67, 68, 100, 100000})
+            EXPECT_EQ(ErrorOfStaff(nested(depth)),
+                      ":2:" + std::to_string(columnOf65th) + ": the expression is nested deeper than 64")
+                << begin << depth;
+    }
 }
 
-TEST_F(IdentityRules, MalformedElementsAreNamedByTheirPlace) {
-    struct Case {
-        char const* body;
-        char const* error;
+TEST_F(IdentityRules, BracketsAndNegationsCountTogether) {
+    auto const mixed = [](int depth) {
+        std::string text = "a IS \"x\"";
+        for (int i = 0; i < depth; ++i) text = i % 2 ? "(" + text + ")" : "not " + text;
+        return text;
     };
-    constexpr Case Cases[] = {
-        {"<is subject='a' op='IS'/>", ":2:24: <is> lacks its attribute 'value'"},
-        {"<is subject='' op='IS' value=''/>", ":2:28: attribute 'subject' is empty"},
-        {"<is subject='a' op='IS' value='' x=''/>", ":2:57: <is> has no attribute 'x'"},
-        {"<and/>", ":2:24: <and> takes at least one condition"},
-        {"<not/>", ":2:24: <not> takes one condition, not none"},
-        {"<xor/>", ":2:24: <and>, <or>, <not> or <is> expected, not <xor>"},
-        {"<and x='1'/>", ":2:29: <and> has no attribute 'x'"},
-        {"a IS \"x\" <not/>", ":2:24: <identity> takes no text"},
-    };
-    for (auto const& [body, error] : Cases) EXPECT_EQ(ErrorOfStaff(body), error) << body;
+    EXPECT_EQ(ErrorOfStaff(mixed(64)), "(none)");
+    EXPECT_NE(ErrorOfStaff(mixed(65)).find("nested deeper than 64"), std::string::npos);
 }
 
-TEST_F(IdentityRules, TheFrameIsCheckedToo) {
-    EXPECT_EQ(ErrorOf("<rules/>"), ":1:1: the root element is not <identities>");
-    EXPECT_EQ(ErrorOf("<identities version='9'/>"), ":1:13: version '9' is not known, only '1'");
-    EXPECT_EQ(ErrorOf("<identities><other/></identities>"), ":1:13: <identity> expected, not <other>");
-    EXPECT_EQ(ErrorOf("<identities><identity/></identities>"), ":1:13: <identity> lacks its attribute 'name'");
-    EXPECT_EQ(ErrorOf("<identities><identity name='a'/>\n<identity name='a'/></identities>"),
-              ":2:1: identity 'a' stands twice");
-}
-
-std::string Repeated(std::string const& text, int times) {
-    std::string all;
-    for (int i = 0; i < times; ++i) all += text;
-    return all;
-}
-
-TEST_F(IdentityRules, ExpressionsAreAtMost64Deep) {
-    auto const brackets = [](int n) { return Repeated("(", n) + "a IS \"x\"" + Repeated(")", n); };
-    EXPECT_EQ(ErrorOfStaff(brackets(63)), "(none)");
-    EXPECT_NE(ErrorOfStaff(brackets(64)).find("nested deeper than 64"), std::string::npos);
-    EXPECT_NE(ErrorOfStaff(brackets(100000)).find("nested deeper than 64"), std::string::npos);
-    EXPECT_NE(ErrorOfStaff(Repeated("not ", 100000)).find("nested deeper than 64"), std::string::npos);
-    EXPECT_EQ(ErrorOfStaff(Repeated("a IS \"x\" or ", 5000) + "a IS \"x\""), "(none)");
+TEST_F(IdentityRules, ExpressionsMayBeLongAndStandBesideEachOther) {
+    EXPECT_EQ(ErrorOfStaff(Repeated("a IS \"x\" or ", 50000) + "a IS \"x\""), "(none)");
+    EXPECT_EQ(ErrorOfStaff(Repeated("(((a IS \"x\"))) and ", 1000) + "a IS \"x\""), "(none)");
 }
 
 TEST_F(IdentityRules, TheDocumentedExampleLoads) {

@@ -1,6 +1,7 @@
 #include <KORtk/Utf8.h>
 #include <QXlog/Escape.h>
 
+#include <algorithm>
 #include <cstdio>
 
 namespace QXlog::detail {
@@ -23,17 +24,24 @@ void AppendFormat(std::string& out, char const* format, T... values) {
     out += text;
 }
 
-// Calls `each(step, bytes)` for the code points of the text up to the limit; true when the text was cut.
+// What no form escapes, and most text is made of.
+bool IsPlain(char c) { return c >= ' ' && c < 0x7F && c != '"' && c != '\\'; }  // above ASCII is negative
+
+// Appends the text up to the limit, and calls `each(step, bytes)` for those code points that may need an escape; true
+// when the text was cut.
 template <class Each>
-bool Walk(std::string_view text, std::size_t limit, Each each) {
+bool Walk(std::string& out, std::string_view text, std::size_t limit, Each each) {
     std::string_view rest = text.substr(0, KORtk::Utf8Prefix(text, limit));
     bool const cut = rest.size() < text.size();
-    while (!rest.empty()) {
+    while (true) {
+        auto const end = std::find_if_not(rest.begin(), rest.end(), IsPlain);
+        out.append(rest.begin(), end);
+        rest.remove_prefix(static_cast<std::size_t>(end - rest.begin()));
+        if (rest.empty()) return cut;
         KORtk::Utf8Step const step = KORtk::ReadUtf8(rest);
         each(step, rest.substr(0, step.length));
         rest.remove_prefix(step.length);
     }
-    return cut;
 }
 
 void AppendPlainStep(std::string& out, KORtk::Utf8Step const& step, std::string_view bytes) {
@@ -79,14 +87,14 @@ bool OneWord(std::string_view text) {
 }  // namespace
 
 void AppendPlain(std::string& out, std::string_view text, std::size_t limit) {
-    bool const cut = Walk(text, limit, [&](auto const& step, auto bytes) { AppendPlainStep(out, step, bytes); });
+    bool const cut = Walk(out, text, limit, [&](auto const& step, auto bytes) { AppendPlainStep(out, step, bytes); });
     if (cut) out += kCut;
 }
 
 void AppendToken(std::string& out, std::string_view text, std::size_t limit) {
     if (OneWord(text)) return AppendPlain(out, text, limit);
     out += '"';
-    bool const cut = Walk(text, limit, [&](auto const& step, auto bytes) {
+    bool const cut = Walk(out, text, limit, [&](auto const& step, auto bytes) {
         if (step.codePoint == '"') out += '\\';
         AppendPlainStep(out, step, bytes);
     });
@@ -96,7 +104,7 @@ void AppendToken(std::string& out, std::string_view text, std::size_t limit) {
 
 void AppendJson(std::string& out, std::string_view text, std::size_t limit) {
     out += '"';
-    bool const cut = Walk(text, limit, [&](auto const& step, auto bytes) { AppendJsonStep(out, step, bytes); });
+    bool const cut = Walk(out, text, limit, [&](auto const& step, auto bytes) { AppendJsonStep(out, step, bytes); });
     if (cut) out += kCut;
     out += '"';
 }

@@ -191,6 +191,28 @@ std::string FormatTime(std::chrono::system_clock::time_point time) {
     return text;
 }
 
+void WriteTime(char* to, std::chrono::system_clock::time_point time) {
+    using namespace std::chrono;
+    auto const day = floor<days>(time);
+    year_month_day const date(day);
+    long const micros = duration_cast<microseconds>(time - day).count();
+    long const parts[] = {static_cast<int>(date.year()),
+                          static_cast<long>(static_cast<unsigned>(date.month())),
+                          static_cast<long>(static_cast<unsigned>(date.day())),
+                          micros / 3'600'000'000,
+                          micros / 60'000'000 % 60,
+                          micros / 1'000'000 % 60,
+                          micros % 1'000'000};
+    constexpr std::size_t kEnds[] = {4, 7, 10, 13, 16, 19, 26};  // each number ends here, in front of its separator
+    constexpr char kForm[] = "0000-00-00T00:00:00.000000Z";
+    static_assert(sizeof kForm == kTimeLength + 1);
+    std::memcpy(to, kForm, kTimeLength);
+    for (std::size_t i = 0; i < std::size(kEnds); ++i) {
+        char* digit = to + kEnds[i];
+        for (long rest = parts[i]; rest != 0; rest /= 10) *--digit = static_cast<char>('0' + rest % 10);
+    }
+}
+
 std::string FormatMessage(Record const& record, Limits const& limits) {
     std::string message = EventName(record);
     if (record.words) message.append(" ").append(record.words);

@@ -19,5 +19,8 @@ std::string FormatJson(Record const& record, Limits const& limits);
 // "FIELD=value" each; values of the bag as VELT_CONNECTION_SOURCE_IP.
 std::vector<std::string> FormatJournal(Record const& record, Limits const& limits);
 std::string FormatTime(std::chrono::system_clock::time_point time);  // "2024-05-01T12:00:00.123456Z"
+constexpr std::size_t kTimeLength = 27;
+// The same over what stands at `to`, for a signal handler. Years of four digits.
+void WriteTime(char* to, std::chrono::system_clock::time_point time);
 
 }  // namespace QXlog::detail

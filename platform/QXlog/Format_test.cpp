@@ -51,6 +51,19 @@ std::string Json(std::string_view text, std::size_t limit = 100) {
     return out;
 }
 
+TEST(LogTexts, AreEscapedAlikeWhereverACharacterStands) {
+    auto const inner = [](std::string const& quoted) { return quoted.substr(1, quoted.size() - 2); };
+    for (int byte = 0; byte < 256; ++byte) {
+        std::string const alone(1, static_cast<char>(byte));
+        std::string const text = "ab" + alone + "cd" + alone + alone;
+        EXPECT_EQ(Plain(text), "ab" + Plain(alone) + "cd" + Plain(alone) + Plain(alone)) << byte;
+        std::string const json = inner(Json(alone));
+        EXPECT_EQ(Json(text), "\"ab" + json + "cd" + json + json + "\"") << byte;
+        std::string const token = inner(Token(" " + alone)).substr(1);
+        EXPECT_EQ(Token(" " + text), "\" ab" + token + "cd" + token + token + "\"") << byte;
+    }
+}
+
 TEST(LogText, NamesEventWordsAndEveryValueByItsPath) {
     EXPECT_EQ(FormatText(ARecord(), {}),
               "2024-05-01T12:00:00.123456Z smtp[42]: 10003:68 session begins: connection.source_ip=192.0.2.1 "
@@ -165,6 +178,21 @@ TEST(LogEscapes, CutAtTheLimitWithoutCuttingACharacter) {
     std::string const text = "a\xf0\x9f\x98\x80z";  // one, four, one bytes
     for (std::size_t limit = 1; limit < 5; ++limit) EXPECT_EQ(Plain(text, limit), "a...") << limit;
     EXPECT_EQ(Plain(text, 5), "a\xf0\x9f\x98\x80...");
+}
+
+TEST(LogTimes, AreTheSameWhereNoMemoryMayBeTaken) {
+    using namespace std::chrono;
+    system_clock::time_point const starts[] = {system_clock::from_time_t(0), system_clock::from_time_t(951782399),
+                                               system_clock::from_time_t(1709164799),
+                                               system_clock::from_time_t(4102444799), system_clock::now()};
+    for (system_clock::time_point const start : starts) {
+        for (int i = 0; i < 4000; ++i) {
+            system_clock::time_point const time = start + i * (hours(7) + microseconds(7777777));
+            std::string text(QXlog::detail::kTimeLength, '?');
+            QXlog::detail::WriteTime(text.data(), time);
+            ASSERT_EQ(text, QXlog::detail::FormatTime(time));
+        }
+    }
 }
 
 }  // namespace

@@ -1,3 +1,4 @@
+#include <QXlog/Format.h>
 #include <QXlog/Log.h>
 
 #include <pthread.h>
@@ -43,6 +44,7 @@ void Log::OpenLocked() {
 }
 
 void Log::CloseLocked() {
+    ++m_setup;
     m_sinks.clear();
     m_open = false;
 }
@@ -69,6 +71,11 @@ void Log::GoAsync() {
     m_writers.push_back(std::make_unique<Writer>(m_settings.queueSize, m_settings.dropWhenFull,
                                                  [this](Record& record) { Deliver(record); }));
     m_writer = m_writers.back().get();
+}
+
+bool Log::Drain(int stepMs, int mostSteps) {
+    Writer* const writer = m_writer.load();
+    return !writer || writer->Drain(stepMs, mostSteps);
 }
 
 void Log::EndWriter() {
@@ -98,9 +105,8 @@ KORlog::Target* Log::Exchange(KORlog::Target* target) {
 
 std::string Log::useableSeverities() const { return m_hasSinks ? "all" : ""; }
 
-void Log::write(KORlog::sev::Severity, KORtk::Location const& where, Event const& event, std::string const& text,
-                KORlog::InfoBag const& bag) {
-    ++m_records;
+Record Log::MakeRecord(KORtk::Location const& where, Event const& event, std::string const& text,
+                       KORlog::InfoBag const& bag) {
     Record record;
     record.time = std::chrono::system_clock::now();
     record.pid = ::getpid();
@@ -112,6 +118,13 @@ void Log::write(KORlog::sev::Severity, KORtk::Location const& where, Event const
     record.line = where.line;
     record.function = where.function;
     record.bag = bag;
+    return record;
+}
+
+void Log::write(KORlog::sev::Severity, KORtk::Location const& where, Event const& event, std::string const& text,
+                KORlog::InfoBag const& bag) {
+    ++m_records;
+    Record record = MakeRecord(where, event, text, bag);
     Writer* const writer = m_writer.load();
     switch (writer ? writer->Push(record) : Writer::Pushed::Ended) {
         case Writer::Pushed::Taken:
@@ -138,6 +151,30 @@ void Log::Deliver(Record& record) {
         }
     } catch (...) {
         ++m_errors;
+    }
+}
+
+void Log::Prepare(PreparedReport& report) {
+    Record record = MakeRecord(report.m_where, report.m_event, report.m_text, report.m_bag);
+    std::lock_guard const lock(m_mutex);
+    if (!m_hasSinks) return;
+    OpenLocked();
+    record.identity = m_identity;
+    report.m_setup = m_setup;
+    for (std::unique_ptr<Sink> const& sink : m_sinks) report.m_bytes.push_back(sink->Prepare(record));
+}
+
+void Log::EmitPrepared(PreparedReport& report) {
+    if (!is_loggable(report.m_event)) return;
+    if (KORlog::Target* const other = m_other.load())
+        return other->sendlog(KORlog::sev::no_sev, report.m_where, report.m_event, report.m_text, report.m_bag);
+    ++m_records;
+    if (!m_hasSinks || report.m_setup != m_setup) return;
+    auto const now = std::chrono::system_clock::now();
+    for (std::size_t i = 0; i < report.m_bytes.size(); ++i) {
+        PreparedBytes& prepared = report.m_bytes[i];
+        if (prepared.timeAt != PreparedBytes::kNoTime) WriteTime(&prepared.bytes[prepared.timeAt], now);
+        if (!m_sinks[i]->Emit(prepared)) ++m_errors;
     }
 }
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <QXStats/QXCounter.h>
+#include <QXlog/Prepared.h>
 #include <QXlog/QXlog.h>
 #include <QXlog/Settings.h>
 #include <QXlog/Sink.h>
@@ -24,6 +25,7 @@ public:
     void Configure(std::string const& identity, Settings settings);
     void Open();
     void GoAsync();
+    bool Drain(int stepMs, int mostSteps);
     void Shutdown();
     void StandardError(bool on);
 
@@ -34,7 +36,12 @@ public:
     void write(KORlog::sev::Severity severity, KORtk::Location const& where, Event const& event,
                std::string const& text, KORlog::InfoBag const& bag) override;
 
+    void Prepare(PreparedReport& report);
+    void EmitPrepared(PreparedReport& report);  // from a signal handler, also while this thread is in here
+
 private:
+    static Record MakeRecord(KORtk::Location const& where, Event const& event, std::string const& text,
+                             KORlog::InfoBag const& bag);
     Log();
     void OpenLocked();
     void CloseLocked();
@@ -48,6 +55,7 @@ private:
     std::atomic<KORlog::Target*> m_other{nullptr};
     std::atomic<bool> m_hasSinks{false};
     std::atomic<Writer*> m_writer{nullptr};  // the one at work, or null
+    std::atomic<unsigned long> m_setup{0};   // counts the sets of sinks
 
     std::mutex m_mutex;                              // guards all below; taken before the registry's
     std::vector<std::unique_ptr<Writer>> m_writers;  // all of them, for ever: a report may be on its way into one

@@ -20,6 +20,17 @@ KORlog::Target& get_qxtarget() { return Log::Get().Current(); }
 KORlog::Target* exchange_qxtarget(KORlog::Target* target) { return Log::Get().Exchange(target); }
 void noLogging() { allowLogging(false); }
 bool allowLogging(bool on) { return Registry::Get().SetAllowed(on); }
+bool drain(int stepMs, int mostSteps) { return Log::Get().Drain(stepMs, mostSteps); }
+
+std::unique_ptr<PreparedReport> prepare(Event const& event, KORtk::Location where, std::string text,
+                                        KORlog::InfoBag bag) {
+    auto report = std::make_unique<PreparedReport>(event, where, std::move(text), std::move(bag));
+    Log::Get().Prepare(*report);
+    return report;
+}
+
+void emit_prepared(PreparedReport& report) { Log::Get().EmitPrepared(report); }
+
 void stdErrLogging(bool on) { Log::Get().StandardError(on); }
 
 }  // namespace detail

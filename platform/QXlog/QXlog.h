@@ -39,8 +39,11 @@ VELTPLATFORM_API KORlog::Target& get_qxtarget();
 // Puts `target` in the place of the configured sinks and gives what stood there; null stands for the sinks. The caller
 // keeps owning it, and puts the old one back before it goes. With a target, events are on as configured.
 VELTPLATFORM_API KORlog::Target* exchange_qxtarget(KORlog::Target* target);
-VELTPLATFORM_API void noLogging();             // every event off, now and later, until the next init
-VELTPLATFORM_API bool allowLogging(bool on);   // undoes noLogging (true) or does it (false); gives what held before
+VELTPLATFORM_API void noLogging();            // every event off, now and later, until the next init
+VELTPLATFORM_API bool allowLogging(bool on);  // undoes noLogging (true) or does it (false); gives what held before
+// Waits until all reports so far are written: for `mostSteps` steps of `stepMs`, and no longer than a step that sees
+// none written. False: there are more.
+VELTPLATFORM_API bool drain(int stepMs, int mostSteps);
 VELTPLATFORM_API void stdErrLogging(bool on);  // adds or removes a text sink on standard error
 }  // namespace detail
 

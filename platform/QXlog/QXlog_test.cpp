@@ -3,13 +3,16 @@
 #include <KORtk/Exception.h>
 #include <QXStats/QXCounter.h>
 #include <QXlog/Names.h>
+#include <QXlog/Prepared.h>
 #include <QXlog/QXlog.h>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <syslog.h>
-#include <systemd/sd-journal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -35,6 +38,10 @@ std::vector<std::string>& Journal() {
     return fields;
 }
 bool s_journalRuns = false;
+std::string& LogDaemon() {  // the socket in the place of those of the log daemons; empty: they are as they are
+    static std::string path;
+    return path;
+}
 std::atomic<unsigned long> s_allocations{0};
 }  // namespace
 
@@ -49,6 +56,16 @@ int access(char const* path, int mode) noexcept {
 int sd_journal_sendv(iovec const* rows, int count) {
     for (int i = 0; i < count; ++i) Journal().emplace_back(static_cast<char const*>(rows[i].iov_base), rows[i].iov_len);
     return 0;
+}
+int connect(int socket, sockaddr const* address, socklen_t length) {
+    sockaddr_un name{};
+    if (address->sa_family == AF_UNIX && !LogDaemon().empty()) {
+        name.sun_family = AF_UNIX;
+        LogDaemon().copy(name.sun_path, sizeof name.sun_path - 1);
+        address = reinterpret_cast<sockaddr const*>(&name);
+        length = sizeof name;
+    }
+    return static_cast<int>(::syscall(SYS_connect, socket, address, length));
 }
 void closelog() {}
 void syslog(int priority, char const* format, ...) {
@@ -118,6 +135,7 @@ TEST_F(Logging, AMissingFileSendsEverythingToSyslog) {
     EXPECT_EQ(Syslog()[1], std::to_string(LOG_DAEMON | LOG_INFO) + " %s 991003:68: source_hostname=\"a%s%n\\nb\"");
 }
 
+#ifdef VELT_WITH_SYSTEMD
 TEST_F(Logging, TheJournalTakesARecordAsFields) {
     Journal().clear();
     s_journalRuns = true;
@@ -127,6 +145,7 @@ TEST_F(Logging, TheJournalTakesARecordAsFields) {
     EXPECT_EQ(Journal().front(), "MESSAGE=991003:68: source_ip=192.0.2.1");
     EXPECT_EQ(Journal().back(), "VELT_SOURCE_IP=192.0.2.1");
 }
+#endif
 
 TEST_F(Logging, WhereNoJournalRunsItsRecordsGoToSyslog) {
     Syslog().clear();
@@ -302,6 +321,128 @@ TEST_F(Logging, WordsOfTheCatalogueAreInTheRecord) {
     Report(Queued::value);
     ASSERT_EQ(Lines().size(), 1u);
     EXPECT_NE(Lines()[0].find("\"words\":\"session queued\""), std::string::npos);
+}
+
+// --- Reports that are formatted in advance ---
+
+class PreparedLogging : public Logging {
+protected:
+    std::unique_ptr<QXlog::detail::PreparedReport> Prepare() {
+        return QXlog::detail::prepare(Begins::value, KORtk::Here(), "", QXPROP_VELT_PID(7));
+    }
+};
+
+// A socket that a log daemon would have; gives what is sent to it.
+class Daemon {
+public:
+    explicit Daemon(std::string const& path) : m_socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un name{};
+        name.sun_family = AF_UNIX;
+        path.copy(name.sun_path, sizeof name.sun_path - 1);
+        if (::bind(m_socket, reinterpret_cast<sockaddr const*>(&name), sizeof name) == 0) LogDaemon() = path;
+    }
+    ~Daemon() {
+        LogDaemon().clear();
+        ::close(m_socket);
+    }
+    std::string Take() {
+        char text[4096];
+        ssize_t const length = ::recv(m_socket, text, sizeof text, MSG_DONTWAIT);
+        return std::string(text, length < 0 ? 0 : static_cast<std::size_t>(length));
+    }
+
+private:
+    int m_socket;
+};
+
+TEST_F(PreparedLogging, AreWrittenAsOthersWithTheTimeAtWhichTheyAreMade) {
+    ToFile();
+    auto const report = Prepare();
+    EXPECT_TRUE(Lines().empty());
+    Report(Queued::value);
+    QXlog::detail::emit_prepared(*report);
+    QXlog::detail::emit_prepared(*report);
+    ASSERT_EQ(Lines().size(), 3u);
+    EXPECT_NE(Lines()[1].find("\"event\":991003,\"reason\":68"), std::string::npos);
+    EXPECT_NE(Lines()[1].find("\"values\":{\"velt_pid\":7}}"), std::string::npos);
+    auto const time = [&](std::size_t line) { return Lines()[line].substr(0, 37); };
+    EXPECT_LE(time(0), time(1)) << "made after the one before it";
+    EXPECT_LT(time(1), time(2));
+    EXPECT_EQ(Lines()[1].substr(37), Lines()[2].substr(37));
+}
+
+TEST_F(PreparedLogging, TakeNoMemoryToMake) {
+    ToFile();
+    auto const report = Prepare();
+    unsigned long const before = s_allocations;
+    QXlog::detail::emit_prepared(*report);
+    EXPECT_EQ(s_allocations, before);
+}
+
+TEST_F(PreparedLogging, ArePastTheQueue) {
+    ToFile();
+    QXlog::goAsyncEvRep(0);
+    auto const report = Prepare();
+    QXlog::detail::emit_prepared(*report);
+    EXPECT_EQ(Lines().size(), 1u);
+}
+
+TEST_F(PreparedLogging, AreDroppedWhereTheSinksAreOthersByNow) {
+    ToFile();
+    auto const report = Prepare();
+    QXlog::shutdownEvRep();
+    QXlog::detail::emit_prepared(*report);
+    ToFile();
+    QXlog::detail::emit_prepared(*report);
+    EXPECT_TRUE(Lines().empty());
+    QXlog::detail::emit_prepared(*Prepare());
+    EXPECT_EQ(Lines().size(), 1u);
+    QXlog::detail::noLogging();
+    QXlog::detail::emit_prepared(*Prepare());
+    EXPECT_EQ(Lines().size(), 1u);
+}
+
+TEST_F(PreparedLogging, GoToStandardErrorToo) {
+    Configure("<logging><sink type='text'/></logging>");
+    ::testing::internal::CaptureStderr();
+    QXlog::detail::emit_prepared(*Prepare());
+    std::string const seen = ::testing::internal::GetCapturedStderr();
+    EXPECT_NE(seen.find(" smtp[" + std::to_string(::getpid()) + "]: 991003:68"), std::string::npos) << seen;
+}
+
+TEST_F(PreparedLogging, GoToSyslogBesideTheLibrarysLock) {
+    Daemon daemon(m_root / "log");
+    Syslog().clear();
+    Configure("<logging><sink type='syslog'/></logging>");
+    auto const report = Prepare();
+    EXPECT_EQ(daemon.Take(), "");
+    QXlog::detail::emit_prepared(*report);
+    std::string const seen = daemon.Take();
+    std::string const head =
+        "<" + std::to_string(LOG_DAEMON | LOG_INFO) + ">smtp[" + std::to_string(::getpid()) + "]: ";
+    EXPECT_EQ(seen.substr(0, head.size() + 9), head + "991003:68");
+    EXPECT_EQ(Syslog().size(), 1u) << "opened, and not written by";
+}
+
+#ifdef VELT_WITH_SYSTEMD
+TEST_F(PreparedLogging, GoToTheJournalAsFields) {
+    Daemon daemon(m_root / "journal");
+    s_journalRuns = true;
+    Configure("<logging><sink type='journal'/></logging>");
+    QXlog::detail::emit_prepared(*Prepare());
+    std::string const seen = daemon.Take();
+    s_journalRuns = false;
+    EXPECT_EQ(seen.rfind("MESSAGE=991003:68", 0), 0u) << seen;
+    EXPECT_NE(seen.find("\nVELT_VELT_PID=7\n"), std::string::npos) << seen;
+}
+#endif
+
+TEST_F(PreparedLogging, ThatASinkCannotTakeAreCounted) {
+    Configure("<logging><sink type='json' file='/dev/full'/></logging>");
+    QXStats::QXCounter const errors("logging.sink.errors");
+    unsigned long const before = errors.value();
+    QXlog::detail::emit_prepared(*Prepare());
+    EXPECT_EQ(errors.value(), before + 1);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 // gives the default: every event, to syslog.
 #pragma once
 
+#include <Export.h>
 #include <QXlog/Record.h>
 #include <QXlog/Registry.h>
 
@@ -28,6 +29,6 @@ struct Settings {
     bool dropWhenFull = false;     // otherwise who reports waits
 };
 
-Settings ReadSettings(std::string const& file);
+VELTPLATFORM_API Settings ReadSettings(std::string const& file);
 
 }  // namespace QXlog::detail

@@ -6,12 +6,18 @@
 #include <QXlog/Sink.h>
 
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
+#include <sys/un.h>
 #include <syslog.h>
-#include <systemd/sd-journal.h>
 #include <unistd.h>
 
+#ifdef VELT_WITH_SYSTEMD
+#include <systemd/sd-journal.h>
+#endif
+
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -19,8 +25,6 @@
 
 namespace QXlog::detail {
 namespace {
-
-constexpr char kJournalSocket[] = "/run/systemd/journal/socket";
 
 bool WriteAll(int fd, std::string_view data) {
     while (!data.empty()) {
@@ -31,6 +35,39 @@ bool WriteAll(int fd, std::string_view data) {
     }
     return true;
 }
+
+// A datagram socket of our own to a log daemon, for what a signal handler sends: the one of the C library is behind a
+// lock. Opened with the first report that is prepared.
+class LogSocket {
+public:
+    explicit LogSocket(char const* path) : m_path(path) {}
+    ~LogSocket() {
+        if (m_fd >= 0) ::close(m_fd);
+    }
+    LogSocket(LogSocket const&) = delete;
+    LogSocket& operator=(LogSocket const&) = delete;
+
+    void Open() {
+        if (m_fd >= 0) return;
+        sockaddr_un name{};
+        name.sun_family = AF_UNIX;
+        std::strncpy(name.sun_path, m_path, sizeof name.sun_path - 1);
+        int const fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        if (fd < 0) return;
+        if (::connect(fd, reinterpret_cast<sockaddr const*>(&name), sizeof name) != 0) {
+            ::close(fd);
+            return;
+        }
+        m_fd = fd;
+    }
+    bool Send(std::string const& data) const {
+        return m_fd >= 0 && ::send(m_fd, data.data(), data.size(), MSG_NOSIGNAL) >= 0;
+    }
+
+private:
+    char const* m_path;
+    int m_fd = -1;
+};
 
 class SyslogSink : public Sink {
 public:
@@ -47,10 +84,23 @@ public:
         return true;
     }
 
+    // Without a time: the daemon adds its own.
+    PreparedBytes Prepare(Record const& record) override {
+        m_socket.Open();
+        return {"<" + std::to_string(m_facility | LOG_INFO) + ">" + record.identity + "[" + std::to_string(record.pid) +
+                    "]: " + FormatMessage(record, m_limits),
+                PreparedBytes::kNoTime};
+    }
+    bool Emit(PreparedBytes const& prepared) override { return m_socket.Send(prepared.bytes); }
+
 private:
     Limits m_limits;
     int m_facility;
+    LogSocket m_socket{"/dev/log"};
 };
+
+#ifdef VELT_WITH_SYSTEMD
+constexpr char kJournalSocket[] = "/run/systemd/journal/socket";
 
 class JournalSink : public Sink {
 public:
@@ -63,9 +113,28 @@ public:
         return ::sd_journal_sendv(rows.data(), static_cast<int>(rows.size())) == 0;
     }
 
+    // No field has a line's end in it, so that each is one line of the journal's own protocol.
+    PreparedBytes Prepare(Record const& record) override {
+        m_socket.Open();
+        PreparedBytes prepared;
+        for (std::string const& field : FormatJournal(record, m_limits)) prepared.bytes.append(field).append("\n");
+        return prepared;
+    }
+    bool Emit(PreparedBytes const& prepared) override { return m_socket.Send(prepared.bytes); }
+
 private:
     Limits m_limits;
+    LogSocket m_socket{kJournalSocket};
 };
+
+// Null where no journal runs: its call would lose the records in silence.
+std::unique_ptr<Sink> MakeJournalSink(Limits const& limits) {
+    if (::access(kJournalSocket, W_OK) != 0) return nullptr;
+    return std::make_unique<JournalSink>(limits);
+}
+#else
+std::unique_ptr<Sink> MakeJournalSink(Limits const&) { return nullptr; }
+#endif
 
 class StandardErrorSink : public Sink {
 public:
@@ -73,6 +142,13 @@ public:
     StandardErrorSink(Limits const& limits, Form form) : m_limits(limits), m_form(form) {}
 
     bool Write(Record const& record) override { return WriteAll(STDERR_FILENO, m_form(record, m_limits)); }
+
+    PreparedBytes Prepare(Record const& record) override {
+        std::string bytes = m_form(record, m_limits);
+        std::size_t const at = bytes.find(FormatTime(record.time));
+        return {std::move(bytes), at};
+    }
+    bool Emit(PreparedBytes const& prepared) override { return WriteAll(STDERR_FILENO, prepared.bytes); }
 
 private:
     Limits m_limits;
@@ -97,6 +173,13 @@ public:
         return WriteAll(m_fd, FormatJson(record, m_limits));
     }
 
+    PreparedBytes Prepare(Record const& record) override {
+        std::string bytes = FormatJson(record, m_limits);
+        std::size_t const at = bytes.find(FormatTime(record.time));
+        return {std::move(bytes), at};
+    }
+    bool Emit(PreparedBytes const& prepared) override { return WriteAll(m_fd, prepared.bytes); }
+
 private:
     int Open() const { return ::open(m_file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0640); }
 
@@ -109,12 +192,12 @@ private:
     void Reopen() {
         int const fresh = Open();
         if (fresh < 0) return;
-        ::close(std::exchange(m_fd, fresh));
+        ::close(m_fd.exchange(fresh));
     }
 
     Limits m_limits;
     std::string m_file;
-    int m_fd;
+    std::atomic<int> m_fd;
     std::chrono::steady_clock::time_point m_looked{};
 };
 
@@ -123,8 +206,8 @@ private:
 std::unique_ptr<Sink> MakeSink(SinkSettings const& settings, Limits const& limits, std::string const& identity) {
     switch (settings.kind) {
         case SinkKind::Journal:
-            if (::access(kJournalSocket, W_OK) == 0) return std::make_unique<JournalSink>(limits);
-            break;  // no journal on this machine: its call would lose the records in silence
+            if (auto journal = MakeJournalSink(limits)) return journal;
+            break;
         case SinkKind::Json:
             if (!settings.file.empty()) return std::make_unique<JsonFileSink>(limits, settings.file);
             return std::make_unique<StandardErrorSink>(limits, FormatJson);

@@ -3,6 +3,8 @@
 // cannot be opened; Write answers false when the record could not be written.
 #pragma once
 
+#include <QXlog/Prepared.h>
+#include <QXlog/Record.h>
 #include <QXlog/Settings.h>
 
 #include <memory>
@@ -17,6 +19,9 @@ public:
     Sink& operator=(Sink const&) = delete;
 
     virtual bool Write(Record const& record) = 0;
+
+    virtual PreparedBytes Prepare(Record const& record) = 0;
+    virtual bool Emit(PreparedBytes const& prepared) = 0;  // from a signal handler, also while a Write is interrupted
 
 protected:
     Sink() = default;

@@ -47,6 +47,17 @@ Writer::Pushed Writer::Push(Record& record) {
 
 std::size_t Writer::EnoughToWrite() const { return std::max<std::size_t>(1, m_size / 2); }
 
+bool Writer::Drain(int stepMs, int mostSteps) {
+    std::unique_lock lock(m_mutex);
+    auto const idle = [this] { return m_records.empty() && !m_writing; };
+    for (int step = 0; step < mostSteps; ++step) {
+        std::size_t const seen = m_written;
+        if (m_idle.wait_for(lock, std::chrono::milliseconds(stepMs), idle)) return true;
+        if (m_written == seen) break;
+    }
+    return false;
+}
+
 void Writer::Finish() {
     {
         std::lock_guard const lock(m_mutex);
@@ -66,10 +77,17 @@ void Writer::Run() {
             if (m_records.empty()) return;
             m_work.wait_for(lock, kGather, [this] { return m_ended || m_records.size() >= EnoughToWrite(); });
             batch.swap(m_records);
+            m_writing = true;
         }
         m_room.notify_all();
-        for (Record& record : batch) m_deliver(record);
+        for (Record& record : batch) {
+            m_deliver(record);
+            ++m_written;
+        }
         batch.clear();
+        std::lock_guard const lock(m_mutex);
+        m_writing = false;
+        m_idle.notify_all();
     }
 }
 

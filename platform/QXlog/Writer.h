@@ -5,6 +5,7 @@
 
 #include <QXlog/Record.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
@@ -25,6 +26,9 @@ public:
     Writer& operator=(Writer const&) = delete;
 
     Pushed Push(Record& record);  // moves from `record` when it is taken
+    // Waits until all that was taken is written: for `mostSteps` steps of `stepMs`, and no longer than a step that sees
+    // no record written. False: there is more.
+    bool Drain(int stepMs, int mostSteps);
     void Finish();
 
     // Round a fork: the queue is whole in the child, whose writer thread does not exist. The child leaves the object
@@ -43,8 +47,11 @@ private:
     std::mutex m_mutex;  // guards all below
     std::condition_variable m_work;
     std::condition_variable m_room;
+    std::condition_variable m_idle;
     std::deque<Record> m_records;
     bool m_ended = false;
+    bool m_writing = false;                 // a batch is with the sinks
+    std::atomic<std::size_t> m_written{0};  // the one that the lock does not guard
 
     std::thread m_thread;
 };

@@ -78,6 +78,35 @@ TEST_F(LogWriter, FinishWritesAllThatWasTakenInOrder) {
     EXPECT_EQ(m_gate.Seen(), all);
 }
 
+TEST_F(LogWriter, IsDrainedWhenAllIsWritten) {
+    Make(1000, false);
+    m_gate.Open();
+    EXPECT_TRUE(m_writer->Drain(1, 1));
+    for (int i = 0; i < 500; ++i) Push(i);
+    EXPECT_TRUE(m_writer->Drain(10000, 1));
+    EXPECT_EQ(m_gate.Seen().size(), 500u);
+}
+
+// Each record takes a good part of the time in which one has to be written.
+TEST_F(LogWriter, SlowSinkIsWaitedForAndOneThatStandsIsNot) {
+    Writer slow(1000, false, [this](Record& record) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        m_gate.Deliver(record);
+    });
+    Make(1, false);
+    m_writer->Finish();
+    for (int i = 0; i < 30; ++i) {
+        Record record = Numbered(i);
+        slow.Push(record);
+    }
+    EXPECT_FALSE(slow.Drain(100, 1000));
+    m_gate.Open();
+    EXPECT_FALSE(slow.Drain(100, 1));
+    EXPECT_TRUE(slow.Drain(200, 1000));
+    EXPECT_EQ(m_gate.Seen().size(), 30u);
+    slow.Finish();
+}
+
 TEST_F(LogWriter, AFullQueueDropsWhenAskedTo) {
     Make(2, true);
     Push(0);

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <system/Descriptor.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,6 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <utility>
+
+#include <eFabric/XmlText.h>
 
 namespace eFabric {
 namespace {
@@ -21,20 +24,6 @@ std::string PlaceText(XmlPlace const& place) {
 [[noreturn]] void FailWhole(std::string const& name, std::string const& reason) {
     throw XmlError(XmlPlace{name, 0, 0}, reason);
 }
-
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : m_fd(fd) {}
-    ~Descriptor() {
-        if (m_fd >= 0) ::close(m_fd);
-    }
-    Descriptor(Descriptor const&) = delete;
-    Descriptor& operator=(Descriptor const&) = delete;
-    int get() const { return m_fd; }
-
-private:
-    int m_fd;
-};
 
 void CheckRegular(int fd, std::string const& path) {
     struct stat status {};
@@ -72,45 +61,6 @@ std::size_t SequenceLength(std::string_view rest) {
     return overlong || outside ? 0 : length;
 }
 
-bool IsText(pugi::xml_node node) { return node.type() == pugi::node_pcdata || node.type() == pugi::node_cdata; }
-
-// How many bytes of UTF-8 a code point takes.
-std::size_t EncodedLength(unsigned long code) { return code < 0x80 ? 1 : code < 0x800 ? 2 : code < 0x10000 ? 3 : 4; }
-
-// One step through source text as the parser decodes it: bytes of source taken and bytes of text given.
-struct Step {
-    std::size_t source;
-    std::size_t text;
-};
-
-Step EntityStep(std::string_view rest) {
-    static constexpr std::string_view Named[] = {"&amp;", "&lt;", "&gt;", "&quot;", "&apos;"};
-    for (auto const entity : Named)
-        if (rest.substr(0, entity.size()) == entity) return {entity.size(), 1};
-    auto const end = rest.substr(0, 16).find(';');
-    if (rest.substr(0, 2) != "&#" || end == std::string_view::npos) return {1, 1};
-    bool const hex = rest.substr(2, 1) == "x";
-    std::string const digits(rest.substr(hex ? 3 : 2, end));
-    return {end + 1, EncodedLength(std::strtoul(digits.c_str(), nullptr, hex ? 16 : 10))};
-}
-
-Step NextStep(std::string_view rest, bool entities) {
-    if (rest.substr(0, 2) == "\r\n") return {2, 1};
-    if (entities && rest.substr(0, 1) == "&") return EntityStep(rest);
-    return {1, 1};
-}
-
-// Where byte `index` of the decoded text stands, counted from the start of its source.
-std::size_t SourceOffset(std::string_view source, std::size_t index, bool entities) {
-    std::size_t at = 0;
-    for (std::size_t text = 0; text < index && at < source.size();) {
-        Step const step = NextStep(source.substr(at), entities);
-        at += step.source;
-        text += step.text;
-    }
-    return at;
-}
-
 bool IsNameByte(char c) { return !std::strchr(" \t\r\n=/>\"'", c) || c == '\0'; }
 
 // Where the attribute's name stands in the tag that begins `tag`; 0 when it is not found.
@@ -145,12 +95,13 @@ std::optional<std::string> XmlFile::Read(std::string const& path) {
     return ReadAll(fd.get(), path);
 }
 
-XmlFile::XmlFile(std::string name, std::string bytes, char const* root)
+XmlFile::XmlFile(std::string name, std::string bytes, char const* root, int maxDepth)
     : m_name(std::move(name)), m_bytes(std::move(bytes)) {
     indexLines();
     checkBytes();
+    if (auto const at = FindBadReference(m_bytes)) failAt(*at, "a reference to a character that does not exist");
     parse(root);
-    checkTree();
+    checkTree(maxDepth);
 }
 
 void XmlFile::checkBytes() const {
@@ -164,21 +115,26 @@ void XmlFile::checkBytes() const {
 }
 
 void XmlFile::parse(char const* root) {
-    auto const flags = pugi::parse_default | pugi::parse_doctype;
+    // As a fragment, since text outside the root element would be dropped in silence otherwise.
+    auto const flags = pugi::parse_default | pugi::parse_doctype | pugi::parse_fragment;
     auto const result = m_document.load_buffer(m_bytes.data(), m_bytes.size(), flags, pugi::encoding_utf8);
-    if (!result) failAt(static_cast<std::size_t>(std::max<std::ptrdiff_t>(result.offset, 0)), result.description());
-    for (auto const node : m_document.children())
+    // Where the file ends too early the parser's offset may lie behind it.
+    auto const offset = std::clamp<std::ptrdiff_t>(result.offset, 0, static_cast<std::ptrdiff_t>(m_bytes.size()));
+    if (!result) failAt(static_cast<std::size_t>(offset), result.description());
+    for (auto const node : m_document.children()) {
         if (node.type() == pugi::node_doctype) fail(node, "a document type is not allowed");
+        if (IsText(node)) fail(node, "text outside the root element");
+    }
     auto const element = m_document.document_element();
     if (element.name() != std::string_view(root)) fail(element, std::string("the root element is not <") + root + ">");
     if (element.next_sibling()) fail(element.next_sibling(), "more than one root element");
 }
 
 // Walks without recursion: the depth is the document's to choose until it is checked.
-void XmlFile::checkTree() const {
+void XmlFile::checkTree(int maxDepth) const {
     int depth = 1;
     for (auto node = root(); node;) {
-        if (depth > MaxDepth) fail(node, "elements are nested deeper than 64");
+        if (depth > maxDepth) fail(node, "elements are nested deeper than " + std::to_string(maxDepth));
         if (auto const child = node.first_child()) {
             node = child;
             ++depth;
@@ -209,12 +165,13 @@ XmlPlace XmlFile::placeOfOffset(std::size_t offset) const {
     return XmlPlace{m_name, line, static_cast<unsigned>(offset - *(after - 1)) + 1};
 }
 
-// The offset that the parser keeps is that of an element's name, and of the white space before a text.
+// The offset that the parser keeps is that of an element's name, of a document type's text, and of the white space
+// before a text.
 XmlPlace XmlFile::place(pugi::xml_node node) const {
     std::size_t const offset = offsetOf(node);
     if (IsText(node)) return placeOfOffset(std::min(m_bytes.find_first_not_of(" \t\r\n", offset), m_bytes.size()));
-    bool const element = node.type() == pugi::node_element;
-    return placeOfOffset(element && offset > 0 ? offset - 1 : offset);
+    auto const bracket = node ? m_bytes.rfind('<', offset) : std::string::npos;
+    return placeOfOffset(bracket == std::string::npos ? offset : bracket);
 }
 
 XmlPlace XmlFile::place(pugi::xml_node element, pugi::xml_attribute attribute) const {
@@ -223,16 +180,7 @@ XmlPlace XmlFile::place(pugi::xml_node element, pugi::xml_attribute attribute) c
 }
 
 XmlPlace XmlFile::placeInText(pugi::xml_node element, std::size_t index) const {
-    XmlPlace found = place(element);
-    for (auto const node : element.children()) {
-        if (!IsText(node)) continue;
-        auto const source = std::string_view(m_bytes).substr(offsetOf(node));
-        found = placeOfOffset(offsetOf(node) + SourceOffset(source, index, node.type() == pugi::node_pcdata));
-        std::size_t const length = std::strlen(node.value());
-        if (index < length) break;
-        index -= length;
-    }
-    return found;
+    return XmlTextPlaces(*this, element).at(index);
 }
 
 void XmlFile::failAt(std::size_t offset, std::string const& reason) const {

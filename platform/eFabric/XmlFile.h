@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <initializer_list>
+#include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -41,12 +42,14 @@ class VELTPLATFORM_API XmlFile {
 public:
     static constexpr std::size_t MaxBytes = 16 * 1024 * 1024;
     static constexpr int MaxDepth = 64;
+    static constexpr int AnyDepth = std::numeric_limits<int>::max();
 
     // The file's bytes; nothing when it does not exist.
     static std::optional<std::string> Read(std::string const& path);
 
-    // `name` stands for the file in places. The root element has to be called `root`.
-    XmlFile(std::string name, std::string bytes, char const* root);
+    // `name` stands for the file in places. The root element has to be called `root`. A reader that bounds what it
+    // descends into itself may ask for AnyDepth.
+    XmlFile(std::string name, std::string bytes, char const* root, int maxDepth = MaxDepth);
     XmlFile(XmlFile const&) = delete;
     XmlFile& operator=(XmlFile const&) = delete;
 
@@ -71,12 +74,14 @@ public:
     void requireVersion(pugi::xml_node root) const;                             // "1", or no version at all
 
 private:
+    friend class XmlTextPlaces;
+
     XmlPlace placeOfOffset(std::size_t offset) const;
     [[noreturn]] void failAt(std::size_t offset, std::string const& reason) const;
     void indexLines();
     void checkBytes() const;
     void parse(char const* root);
-    void checkTree() const;
+    void checkTree(int maxDepth) const;
     std::size_t offsetOf(pugi::xml_node node) const;
 
     std::string const m_name;

@@ -39,8 +39,13 @@ TEST(XmlFiles, NameThePlaceOfWhatIsMalformed) {
     EXPECT_EQ(ErrorOf("").substr(0, 10), "f.xml:1:1:");
     EXPECT_EQ(ErrorOf("<root>\n  <a></b>\n</root>").substr(0, 8), "f.xml:2:");
     EXPECT_EQ(ErrorOf("<root>\n").substr(0, 6), "f.xml:");
+    EXPECT_EQ(ErrorOf("<root>\n<abc").substr(0, 8), "f.xml:2:");
+    EXPECT_EQ(ErrorOf("<root>\n<a b").substr(0, 10), "f.xml:2:5:");
     EXPECT_EQ(ErrorOf("\n<other/>"), "f.xml:2:1: the root element is not <root>");
     EXPECT_EQ(ErrorOf("<root/>\n <root/>"), "f.xml:2:2: more than one root element");
+    EXPECT_EQ(ErrorOf("<root/>\n x<root/>"), "f.xml:2:2: text outside the root element");
+    EXPECT_EQ(ErrorOf("x <root/>"), "f.xml:1:1: text outside the root element");
+    EXPECT_EQ(ErrorOf(" <!-- only -->"), "f.xml:1:1: the root element is not <root>");
 }
 
 TEST(XmlFiles, TakeNoDocumentType) {
@@ -68,6 +73,21 @@ TEST(XmlFiles, AreAtMost16MiB) {
     std::string const fill(XmlFile::MaxBytes - around.size(), ' ');
     EXPECT_EQ(ErrorOf("<root>" + fill + "</root>"), "(none)");
     EXPECT_EQ(ErrorOf("<root>" + fill + " </root>"), "f.xml: is longer than 16 MiB");
+}
+
+TEST(XmlFiles, ReferToCharactersThatExist) {
+    for (auto const* const bad : {"&#0;", "&#x0;", "&#xD800;", "&#xdfff;", "&#x110000;", "&#1114112;", "&#00;",
+                                  "&#4294967296;", "&#x100000041;", "&#99999999999999999999;"})
+        for (std::string const around : {"<root>\n ", "<root>\n<a b='", "<root>\n<![CDATA["}) {
+            bool const cdata = around.back() == '[';
+            std::string const tail = cdata ? "]]></root>" : around.back() == '\'' ? "'/></root>" : "</root>";
+            auto const expected = "f.xml:2:" + std::to_string(around.size() - around.find('\n')) +
+                                  ": a reference to a character that does not exist";
+            EXPECT_EQ(ErrorOf(around + bad + tail), cdata ? "(none)" : expected) << around << bad;
+        }
+    for (auto const* const good : {"&#x1;", "&#xD7FF;", "&#xE000;", "&#x10FFFF;", "&#;", "&#x;", "&#0", "&# 0;",
+                                   "<!-- &#0; -->", "<?x &#0; ?>", "&amp;#0;"})
+        EXPECT_EQ(ErrorOf(std::string("<root>") + good + "</root>"), "(none)") << good;
 }
 
 class XmlChecks : public ::testing::Test {
@@ -111,8 +131,10 @@ TEST_F(XmlChecks, KnowVersionOne) {
 
 // The place of the letter X, however the text before it is written.
 TEST(XmlTextPlaces, SeeThroughEntitiesLineEndsCommentsAndCdata) {
-    for (auto const* const body : {"X", "&quot;X", "a&#x20AC;&#65;X", "\r\n\r\nX", "a<!-- c -->bX",
-                                   "<![CDATA[&amp;X]]>", "a<![CDATA[b]]>&lt;X", "caf\xC3\xA9 X"}) {
+    for (auto const* const body :
+         {"X", "&quot;X", "a&#x20AC;&#65;X", "\r\n\r\nX", "a<!-- c -->bX", "<![CDATA[&amp;X]]>", "a<![CDATA[b]]>&lt;X",
+          "caf\xC3\xA9 X", "\rX", "&#xZZ;X", "&#;X", "&#12X", "&#x;X", "&amp&nbsp;X", "&#0000000000000000000065;X",
+          "&#X41;X", "a<!-- c --><![CDATA[]]><![CDATA[\n\n]]>bX", "&#128512;X", "a<?pi ?>&#233;X"}) {
         std::string const bytes = "<root>" + std::string(body) + "</root>";
         XmlFile const file("f.xml", bytes, "root");
         auto const place = file.placeInText(file.root(), XmlFile::text(file.root()).find('X'));
