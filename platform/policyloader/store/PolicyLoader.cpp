@@ -2,13 +2,15 @@
 
 #include <unistd.h>
 
+#include <thread>
 #include <utility>
 
 #include <KORtk/Text.h>
 #include <eFabric/Report.h>
 #include <eFabric/XmlFile.h>
 #include <policyloader/store/InternPool.h>
-#include <policyloader/store/StoreModel.h>
+#include <policyloader/store/StorePool.h>
+#include <policyloader/store/StoreTables.h>
 
 namespace policyloader {
 namespace {
@@ -31,6 +33,27 @@ void Answer(int* status, bool found) {
 
 }  // namespace
 
+// One thread's turn at the files, if nobody else of this process has it.
+class PolicyLoader::Turn {
+public:
+    explicit Turn(PolicyLoader const& loader) : m_looker(loader.m_looker) {
+        int const self = ::getpid();
+        int looker = m_looker.load();
+        m_mine = looker != self && m_looker.compare_exchange_strong(looker, self);
+        if (m_mine && looker != 0) loader.dropTornFiles();
+    }
+    ~Turn() {
+        if (m_mine) m_looker.store(0);
+    }
+    Turn(Turn const&) = delete;
+    Turn& operator=(Turn const&) = delete;
+    explicit operator bool() const { return m_mine; }
+
+private:
+    std::atomic<int>& m_looker;
+    bool m_mine;
+};
+
 PolicyLoader& PolicyLoader::process() {
     static PolicyLoader& loader = *new PolicyLoader;
     s_process.store(&loader);
@@ -41,9 +64,10 @@ void PolicyLoader::Shutdown() {
     if (auto* const loader = s_process.load()) loader->m_shut.store(true);
 }
 
-PolicyLoader::PolicyLoader() {
+PolicyLoader::PolicyLoader()
+    : m_files(std::make_unique<StoreFiles>(std::vector<std::string>(), std::make_shared<StorePool>())) {
     publish(std::make_unique<ErrorState const>());
-    publish(std::make_unique<StoreSnapshot const>(std::make_unique<StoreModel>()));
+    publish(m_files->load());
 }
 
 PolicyLoader::~PolicyLoader() = default;
@@ -58,17 +82,17 @@ bool PolicyLoader::initialise(eFabric::eConfig& config, int, KORPropertyBag* bag
 }
 
 bool PolicyLoader::loadStore(std::vector<std::string> paths) {
-    m_paths = std::move(paths);
-    m_files = std::make_unique<StoreFiles>(m_paths);
+    auto files = std::make_unique<StoreFiles>(paths, m_files->pool());
     m_looked.store(std::time(nullptr));
     try {
-        publish(m_files->load());
-        return true;
+        publish(files->load());
     } catch (eFabric::XmlError const& error) {
         fail(error);
-        m_files.reset();
         return false;
     }
+    m_files = std::move(files);
+    m_paths = std::move(paths);
+    return true;
 }
 
 IScanThread* PolicyLoader::createScanThread(InternedString policy) {
@@ -80,7 +104,7 @@ IScanThread* PolicyLoader::createScanThread(InternedString policy) {
 }
 
 eFabric::IIdentityList const* PolicyLoader::identities(InternedString const& policyId, int* status) const {
-    auto const& list = snapshot().identities(policyId);
+    auto const& list = tables().identities(policyId);
     Answer(status, list.size() > 0);
     return &list;
 }
@@ -93,47 +117,53 @@ eFabric::IProductValue const* PolicyLoader::productValue(InternedString const& p
                                                          InternedString const& attribute, std::time_t when,
                                                          int* status) const {
     auto const at = refreshed(when);
-    auto const* const value = snapshot().productValue(policyId, identity, settings, attribute, at);
+    auto const* const value = tables().value(policyId, identity, settings, attribute, at);
     Answer(status, value != nullptr);
     return value;
 }
 
 int PolicyLoader::compareActions(InternedString const& policyId, char const* first, char const* second) const {
-    return snapshot().compareActions(policyId, first, second);
+    return tables().compareActions(policyId, first, second);
 }
 
 SettingsView PolicyLoader::view(InternedString policy, InternedString identity, std::time_t when) const {
     auto const at = refreshed(when);
-    return snapshot().view(policy, identity, at);
+    return tables().view(policy, identity, at);
+}
+
+StoreSources PolicyLoader::sources() const {
+    while (true) {
+        Turn const turn(*this);
+        if (turn) return (m_files->newest() ? *m_files->newest() : m_files->load()).sources();
+        std::this_thread::yield();
+    }
 }
 
 std::time_t PolicyLoader::refreshed(std::time_t when) const {
     if (when == 0) when = std::time(nullptr);
     // A clock that was set back counts as time gone by.
     auto const looked = m_looked.load(std::memory_order_relaxed);
-    if (when < looked || when - looked >= LookInterval) refresh(when);
+    if (when - looked >= LookInterval || looked - when >= LookInterval) refresh(when);
     return when;
 }
 
 void PolicyLoader::refresh(std::time_t when) const {
-    int const self = ::getpid();
-    int looker = m_looker.load();
-    if (looker == self || !m_looker.compare_exchange_strong(looker, self)) return;
-    if (looker != 0) dropTornFiles();
+    Turn const turn(*this);
+    if (!turn) return;
     m_looked.store(when, std::memory_order_relaxed);
-    if (m_files && m_files->haveChanged()) reload();
-    m_looker.store(0);
+    lookAtFiles();
 }
 
 // The parent's thread may have been in the middle of a change: what it left is not touched, not even to free it.
 void PolicyLoader::dropTornFiles() const {
     static_cast<void>(m_files.release());
-    m_files = std::make_unique<StoreFiles>(m_paths);
+    m_files = std::make_unique<StoreFiles>(m_paths, std::make_shared<StorePool>());
 }
 
-void PolicyLoader::reload() const {
+void PolicyLoader::lookAtFiles() const {
     try {
-        if (auto fresh = m_files->reload()) publish(std::move(fresh));
+        auto const* const fresh = m_files->haveChanged() ? m_files->reload() : nullptr;
+        if (fresh) publish(*fresh);
     } catch (eFabric::XmlError const& error) {
         eFabric::Report(error.text());
         fail(error);
@@ -142,8 +172,8 @@ void PolicyLoader::reload() const {
     }
 }
 
-void PolicyLoader::publish(std::unique_ptr<StoreSnapshot const> snapshot) const {
-    m_snapshot.store(m_snapshots.push(std::move(snapshot)), std::memory_order_release);
+void PolicyLoader::publish(StoreSnapshot const& snapshot) const {
+    m_tables.store(&snapshot.tables(), std::memory_order_release);
 }
 
 void PolicyLoader::publish(std::unique_ptr<ErrorState const> error) const {

@@ -1,5 +1,6 @@
 #include <policyloader/store/Rule.h>
 
+#include <tuple>
 #include <utility>
 
 #include <policyloader/store/Window.h>
@@ -19,6 +20,13 @@ std::optional<std::string_view> Rule::get(std::string_view name) const {
     for (auto const& [known, value] : m_attributes)
         if (known == name) return value;
     return std::nullopt;
+}
+
+bool operator==(Rule const& x, Rule const& y) {
+    auto const place = [](Rule const& rule) {
+        return std::make_tuple(rule.m_place.file, rule.m_place.line, rule.m_place.column);
+    };
+    return place(x) == place(y) && x.m_when == y.m_when && x.m_attributes == y.m_attributes;
 }
 
 bool Rule::appliesAt(std::time_t when) const { return !m_when || m_when->contains(when); }

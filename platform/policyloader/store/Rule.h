@@ -2,6 +2,7 @@
 // Owner: the snapshot. Immutable, read from any thread. Texts are interned and live for ever, beyond the snapshot.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
 #include <optional>
@@ -31,6 +32,8 @@ public:
     Place const& place() const { return m_place; }
     bool appliesAt(std::time_t when) const;
     std::uint64_t fingerprint() const { return m_fingerprint; }  // equal for equal attributes in equal order
+    std::size_t hash() const { return m_fingerprint + m_place.line; }
+    friend bool operator==(Rule const& x, Rule const& y);
 
 private:
     Place m_place;

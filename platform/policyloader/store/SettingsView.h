@@ -1,5 +1,5 @@
 // SettingsView: what an engine sees of the policy store for one policy, one identity and one time.
-// A small value over an immutable snapshot; snapshots of the process's store live for ever, and so do the texts and
+// A small value over immutable tables; those of the process's store live for ever, and so do the texts and
 // rules that a view gives. Threads: any, without a lock. Failure: what is not configured, or has another form, is
 // absent.
 #pragma once
@@ -15,14 +15,14 @@
 
 namespace policyloader {
 
-class StoreSnapshot;
 class Value;
 struct Plan;
+struct StoreTables;
 
 class SettingsView {
 public:
-    SettingsView(StoreSnapshot const& snapshot, Plan const* plan, std::time_t when)
-        : m_snapshot(&snapshot), m_plan(plan), m_when(when) {}
+    SettingsView(StoreTables const& tables, Plan const* plan, std::time_t when)
+        : m_tables(&tables), m_plan(plan), m_when(when) {}
 
     // The identity's own value first, then those it inherits, the policy's, its base policies'.
     bool has(std::string_view section, std::string_view name) const { return find(section, name) != nullptr; }
@@ -43,9 +43,10 @@ public:
     std::time_t when() const { return m_when; }  // never 0
 
 private:
+    char const* known(std::string_view text) const;  // its interned form; null: no section or setting of this name
     Value const* find(std::string_view section, std::string_view name) const;
 
-    StoreSnapshot const* m_snapshot;
+    StoreTables const* m_tables;
     Plan const* m_plan;  // null: the policy is not known, and the view is empty
     std::time_t m_when;
 };

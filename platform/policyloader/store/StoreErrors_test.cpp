@@ -101,6 +101,7 @@ TEST_F(StoreErrors, BoundWhatInheritanceMultiplies) {
         if (i > 0) policy += " inherits='i" + std::to_string(i - 1) + "'";
         policy += "><settings section='s'><set name='x" + number + "'>1</set></settings></identity>";
     }
+    EXPECT_EQ(InRules(policy + "</policy>").substr(0, 4), "r:2:");
     EXPECT_NE(InRules(policy + "</policy>").find("more than a million values"), std::string::npos);
 }
 

@@ -5,7 +5,6 @@
 // One thread while it is built. Failure: eFabric::XmlError.
 #pragma once
 
-#include <deque>
 #include <map>
 #include <memory>
 #include <optional>
@@ -15,9 +14,7 @@
 #include <vector>
 
 #include <eFabric/Interned.h>
-#include <policyloader/store/Rule.h>
-#include <policyloader/store/Value.h>
-#include <policyloader/store/Window.h>
+#include <policyloader/store/StorePool.h>
 
 namespace eFabric {
 class XmlFile;
@@ -33,17 +30,25 @@ struct SettingKey {
     }
 };
 
-struct WindowedValue {
-    Window const* window;
-    Value const* value;
-    unsigned file;
+// One value as a file says it.
+struct SaidValue {
+    Value const* value = nullptr;
+    Window const* window = nullptr;   // null: always
+    char const* when = nullptr;       // the window as written, interned
+    unsigned file = 0;                // from 1, in the order in which they were added
+    Place place;                      // of its element
+    std::vector<unsigned> itemLines;  // of a list
+};
+
+struct ReplacedValue {
+    SaidValue said;
+    Place by;  // of the value of a later file
 };
 
 struct Setting {
-    Value const* plain = nullptr;
-    unsigned plainFile = 0;
-    unsigned plainLine = 0;
-    std::vector<WindowedValue> windowed;  // the first that applies counts
+    SaidValue plain;                  // without a value: there is none
+    std::vector<SaidValue> windowed;  // the first that applies counts
+    std::vector<ReplacedValue> replaced;
 };
 
 struct FileRule {
@@ -61,7 +66,8 @@ struct IdentityNode {
     InternedString name;
     std::vector<InternedString> inherits;
     Place inheritsPlace;
-    unsigned file = 0;  // the last that had it
+    unsigned file = 0;          // the last that had it
+    std::vector<Place> places;  // of its elements, one of each file that has it
     Scope scope;
 };
 
@@ -70,7 +76,9 @@ struct PolicyNode {
     std::optional<InternedString> base;  // null inside: none, said so. Absent: by name
     Place basePlace;
     std::optional<std::vector<InternedString>> actions;  // weak to strong
-    unsigned file = 0;                                   // the last that had it
+    Place actionsPlace;
+    unsigned file = 0;          // the last that had it
+    std::vector<Place> places;  // of its elements, one of each file that has it
     Scope scope;
     std::vector<std::unique_ptr<IdentityNode>> identities;  // in order of priority
     std::unordered_map<char const*, IdentityNode*> identityByName;
@@ -78,21 +86,21 @@ struct PolicyNode {
 
 class StoreModel {
 public:
+    explicit StoreModel(std::shared_ptr<StorePool> pool = std::make_shared<StorePool>()) : m_pool(std::move(pool)) {}
     void add(eFabric::XmlFile const& file);
 
     PolicyNode* find(InternedString name) const;
     PolicyNode& get(InternedString name);  // makes it when it is new
     std::vector<std::unique_ptr<PolicyNode>> const& policies() const { return m_policies; }
+    StorePool& pool() const { return *m_pool; }
 
 private:
     friend class StoreReader;
 
+    std::shared_ptr<StorePool> const m_pool;  // has the values, windows and rules
     unsigned m_files = 0;
     std::vector<std::unique_ptr<PolicyNode>> m_policies;
     std::unordered_map<char const*, PolicyNode*> m_policyByName;
-    std::deque<Value> m_values;
-    std::deque<Rule> m_rules;
-    std::deque<Window> m_windows;
 };
 
 IdentityNode* FindIdentity(PolicyNode const& policy, InternedString name);

@@ -55,6 +55,7 @@ void StoreReader::policy(Node node) {
     auto& policy = m_model.get(name(node, "name"));
     if (policy.file == m_index) m_file.fail(node, "policy " + Quoted(policy.name.c_str()) + " stands twice");
     policy.file = m_index;
+    policy.places.push_back(place(node));
     if (auto const base = node.attribute("base")) {
         policy.base = *base.value() ? name(node, "base") : InternedString();
         policy.basePlace = place(node, "base");
@@ -77,6 +78,7 @@ void StoreReader::actions(Node node, PolicyNode& policy) {
     m_file.allowAttributes(node, {});
     m_file.forbidText(node);
     policy.actions.emplace();
+    policy.actionsPlace = place(node);
     for (auto const child : node.children()) {
         if (child.name() != std::string_view("action")) unexpected(child);
         m_file.allowAttributes(child, {});
@@ -96,6 +98,7 @@ void StoreReader::identity(Node node, PolicyNode& policy) {
     if (identity.file == m_index)
         m_file.fail(node, "identity " + Quoted(called.c_str()) + " stands twice in its policy");
     identity.file = m_index;
+    identity.places.push_back(place(node));
     if (auto const inherits = node.attribute("inherits")) {
         identity.inherits = Names(inherits.value());
         identity.inheritsPlace = place(node, "inherits");
@@ -134,12 +137,14 @@ void StoreReader::list(Node node, char const* section, Scope& scope) {
     m_file.allowAttributes(node, {"name", "when"});
     m_file.forbidText(node);
     std::vector<Value> items;
+    std::vector<unsigned> lines;
     for (auto const child : node.children()) {
         if (child.name() != std::string_view("item")) unexpected(child);
         m_file.allowAttributes(child, {});
         items.push_back(Value::Scalar(leafText(child)));
+        lines.push_back(place(child).line);
     }
-    store(node, section, scope, Value::List(std::move(items)));
+    store(node, section, scope, Value::List(std::move(items)), std::move(lines));
 }
 
 void StoreReader::alert(Node node, char const* section, Scope& scope) {
@@ -163,39 +168,49 @@ void StoreReader::rule(Node node, char const* section, Scope& scope) {
         if (attribute.name() == std::string_view("when")) continue;
         attributes.emplace_back(Intern(attribute.name()).c_str(), Intern(attribute.value()).c_str());
     }
-    auto const at = m_file.place(node);
-    m_model.m_rules.emplace_back(Place{m_fileName, at.line, at.column}, std::move(attributes), window(node));
+    auto const* const kept = m_model.pool().rules.keep(Rule(place(node), std::move(attributes), window(node)));
     auto& rules = scope.rules[section];
     auto const earlier =
         std::find_if(rules.begin(), rules.end(), [&](auto const& rule) { return rule.file != m_index; });
-    rules.insert(earlier, FileRule{m_index, &m_model.m_rules.back()});
+    rules.insert(earlier, FileRule{m_index, kept});
 }
 
-void StoreReader::store(Node node, char const* section, Scope& scope, Value value) {
+void StoreReader::store(Node node, char const* section, Scope& scope, Value value, std::vector<unsigned> itemLines) {
     auto const* const called = Intern(m_file.required(node, "name")).c_str();
     auto& setting = scope.settings[SettingKey{section, called}];
     auto const* const when = window(node);
+    if (!when && setting.plain.file == m_index)
+        m_file.fail(node,
+                    Quoted(called) + " is set twice here, first in line " + std::to_string(setting.plain.place.line));
+    SaidValue said{
+        m_model.pool().values.keep(std::move(value)), when, nullptr, m_index, place(node), std::move(itemLines)};
+    if (!when) return storePlain(setting, std::move(said));
+    said.when = Intern(node.attribute("when").value()).c_str();
+    storeWindowed(setting, std::move(said));
+}
+
+void StoreReader::storePlain(Setting& setting, SaidValue said) const {
+    if (setting.plain.value) setting.replaced.push_back({std::move(setting.plain), said.place});
     auto& windowed = setting.windowed;
-    auto const older = [&](WindowedValue const& known) { return known.file != m_index; };
-    if (!when && setting.plain && setting.plainFile == m_index)
-        m_file.fail(node, Quoted(called) + " is set twice here, first in line " + std::to_string(setting.plainLine));
-    m_model.m_values.push_back(std::move(value));
-    auto const* const stored = &m_model.m_values.back();
-    if (when) {
-        windowed.insert(std::find_if(windowed.begin(), windowed.end(), older), WindowedValue{when, stored, m_index});
-        return;
-    }
-    setting.plain = stored;
-    setting.plainFile = m_index;
-    setting.plainLine = m_file.place(node).line;
-    windowed.erase(std::remove_if(windowed.begin(), windowed.end(), older), windowed.end());
+    auto const older =
+        std::find_if(windowed.begin(), windowed.end(), [&](SaidValue const& known) { return known.file != m_index; });
+    for (auto it = older; it != windowed.end(); ++it) setting.replaced.push_back({std::move(*it), said.place});
+    windowed.erase(older, windowed.end());
+    setting.plain = std::move(said);
+}
+
+// Those of this file stand in front.
+void StoreReader::storeWindowed(Setting& setting, SaidValue said) const {
+    auto const older = std::find_if(setting.windowed.begin(), setting.windowed.end(),
+                                    [&](SaidValue const& known) { return known.file != m_index; });
+    setting.windowed.insert(older, std::move(said));
 }
 
 Window const* StoreReader::window(Node node) {
     auto const attribute = node.attribute("when");
     if (!attribute) return nullptr;
     try {
-        return &m_model.m_windows.emplace_back(attribute.value());
+        return m_model.pool().window(attribute.value());
     } catch (WindowError const& error) {
         throw XmlError(m_file.place(node, attribute), error.reason);
     }
@@ -223,6 +238,11 @@ wchar_t const* StoreReader::alertText(Node node, char const* part) const {
     auto const child = node.child(part);
     if (!child) return nullptr;
     return InternPool::process().internWide(KORtk::Utf8Array(leafText(child)).wstr());
+}
+
+Place StoreReader::place(Node node) const {
+    auto const at = m_file.place(node);
+    return Place{m_fileName, at.line, at.column};
 }
 
 Place StoreReader::place(Node node, char const* attribute) const {

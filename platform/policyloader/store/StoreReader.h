@@ -27,11 +27,14 @@ private:
     void alert(Node node, char const* section, Scope& scope);
     void rule(Node node, char const* section, Scope& scope);
 
-    void store(Node node, char const* section, Scope& scope, Value value);
+    void store(Node node, char const* section, Scope& scope, Value value, std::vector<unsigned> itemLines = {});
+    void storePlain(Setting& setting, SaidValue said) const;
+    void storeWindowed(Setting& setting, SaidValue said) const;
     Window const* window(Node node);
     InternedString name(Node node, char const* attribute) const;  // one word
     std::string leafText(Node node) const;
     wchar_t const* alertText(Node node, char const* part) const;
+    Place place(Node node) const;
     Place place(Node node, char const* attribute) const;
     [[noreturn]] void unexpected(Node node) const;
 

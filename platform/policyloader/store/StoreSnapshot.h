@@ -1,6 +1,7 @@
-// StoreSnapshot: one state of the policy store, ready for look-up. Inheritance of identities and base policies is
-// worked out when it is built, so a look-up is a few hash probes. Owner: the policy loader, which keeps every snapshot;
-// in tests the test. Immutable; any thread, no lock. Failure: a look-up gives null when nothing is configured.
+// StoreSnapshot: one state of the policy store: what its files say, and the tables for look-up, in which inheritance of
+// identities and base policies is worked out, so that a look-up is a few hash probes.
+// Owner: the policy loader has the newest; a tool or a test its own. What it has given lives as long as its pool, which
+// the loader keeps for ever. Immutable; any thread, no lock. Failure: a look-up gives null when nothing is configured.
 #pragma once
 
 #include <ctime>
@@ -10,6 +11,7 @@
 
 #include <eFabric/Policy.h>
 #include <policyloader/store/SettingsView.h>
+#include <policyloader/store/StoreSources.h>
 
 namespace policyloader {
 
@@ -19,7 +21,6 @@ struct StoreTables;
 class StoreSnapshot final : public SettingsSource {
 public:
     explicit StoreSnapshot(std::unique_ptr<StoreModel> model);  // throws eFabric::XmlError
-    ~StoreSnapshot();
     StoreSnapshot(StoreSnapshot const&) = delete;
     StoreSnapshot& operator=(StoreSnapshot const&) = delete;
 
@@ -28,12 +29,12 @@ public:
     eFabric::IIdentityList const& identities(InternedString policy) const;  // empty for an unknown policy
     int compareActions(InternedString policy, char const* a, char const* b) const;
     SettingsView view(InternedString policy, InternedString identity, std::time_t when) const override;
+    StoreSources sources() const { return StoreSources(m_model); }
+    StoreTables const& tables() const { return *m_tables; }  // the pool's
 
 private:
-    friend class SettingsView;
-
-    std::unique_ptr<StoreModel> const m_model;
-    std::unique_ptr<StoreTables const> const m_tables;
+    std::shared_ptr<StoreModel> const m_model;
+    StoreTables const* const m_tables;
 };
 
 // A store out of a text in memory, for tests and fuzzers: no file is opened. `name` stands for the file in messages.

@@ -1,41 +1,20 @@
 #include <policyloader/store/StoreTables.h>
 
-#include <map>
-
-#include <eFabric/XmlFile.h>
-#include <policyloader/store/Inheritance.h>
+#include <algorithm>
+#include <cstring>
+#include <tuple>
 
 namespace policyloader {
 namespace {
 
-std::uintptr_t Word(void const* pointer) { return reinterpret_cast<std::uintptr_t>(pointer); }
-
-ProbeKey ValueKey(std::uintptr_t scope, char const* section, char const* name) {
-    return ProbeKey{scope, Word(section), Word(name)};
+std::size_t Mix(std::size_t seed, void const* pointer) {
+    return MixRuleKey(seed, reinterpret_cast<std::uintptr_t>(pointer));
 }
 
-ProbeKey PlanKey(InternedString policy, InternedString identity) {
-    return ProbeKey{Word(policy.c_str()), Word(identity.c_str()), 0};
-}
-
-// What stands behind a value without a window never counts.
-void Append(Chain& chain, Setting const& setting) {
-    if (chain.plain) return;
-    chain.windowed.insert(chain.windowed.end(), setting.windowed.begin(), setting.windowed.end());
-    chain.plain = setting.plain;
-}
-
-template <class Nodes>
-std::vector<Scope const*> ScopesOf(Nodes const& nodes) {
-    std::vector<Scope const*> scopes;
-    for (auto const* const node : nodes) scopes.push_back(&node->scope);
-    return scopes;
-}
-
-std::vector<InternedString> const* ActionsOf(std::vector<PolicyNode const*> const& bases) {
-    for (auto const* const policy : bases)
-        if (policy->actions) return &*policy->actions;
-    return nullptr;
+std::size_t HashOf(std::vector<InternedString> const& names) {
+    std::size_t hash = names.size();
+    for (auto const name : names) hash = Mix(hash, name.c_str());
+    return hash;
 }
 
 }  // namespace
@@ -46,75 +25,86 @@ Value const* Chain::at(std::time_t when) const {
     return plain;
 }
 
-StoreTables::StoreTables(StoreModel& model) {
-    AddStandardPolicies(model);
-    for (auto const& policy : model.policies()) addPolicy(model, *policy);
+std::size_t Chain::hash() const {
+    std::size_t hash = Mix(windowed.size(), plain);
+    for (auto const& [window, value] : windowed) hash = Mix(Mix(hash, window), value);
+    return hash;
 }
 
-void StoreTables::addPolicy(StoreModel const& model, PolicyNode const& policy) {
-    auto const bases = BasesOf(model, policy);
-    auto& names = m_identities.emplace_back();
-    auto& plan = m_plans.emplace_back();
-    plan.scopes = ScopesOf(bases);
-    plan.policyScope = flatten(plan.scopes);
-    plan.actions = ActionsOf(bases);
-    plan.identities = &names;
-    m_planTable.insert(PlanKey(policy.name, InternedString()), &plan);
-    remember(policy.scope);
-    for (auto const& identity : policy.identities) {
-        names.names.push_back(identity->name);
-        addIdentity(policy, *identity, plan);
+Value const* SettingTable::at(ProbeKey key, std::time_t when) const {
+    auto const* const chain = chains.find(key);
+    return chain ? chain->at(when) : nullptr;
+}
+
+std::size_t RuleBlock::hash() const {
+    std::size_t hash = rules.size();
+    for (auto const& [section, own] : rules) {
+        hash = Mix(hash, section);
+        for (auto const* const rule : own) hash = Mix(hash, rule);
     }
+    return hash;
 }
 
-void StoreTables::addIdentity(PolicyNode const& policy, IdentityNode const& identity, Plan const& policyPlan) {
-    auto& plan = m_plans.emplace_back(policyPlan);
-    auto const own = ScopesOf(AncestorsOf(policy, identity));
-    plan.identityScope = flatten(own);
-    plan.scopes.insert(plan.scopes.begin(), own.begin(), own.end());
-    m_planTable.insert(PlanKey(policy.name, identity.name), &plan);
-    remember(identity.scope);
+int Actions::compare(char const* a, char const* b) const {
+    auto const position = [&](char const* action) {
+        return std::find_if(names.begin(), names.end(),
+                            [&](InternedString known) { return action && std::strcmp(known.c_str(), action) == 0; });
+    };
+    auto const first = position(a);
+    auto const second = position(b);
+    if (first == names.end() || second == names.end()) return -1;
+    return first == second ? 0 : first < second ? 1 : 2;
 }
 
-std::uintptr_t StoreTables::flatten(std::vector<Scope const*> const& scopes) {
-    std::map<SettingKey, Chain> chains;
-    for (auto const* const scope : scopes)
-        for (auto const& [key, setting] : scope->settings) Append(chains[key], setting);
-    if (m_valueTable.size() + chains.size() > MaxValues)
-        throw eFabric::XmlError({"policy store", 0, 0}, "more than a million values, inherited ones counted");
-    ++m_scopes;
-    for (auto& [key, chain] : chains) {
-        m_chains.push_back(std::move(chain));
-        m_valueTable.insert(ValueKey(m_scopes, key.section, key.name), &m_chains.back());
-    }
-    return m_scopes;
+std::size_t Actions::hash() const { return HashOf(names); }
+
+std::size_t IdentityNames::hash() const { return HashOf(names); }
+
+Value const* Plan::at(ProbeKey key, std::time_t when) const {
+    auto const* const own = identity ? identity->at(key, when) : nullptr;
+    return own ? own : policy->at(key, when);
 }
 
-void StoreTables::remember(Scope const& scope) {
-    for (auto const& [key, setting] : scope.settings) {
-        remember(key.section);
-        remember(key.name);
-    }
-    for (auto const& [section, rules] : scope.rules) remember(section);
+std::size_t Plan::hash() const {
+    std::size_t hash = Mix(Mix(Mix(Mix(rules.size(), identity), policy), actions), identities);
+    for (auto const* const block : rules) hash = Mix(hash, block);
+    return hash;
+}
+
+bool operator==(Plan const& x, Plan const& y) {
+    return std::tie(x.identity, x.policy, x.rules, x.actions, x.identities) ==
+           std::tie(y.identity, y.policy, y.rules, y.actions, y.identities);
+}
+
+std::size_t KnownNames::hash() const {
+    std::size_t sum = byText.size();
+    for (auto const& [text, name] : byText) sum += Mix(0, name);
+    return sum;
 }
 
 Plan const* StoreTables::plan(InternedString policy, InternedString identity) const {
-    auto const* const plan = identity ? m_planTable.find(PlanKey(policy, identity)) : nullptr;
-    return plan ? plan : m_planTable.find(PlanKey(policy, InternedString()));
+    auto const* const own = identity ? plans.find(KeyOf(policy.c_str(), identity.c_str())) : nullptr;
+    return own ? own : plans.find(KeyOf(policy.c_str(), nullptr));
 }
 
-Value const* StoreTables::value(Plan const& plan, char const* section, char const* name, std::time_t when) const {
-    for (auto const scope : {plan.identityScope, plan.policyScope}) {
-        auto const* const chain = scope ? m_valueTable.find(ValueKey(scope, section, name)) : nullptr;
-        auto const* const value = chain ? chain->at(when) : nullptr;
-        if (value) return value;
-    }
-    return nullptr;
+Value const* StoreTables::value(InternedString policy, InternedString identity, InternedString section,
+                                InternedString name, std::time_t when) const {
+    auto const* const found = plan(policy, identity);
+    return found ? found->at(KeyOf(section.c_str(), name.c_str()), when) : nullptr;
 }
 
-char const* StoreTables::name(std::string_view text) const {
-    auto const found = m_names.find(text);
-    return found == m_names.end() ? nullptr : found->second;
+eFabric::IIdentityList const& StoreTables::identities(InternedString policy) const {
+    static IdentityNames const& none = *new IdentityNames;
+    auto const* const found = plan(policy, InternedString());
+    return found ? *found->identities : none;
+}
+
+int StoreTables::compareActions(InternedString policy, char const* a, char const* b) const {
+    return view(policy, InternedString(), 0).compareActions(a, b);
+}
+
+SettingsView StoreTables::view(InternedString policy, InternedString identity, std::time_t when) const {
+    return SettingsView(*this, plan(policy, identity), when ? when : std::time(nullptr));
 }
 
 }  // namespace policyloader

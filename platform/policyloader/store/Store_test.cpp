@@ -1,5 +1,6 @@
 // What the store answers: values, inheritance, windows, identities, actions and rules.
 #include <policyloader/store/StoreWorld.h>
+#include <policyloader/store/Value.h>
 
 namespace policyloader {
 namespace {
@@ -178,6 +179,49 @@ TEST_F(Store, ComparesActionsByTheirPlaceInTheList) {
     EXPECT_EQ(store->compareActions(In("content"), "NEW", "NEW"), -1);
     EXPECT_EQ(store->compareActions(In("content"), nullptr, "LOG"), -1);
     EXPECT_EQ(store->compareActions(In("base"), "DENY", "LOG"), -1);
+}
+
+TEST_F(Store, TakesActionsFromTheNearestBaseThatHasSome) {
+    Parse(
+        "<policy name='base'><actions><action>LOG</action><action>DENY</action></actions></policy>"
+        "<policy name='content'><actions><action>DENY</action><action>LOG</action></actions></policy>"
+        "<policy name='own' base=''/>");
+    EXPECT_EQ(store->compareActions(In("content_in"), "DENY", "LOG"), 1);
+    EXPECT_EQ(store->compareActions(In("protocol_out"), "DENY", "LOG"), 2);
+    EXPECT_EQ(store->compareActions(In("own"), "DENY", "LOG"), -1);
+}
+
+TEST_F(Store, AnIdentityIsKnownInItsOwnPolicyOnly) {
+    Parse("<policy name='content'><identity name='i'>" + Settings(Set("a", "i")) +
+          "</identity></policy><policy name='content_in'>" + Settings(Set("a", "in")) + "</policy>");
+    EXPECT_EQ(Text("content", "i", "a"), "i");
+    EXPECT_EQ(Text("content_in", "i", "a"), "in");
+    EXPECT_EQ(store->identities(In("content_in")).size(), 0U);
+}
+
+TEST_F(Store, OfSeveralOpenWindowsTheFirstCountsAlsoAcrossInheritance) {
+    Parse("<policy name='content_in'>" + Settings("<set name='a' when='mon'>policy</set>") +
+          "<identity name='i' inherits='j'>" + Settings("<set name='a' when='tue'>i</set>") + "</identity>" +
+          "<identity name='j'>" +
+          Settings("<set name='a' when='mon-tue'>first</set><set name='a' when='mon'>second</set>") +
+          "</identity></policy>");
+    constexpr std::time_t Day = 24 * 60 * 60;
+    EXPECT_EQ(Text("content_in", "i", "a"), "first");
+    EXPECT_EQ(Text("content_in", "i", "a", Monday9 + Day), "i");
+    EXPECT_EQ(Text("content_in", "j", "a", Monday9 + Day), "first");
+    EXPECT_EQ(Text("content_in", "i", "a", Monday9 + 2 * Day), "(null)");
+}
+
+// The epoch was a Thursday's first minute.
+TEST_F(Store, TakesZeroAsNow) {
+    constexpr std::time_t WeekMinutes = 7 * 24 * 60;
+    if ((std::time(nullptr) + 60) / 60 % WeekMinutes < 2) GTEST_SKIP() << "it is that minute of the week";
+    Parse("<policy name='base'>" + Settings("<set name='a' when='thu 00:00-00:01'>epoch</set>" + Set("a", "now")) +
+          "</policy>");
+    EXPECT_EQ(Text("base", nullptr, "a", 60 * 60), "now");
+    EXPECT_EQ(Text("base", nullptr, "a", 1), "epoch");
+    EXPECT_EQ(store->view(In("base"), InternedString(), 0).text("s", "a"), "now");
+    EXPECT_STREQ(store->sources().find(In("base"), InternedString(), In("s"), In("a"), 0)->value->text(), "now");
 }
 
 class StoreView : public StoreWorld {

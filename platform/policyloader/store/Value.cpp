@@ -2,9 +2,11 @@
 
 #include <strings.h>
 
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <utility>
 
 #include <KORtk/Text.h>
@@ -37,6 +39,12 @@ std::optional<bool> Boolean(char const* text) {
     for (auto const& flag : Flags)
         if (::strcasecmp(text, flag.text) == 0) return flag.value;
     return std::nullopt;
+}
+
+// Wide texts are interned as well.
+std::array<void const*, 3> PartsOf(std::optional<eFabric::ProductAlertValue> const& alert) {
+    if (!alert) return {};
+    return {alert->body, alert->header, alert->footer};
 }
 
 }  // namespace
@@ -75,6 +83,19 @@ eFabric::IProductValue const* Value::at(unsigned index) const {
 bool Value::getString(char const** out) const {
     if (m_text) *out = m_text;
     return m_text != nullptr;
+}
+
+std::size_t Value::hash() const {
+    std::hash<void const*> const of;
+    std::size_t hash = of(m_text) + m_items.size();
+    for (auto const* const part : PartsOf(m_alert)) hash = hash * 31 + of(part);
+    for (auto const& item : m_items) hash = hash * 31 + item.hash();
+    return hash;
+}
+
+bool operator==(Value const& x, Value const& y) {
+    return x.m_text == y.m_text && x.m_list == y.m_list && PartsOf(x.m_alert) == PartsOf(y.m_alert) &&
+           x.m_items == y.m_items;
 }
 
 std::optional<double> Value::real() const {

@@ -2,6 +2,7 @@
 // Owner: the snapshot. Immutable, any thread; readings are worked out when it is made. Texts are interned.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -27,6 +28,10 @@ public:
     std::optional<double> real() const;
     char const* text() const { return m_text; }  // null: no scalar
     std::vector<Value> const& items() const { return m_items; }
+
+    // By form and texts: of equal values all readings are equal.
+    std::size_t hash() const;
+    friend bool operator==(Value const& x, Value const& y);
 
 private:
     Value() = default;

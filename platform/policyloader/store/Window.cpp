@@ -3,6 +3,7 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <limits>
 
 namespace policyloader {
 namespace {
@@ -63,7 +64,7 @@ struct LocalMinute {
 };
 
 LocalMinute const& Local(std::time_t when) {
-    thread_local LocalMinute last{-1, 0, 0};
+    thread_local LocalMinute last{std::numeric_limits<std::time_t>::min(), 0, 0};
     if (last.when == when) return last;
     std::tm local{};
     ::localtime_r(&when, &local);

@@ -104,5 +104,49 @@ TEST(Windows, CountInLocalTime) {
     ::tzset();
 }
 
+class SummerTime : public ::testing::Test {
+protected:
+    SummerTime() {
+        ::setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+        ::tzset();
+    }
+    ~SummerTime() override {
+        ::unsetenv("TZ");
+        ::tzset();
+    }
+    static constexpr std::time_t March28 = 1616886000, October31 = 1635631200;  // of 2021, their midnight
+
+    // How many minutes of 25 hours from `start` are open.
+    static int OpenMinutes(char const* text, std::time_t start) {
+        Window const window(text);
+        int open = 0;
+        for (int minute = 0; minute < 25 * 60; ++minute) open += window.contains(start + minute * 60);
+        return open;
+    }
+};
+
+TEST_F(SummerTime, LeavesOutTheHourThatDoesNotExist) {
+    EXPECT_EQ(OpenMinutes("sun 02:00-03:00", March28), 0);
+    EXPECT_EQ(OpenMinutes("sun 01:30-03:30", March28), 60);
+    EXPECT_EQ(OpenMinutes("sat 22:00-04:00", March28), 3 * 60);
+    EXPECT_EQ(OpenMinutes("sun", March28), 23 * 60);
+}
+
+TEST_F(SummerTime, CountsTheHourThatComesTwice) {
+    EXPECT_EQ(OpenMinutes("sun 02:00-03:00", October31), 120);
+    EXPECT_EQ(OpenMinutes("sun 01:30-03:30", October31), 180);
+    EXPECT_EQ(OpenMinutes("sat 22:00-04:00", October31), 5 * 60);
+    EXPECT_EQ(OpenMinutes("sun", October31), 25 * 60);
+}
+
+TEST(Windows, KnowTheTimesBeforeTheEpoch) {
+    ::setenv("TZ", "UTC", 1);
+    ::tzset();
+    EXPECT_TRUE(Window("wed 23:59-24:00").contains(-1));
+    EXPECT_FALSE(Window("thu").contains(-1));
+    ::unsetenv("TZ");
+    ::tzset();
+}
+
 }  // namespace
 }  // namespace policyloader
