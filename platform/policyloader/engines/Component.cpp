@@ -9,7 +9,7 @@
 namespace policyloader {
 namespace {
 
-constexpr char const* kKindNames[] = {"Object", "Message", "Multipart", "Part"};
+constexpr char const* kKindNames[] = {"Object", "Message", "Multipart", "Part", "Entry"};
 
 }  // namespace
 

@@ -1,6 +1,6 @@
-// Component: one thing that a scan looked at: the object itself, a message, a part. They form a tree.
-// Owner: the ComponentTree of a scan's results.  Threads: the scan's; read-only after it.  Units: bytes of the object
-// as it came in.  Failure: none; a name that is not there is null.
+// Component: one thing that a scan looked at: the object itself, a message, a part, an entry of an archive. They form a
+// tree. Owner: the ComponentTree of a scan's results.  Threads: the scan's; read-only after it.  Units: bytes of the
+// object as it came in.  Failure: none; a name that is not there is null.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,7 @@ namespace policyloader {
 
 class Component final : public IKORScanPolContextElement {
 public:
-    enum Kind { Object = 0, Message = 1, Multipart = 2, Part = 3 };
+    enum Kind { Object = 0, Message = 1, Multipart = 2, Part = 3, Entry = 4 };
     // Where it stands in the object; only what stands there unencoded has a range.
     struct Range {
         std::uint64_t headBegin = 0, bodyBegin = 0, bodyEnd = 0;

@@ -1,16 +1,9 @@
 #include <policyloader/engines/ContentRules.h>
 
-#include <cctype>
 #include <cstdlib>
-#include <cstring>
-#include <future>
-#include <stdexcept>
 
 namespace policyloader {
 namespace {
-
-constexpr std::string_view kRegexMark = "regex:";
-constexpr std::size_t kMaxCachedSets = 256;
 
 struct WhereName {
     std::string_view name;
@@ -22,16 +15,6 @@ constexpr WhereName kWhereNames[] = {
     {"body", Where::Body},
     {"attachment", Where::Attachment},
 };
-
-std::string PlaceOf(Rule const& rule) {
-    auto const& place = rule.place();
-    return std::string(place.file) + ":" + std::to_string(place.line) + ":" + std::to_string(place.column);
-}
-
-[[noreturn]] void Fail(Rule const& rule, std::string const& reason) {
-    throw std::invalid_argument(PlaceOf(rule) + ": rule \"" + std::string(rule.get("name").value_or("")) +
-                                "\": " + reason);
-}
 
 double ReadWeight(Rule const& rule) {
     auto const text = rule.get("weight");
@@ -61,93 +44,36 @@ std::vector<Where> ReadWheres(Rule const& rule) {
 }
 
 std::string ReadExpression(Rule const& rule) {
-    auto const match = rule.get("match").value_or("");
-    if (match.substr(0, kRegexMark.size()) == kRegexMark) {
-        if (match.size() == kRegexMark.size()) Fail(rule, "match has an empty expression");
-        return std::string(match.substr(kRegexMark.size()));
-    }
-    if (match.empty()) Fail(rule, "match is missing");
-    return PhraseExpression(match);
-}
-
-// Compiling wants a deeper stack than the thread of a session has.
-std::shared_ptr<ContentRules const> Compile(std::vector<Rule const*> const& rules) {
-    if (rules.empty()) return std::make_shared<ContentRules>(rules);
-    auto work = std::async(std::launch::async, [&] { return std::make_shared<ContentRules>(rules); });
-    return work.get();
+    if (auto expression = ReadRuleRegex(rule, "match")) return *expression;
+    auto const phrase = rule.get("match").value_or("");
+    if (phrase.empty()) Fail(rule, "match is missing");
+    return PhraseExpression(phrase);
 }
 
 }  // namespace
 
-std::string PhraseExpression(std::string_view phrase) {
-    std::string out;
-    bool blank = false;
-    for (char const c : phrase) {
-        bool const isBlank = std::isspace(static_cast<unsigned char>(c));
-        if (isBlank && !blank) out += "\\s+";
-        blank = isBlank;
-        if (isBlank) continue;
-        if (std::strchr("\\^$.|?*+()[]{}#", c)) out.push_back('\\');
-        out.push_back(c);
-    }
-    return out;
-}
-
 ContentRules::ContentRules(std::vector<Rule const*> const& rules) {
-    try {
+    reading([&] {
         for (auto const* rule : rules) add(*rule);
-        compile(rules);
-    } catch (std::invalid_argument const& problem) {
-        m_error = problem.what();
-    }
+        for (auto& context : m_contexts) context.compile();
+    });
 }
 
 void ContentRules::add(Rule const& rule) {
-    ContentRule made;
-    made.name = rule.get("name").value_or("");
-    if (made.name.empty()) Fail(rule, "name is missing");
-    made.action = rule.get("action").value_or("");
-    made.weight = ReadWeight(rule);
-    auto const expression = ReadExpression(rule);
-    for (auto const where : ReadWheres(rule)) {
-        auto& context = m_contexts[static_cast<std::size_t>(where)];
-        context.patterns.push_back({expression, Pattern::Text});
-        context.rules.push_back(m_rules.size());
+    ContentRule made{ReadRuleHead(rule), ReadWeight(rule)};
+    if (auto const missing = rule.get("missing")) {
+        if (rule.get("match") || missing->empty()) Fail(rule, "missing names one header field, and goes without match");
+        m_missing.emplace_back(*missing, m_rules.size());
+        m_rules.push_back(std::move(made));
+        return;
     }
+    addPatterns(rule);
     m_rules.push_back(std::move(made));
 }
 
-void ContentRules::compile(std::vector<Rule const*> const& rules) {
-    for (auto& context : m_contexts) {
-        if (context.patterns.empty()) continue;
-        try {
-            context.database = std::make_unique<PatternDatabase>(context.patterns);
-        } catch (PatternError const& problem) {
-            Fail(*rules[context.rules[problem.index()]], problem.what());
-        }
-        context.patterns = {};
-    }
-}
-
-std::shared_ptr<ContentRules const> ContentCache::get(std::uint64_t key, Maker const& make) {
-    auto const found = slot(key);
-    std::call_once(found->once, [&] { found->rules = Compile(make()); });
-    return found->rules;
-}
-
-std::shared_ptr<ContentCache::Slot> ContentCache::slot(std::uint64_t key) {
-    std::lock_guard<std::mutex> const guard(m_mutex);
-    auto const at = m_slots.find(key);
-    if (at != m_slots.end()) return at->second;
-    // Reloads with ever new rules must not fill the memory; who still scans with an old set keeps it alive.
-    if (m_slots.size() >= kMaxCachedSets) m_slots.clear();
-    ++m_compiled;
-    return m_slots.emplace(key, std::make_shared<Slot>()).first->second;
-}
-
-std::size_t ContentCache::compiled() const {
-    std::lock_guard<std::mutex> const guard(m_mutex);
-    return m_compiled;
+void ContentRules::addPatterns(Rule const& rule) {
+    auto const expression = ReadExpression(rule);
+    for (auto const where : ReadWheres(rule)) m_contexts[static_cast<std::size_t>(where)].add(rule, size(), expression);
 }
 
 }  // namespace policyloader

@@ -89,6 +89,29 @@ TEST(TransferDecoding, OfUuencodeFindsTheContentAtEveryCut) {
     }
 }
 
+// As a body arrives: whatever the blocks are, each line is whole.
+TEST(TransferDecoding, OfUuencodeIsTheSameInPiecesOfAnySize) {
+    std::string const line = "12345678901234567890123456789012345678901234567890123456789A";
+    std::string const wire = "begin 644 a\r\nM" + line + "\r\nM" + line + "\r\n#0V%T\r\n`\r\nend\r\n#0V%T\r\n";
+    auto const decoded = [&](std::size_t piece) {
+        TransferDecoder decoder(TransferEncoding::UUEncode);
+        std::string out;
+        for (std::size_t at = 0; at < wire.size(); at += piece) out += decoder.decode(wire.substr(at, piece));
+        return out += decoder.finish();
+    };
+    std::string const whole = decoded(wire.size());
+    EXPECT_EQ(whole.size(), 93u);
+    EXPECT_EQ(whole.substr(90), "Cat") << "what follows the end is no part of it";
+    EXPECT_EQ(whole.substr(0, 45), whole.substr(45, 45));
+    for (std::size_t piece = 1; piece < wire.size(); ++piece) EXPECT_EQ(decoded(piece), whole) << piece;
+}
+
+TEST(TransferDecoding, OfUuencodeTakesABeginWithinAFileForNoContent) {
+    TransferDecoder decoder(TransferEncoding::UUEncode);
+    std::string out(decoder.decode("begin 644 a\n#0V%T\nbegin 644 b\n#1&]G"));
+    EXPECT_EQ(out += decoder.finish(), "CatDog");
+}
+
 TEST(TransferDecoding, OfQuotedPrintableDropsBlanksAtLineEndsAtEveryCut) {
     std::string const wire = "a \t\r\nb= \r\nc d \n\t e\rf";
     for (std::size_t cut = 0; cut <= wire.size(); ++cut) {
@@ -106,17 +129,19 @@ TEST(UuencodeSpotting, FindsEachFileAtEveryCut) {
         "begin 600 c\n\n!6";
     for (std::size_t cut = 0; cut <= wire.size(); ++cut) {
         std::string out;
-        UuSpotter spotter({[&] { out += '('; }, [&](std::string_view bytes) { out += bytes; }, [&] { out += ')'; }});
+        UuSpotter spotter({[&](std::string_view name) { out.append("(").append(name).append(":"); },
+                           [&](std::string_view bytes) { out += bytes; }, [&] { out += ')'; }});
         spotter.feed(wire.substr(0, cut));
         spotter.feed(wire.substr(cut));
         spotter.finish();
-        EXPECT_EQ(out, "(Cat)(Dog)(X)") << "cut at " << cut;
+        EXPECT_EQ(out, "(a:Cat)(b c:Dog)(c:X)") << "cut at " << cut;
     }
 }
 
 TEST(UuencodeSpotting, FindsNothingInOrdinaryText) {
     bool any = false;
-    UuSpotter spotter({[&] { any = true; }, [&](std::string_view) { any = true; }, [&] { any = true; }});
+    UuSpotter spotter(
+        {[&](std::string_view) { any = true; }, [&](std::string_view) { any = true; }, [&] { any = true; }});
     for (auto const* piece : {"to begin 644 x\n", "begin 6 x\n", "begin 64400 x\n", "begin 644 \n", "begin 648 x\nM"})
         spotter.feed(piece);
     spotter.finish();

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 #include <string_view>
 
 #include <policyloader/engines/Component.h>
@@ -27,7 +28,13 @@ enum class EngineType : unsigned long {
 
 inline constexpr char kAntiVirusName[] = "KORAVScanner";
 inline constexpr char kContentName[] = "KORContentScanner";
+inline constexpr char kSpamName[] = "SpamScanner";
+inline constexpr char kMailFilterName[] = "KORMailFilter";
 inline constexpr char kFormatName[] = "KORFormatScanner";
+inline constexpr char kInfoName[] = "KORInfoScanner";
+
+// Why no engine can see what an archive holds.
+enum class Unreadable { Encrypted, Broken };
 
 // What one engine does with one content.
 class ComponentScan {
@@ -49,6 +56,7 @@ public:
     virtual std::unique_ptr<ComponentScan> object(Component&) { return nullptr; }    // as it came in, or salvaged
     virtual void head(EntityHead const&, Component&) {}                              // of each message and part
     virtual std::unique_ptr<ComponentScan> open(EntityHead const&, Component&) = 0;  // its content; null: no interest
+    virtual void unreadable(Component&, Unreadable, std::string const&) {}           // an archive, or some of it
     virtual void report(ResultSet& results) = 0;
 };
 

@@ -16,6 +16,11 @@ enum class FailureId : unsigned long {
     Rules = 105,     // a configured rule or limit cannot be used
     Matcher = 106,   // the pattern matcher failed
     Internal = 107,  // anything else
+    // Of a server beside the gateway that is asked for its judgement.
+    ServerAway = 120,     // it cannot be reached, or left before it had answered
+    ServerSlow = 121,     // no answer within the time limit
+    ServerAnswer = 122,   // what it answered makes no sense
+    ServerRefused = 123,  // it says that it did not scan
 };
 
 class EngineFailure : public std::runtime_error {

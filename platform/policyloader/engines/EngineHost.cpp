@@ -5,7 +5,8 @@
 
 #include <gmime/gmime.h>
 
-#include <policyloader/engines/ContentRules.h>
+#include <policyloader/engines/ClamdScan.h>
+#include <policyloader/engines/ScanPlan.h>
 #include <policyloader/engines/ScanThread.h>
 #include <policyloader/engines/SignatureDatabase.h>
 
@@ -31,7 +32,12 @@ std::unique_ptr<KORPropertyBag> Information(char const* type, std::string const&
 
 }  // namespace
 
-EngineHost::EngineHost() : m_contentCache(std::make_shared<ContentCache>()) { StartMimeLibrary(); }
+EngineHost::EngineHost()
+    : m_ruleCaches(std::make_shared<RuleCaches>()),
+      m_virusServers(std::make_shared<ClamdServers>()),
+      m_spamServers(std::make_shared<ServerRota>()) {
+    StartMimeLibrary();
+}
 EngineHost::~EngineHost() = default;
 
 bool EngineHost::initialise(std::string const& avDirectory, ErrorState& error) {
@@ -40,6 +46,10 @@ bool EngineHost::initialise(std::string const& avDirectory, ErrorState& error) {
     if (!m_signatures) return false;
     m_information.push_back(Information(kAntiVirusName, m_signatures->definitions()));
     m_information.push_back(Information(kContentName, "policy"));
+    m_information.push_back(Information(kFormatName, "policy"));
+    m_information.push_back(Information(kMailFilterName, "policy"));
+    m_information.push_back(Information(kSpamName, "policy"));
+    m_information.push_back(Information(kInfoName, "policy"));
     return true;
 }
 
@@ -52,7 +62,8 @@ IKORPropertyBag const* EngineHost::engineInformation(int index) const {
 
 IScanThread* EngineHost::createScanThread(SettingsSource const& settings, InternedString policy) {
     try {
-        return new ScanThread(std::make_shared<ThreadState>(settings, m_signatures, m_contentCache), policy);
+        auto state = std::make_shared<ThreadState>(settings, m_signatures, m_ruleCaches, m_virusServers, m_spamServers);
+        return new ScanThread(std::move(state), policy);
     } catch (std::exception const&) {
         return nullptr;
     }

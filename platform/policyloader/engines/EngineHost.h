@@ -15,7 +15,9 @@ class ErrorState;
 class SettingsSource;
 
 class SignatureDatabase;
-class ContentCache;
+struct ClamdServers;
+struct RuleCaches;
+class ServerRota;
 
 class EngineHost {
 public:
@@ -38,8 +40,10 @@ private:
     // Set by initialise, then read without lock.
     std::shared_ptr<SignatureDatabase const> m_signatures;
     std::vector<std::unique_ptr<KORPropertyBag>> m_information;
-    // Guards itself.
-    std::shared_ptr<ContentCache> m_contentCache;
+    // Guard themselves.
+    std::shared_ptr<RuleCaches> m_ruleCaches;
+    std::shared_ptr<ClamdServers> m_virusServers;
+    std::shared_ptr<ServerRota> m_spamServers;
 };
 
 }  // namespace policyloader

@@ -46,6 +46,8 @@ void EngineResult::addComponent(Component& component) {
     ++m_infected;
 }
 
+void EngineResult::addContext(Component& component) { AddOnce(m_components, &component); }
+
 void EngineResult::setAction(std::string const& action) {
     m_action = action;
     if (!AddOnce(m_actions, action)) return;
@@ -60,6 +62,20 @@ void EngineResult::setDescription(std::string const& text) {
 }
 
 void EngineResult::setLimit(wchar_t const* kind) { m_bag.NewProperty("E_SR_DOS_TYPE")->SetWide(kind); }
+
+void EngineResult::setSpam(SpamJudgement const& judgement, std::optional<double> actionThreshold) {
+    m_bag.NewProperty("E_SR_AS_SCORE")->SetDouble(judgement.score);
+    m_bag.NewProperty("E_SR_AS_THRESHOLD")->SetDouble(judgement.threshold);
+    if (actionThreshold) m_bag.NewProperty("E_SR_AS_ACTION_THRESHOLD")->SetDouble(*actionThreshold);
+    if (judgement.tests.empty()) return;
+    auto* const names = m_bag.NewProperty("E_SR_INFECTIONNAME");
+    auto* const scores = m_bag.NewProperty("E_SR_AS_INFECTION_SCORE");
+    for (auto const& [test, score] : judgement.tests) {
+        addName(test);
+        names->AddWide(KORtk::Utf8Array(test).wstr().c_str());
+        scores->AddDouble(score);
+    }
+}
 
 void EngineResult::setError(FailureId id, char const* text, char const* file, int line) {
     m_error = true;

@@ -3,6 +3,7 @@
 // Units: counts are of components.  Failure: none; what is absent is null, false or 0.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -11,6 +12,7 @@
 #include <policyloader/engines/Component.h>
 #include <policyloader/engines/Engine.h>
 #include <policyloader/engines/EngineFailure.h>
+#include <policyloader/engines/SpamAnswer.h>
 
 namespace policyloader {
 
@@ -21,15 +23,18 @@ public:
     // While the scan makes it.
     void addName(std::string const& name);      // of what was found, each once
     void addComponent(Component& component);    // where it was found, each once; the first is the context
+    void addContext(Component& component);      // what it speaks of, though nothing is wrong with it
     void setAction(std::string const& action);  // asked for by the engine; the last one asked for counts
     void setDescription(std::string const& text);
+    void setSpam(SpamJudgement const& judgement, std::optional<double> actionThreshold);
     void setLimit(wchar_t const* kind);  // a format result: "SIZE", "DEPTH"
     void setError(FailureId id, char const* text, char const* file, int line);
     void setCleaned() { m_cleaned = 2; }
     void forbidReplacing() { m_replaceable = false; }  // it was found where no part can be cut out
 
     // The engine asks for its parts to be replaced; and whether every one of them can be.
-    bool wantsReplacing() const { return m_action == "CLEAN" || m_action == "REPLACE"; }
+    static bool replaces(std::string const& action) { return action == "CLEAN" || action == "REPLACE"; }
+    bool wantsReplacing() const { return replaces(m_action); }
     bool canReplace() const;
 
     bool isTriggered() const { return !m_action.empty(); }

@@ -6,7 +6,8 @@
 #include <memory>
 
 #include <gmime/gmime.h>
-#include <policyloader/engines/CharsetNames.h>
+#include <policyloader/engines/EncodedWords.h>
+#include <policyloader/engines/HeaderText.h>
 #include <strings.h>
 
 namespace policyloader {
@@ -66,6 +67,11 @@ void AddDistinct(std::vector<T>& list, T value) {
     if (std::find(list.begin(), list.end(), value) == list.end()) list.push_back(std::move(value));
 }
 
+void Unfold(std::string& value, std::string_view line) {
+    if (!value.empty()) value += ' ';
+    value.append(line);
+}
+
 // Reads the fields out of the block's lines; a line that is none makes the head doubtful.
 void ReadFields(std::string_view block, EntityHead& head) {
     while (!block.empty()) {
@@ -77,7 +83,7 @@ void ReadFields(std::string_view block, EntityHead& head) {
         head.doubtful |= line.find('\r') != std::string_view::npos;  // a line end to some
         std::size_t const colon = line.find(':');
         if (folded && !head.fields.empty())
-            head.fields.back().second.append(" ").append(Trim(line));
+            Unfold(head.fields.back().second, Trim(line));
         else if (folded || colon == std::string_view::npos)
             head.doubtful = true;
         else
@@ -94,25 +100,74 @@ char const* FindNoCase(std::string const& text, std::size_t from, char const* wa
 }
 
 // What stands behind the "=" of a parameter, to a reader that knows nothing of comments and extended values.
-std::string PlainValue(std::string_view text) {
+std::string_view PlainValue(std::string_view text, char const* ends) {
     text = Trim(text);
     bool const quoted = !text.empty() && text.front() == '"';
     if (quoted) text.remove_prefix(1);
-    return std::string(text.substr(0, text.find_first_of(quoted ? "\"" : "; \t,")));
+    return TrimRight(text.substr(0, text.find_first_of(quoted ? "\"" : ends)));
 }
 
-// A boundary that stands more than once: each reader takes another one.
+// Where to look for the next parameter: behind a value, but not behind a quote that may never have been meant to close.
+char const* Behind(std::string_view plainValue) {
+    bool const quoted = plainValue.data()[-1] == '"';
+    return quoted ? plainValue.data() : plainValue.data() + plainValue.size();
+}
+
+// What stands from `at` on, which is within the value.
+std::string_view RestOf(std::string const& value, char const* at) {
+    return std::string_view(value).substr(static_cast<std::size_t>(at - value.c_str()));
+}
+
+// A boundary that stands more than once, or in a form that readers differ about: each takes another one.
 void ReadFurtherBoundaries(std::string const& value, EntityHead& head) {
     std::size_t forms = 0;
     for (char const* at = FindNoCase(value, 0, "boundary"); at; at = strcasestr(at, "boundary")) {
         at += std::char_traits<char>::length("boundary");
         char const* const equals = at + std::strspn(at, " \t*0123456789");
         if (*equals != '=') continue;
-        if (++forms == 1) continue;
-        head.doubtful = true;
-        std::string const boundary = PlainValue(equals + 1);
+        auto const plain = PlainValue(RestOf(value, equals + 1), "; \t,");
+        at = Behind(plain);
+        std::string const boundary(plain);
+        bool const known = std::find(head.boundaries.begin(), head.boundaries.end(), boundary) != head.boundaries.end();
+        head.doubtful |= ++forms > 1 || !known;
         if (!boundary.empty() && head.boundaries.size() < kMaxForms) AddDistinct(head.boundaries, boundary);
     }
+}
+
+// Of very many the last one stays: readers take the first or the last.
+void AddName(std::string name, EntityHead& head) {
+    if (name.empty()) return;
+    if (head.names.size() == kMaxForms) head.names.pop_back();
+    AddDistinct(head.names, std::move(name));
+}
+
+std::string FileNameOf(std::string const& value) {
+    std::unique_ptr<GMimeContentDisposition, Unref> const disposition(
+        g_mime_content_disposition_parse(nullptr, FitForDecoding(value).c_str()));
+    char const* const name =
+        disposition ? g_mime_content_disposition_get_parameter(disposition.get(), "filename") : nullptr;
+    return name ? name : "";
+}
+
+// Names as they stand, to a reader that takes another one of several; and the extended ones for themselves, to one
+// that does not take those beside plain ones, or takes no others.
+void ReadFurtherNames(std::string const& value, EntityHead& head) {
+    std::string extended = "attachment";
+    for (char const* at = FindNoCase(value, 0, "name"); at; at = strcasestr(at, "name")) {
+        char const before = at == value.c_str() ? ';' : at[-1];
+        at += std::char_traits<char>::length("name");
+        char const* const stars = at + std::strspn(at, "*0123456789");
+        char const* const equals = stars + std::strspn(stars, " \t");
+        bool const named = before == 'e' || before == 'E' || !std::isalnum(static_cast<unsigned char>(before));
+        if (*equals != '=' || !named) continue;
+        auto const name = PlainValue(RestOf(value, equals + 1), ";");
+        if (stars == at)
+            AddName(DecodedHeader(std::string(name)), head);
+        else
+            extended.append("; filename").append(at, stars).append("=\"").append(name).append("\"");
+        at = Behind(name);
+    }
+    AddName(FileNameOf(extended), head);
 }
 
 void ReadType(std::string const& value, bool first, EntityHead& head) {
@@ -122,7 +177,7 @@ void ReadType(std::string const& value, bool first, EntityHead& head) {
         return;
     }
     std::unique_ptr<GMimeContentType, Unref> const type(
-        g_mime_content_type_parse(nullptr, WithKnownCharsets(value).c_str()));
+        g_mime_content_type_parse(nullptr, FitForDecoding(value).c_str()));
     if (!type) return;
     auto const major = Lower(g_mime_content_type_get_media_type(type.get()));
     auto const minor = Lower(g_mime_content_type_get_media_subtype(type.get()));
@@ -131,7 +186,10 @@ void ReadType(std::string const& value, bool first, EntityHead& head) {
         head.subtype = minor;
         head.charset = Parameter(type.get(), "charset");
     }
-    if (head.fileName.empty()) head.fileName = Parameter(type.get(), "name");
+    auto const name = Parameter(type.get(), "name");
+    if (head.fileName.empty()) head.fileName = name;
+    AddName(name, head);
+    ReadFurtherNames(value, head);
     head.message |= major == "message" && IsMessageSubtype(minor);
     head.fragment |= major == "message" && minor == "partial";
     if (major != "multipart") return void(head.doubtful |= FindNoCase(value, 0, "multipart") != nullptr);
@@ -151,10 +209,17 @@ void ReadEncoding(std::string const& value, EntityHead& head) {
 
 void ReadDisposition(std::string const& value, EntityHead& head) {
     std::unique_ptr<GMimeContentDisposition, Unref> const disposition(
-        g_mime_content_disposition_parse(nullptr, WithKnownCharsets(value).c_str()));
-    char const* const name =
-        disposition ? g_mime_content_disposition_get_parameter(disposition.get(), "filename") : nullptr;
-    if (name) head.fileName = name;
+        g_mime_content_disposition_parse(nullptr, FitForDecoding(value).c_str()));
+    if (!disposition) return;
+    // A word that nobody knows counts as "attachment".
+    head.attached |= strcasecmp(g_mime_content_disposition_get_disposition(disposition.get()), "inline") != 0;
+    for (char const* const parameter : {"name", "filename"}) {
+        char const* const name = g_mime_content_disposition_get_parameter(disposition.get(), parameter);
+        if (!name) continue;
+        head.fileName = name;
+        AddName(name, head);
+    }
+    ReadFurtherNames(value, head);
 }
 
 // The content fields, at most kMaxForms of each.
@@ -190,8 +255,10 @@ std::string EntityHead::typeFields() const {
     return block + "\r\n";
 }
 
-EntityHead EntityHead::ofPlainObject() {
+EntityHead EntityHead::ofPlainObject(std::string const& name) {
     EntityHead head;
+    head.fileName = name;
+    if (!name.empty()) head.names.push_back(name);
     head.encodings.push_back(TransferEncoding::Identity);
     return head;
 }

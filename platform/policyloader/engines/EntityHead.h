@@ -21,10 +21,12 @@ struct EntityHead {
     std::string type = "text";
     std::string subtype = "plain";
     std::string charset;
-    std::string fileName;  // UTF-8; empty: none
+    std::string fileName;            // UTF-8; empty: none
+    std::vector<std::string> names;  // every one that some reader may take for it
     bool multipart = false;
     bool message = false;    // holds a whole message
     bool ofMessage = false;  // is the head of a message, not of a part
+    bool attached = false;   // not to be shown in place
     bool fragment = false;   // holds a piece of a message whose other pieces come in other messages
     bool doubtful = false;
 
@@ -34,7 +36,7 @@ struct EntityHead {
     bool isEncoded() const { return encodings.size() > 1 || encodings.front() != TransferEncoding::Identity; }
 
     static EntityHead parse(std::string_view block);
-    static EntityHead ofPlainObject();  // of an object that is no message
+    static EntityHead ofPlainObject(std::string const& name = {});  // of an object that is no message
 };
 
 // Whether a line may begin a header block: a name and a colon, or an mbox "From " line.

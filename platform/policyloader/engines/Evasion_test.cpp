@@ -112,8 +112,8 @@ TEST_F(Hidden, BehindATransferEncodingThatReadersTakeInSeveralWays) {
         "Content-Transfer-Encoding: base\r\n 64",
         "Content-Transfer-Encoding: 7bit\rContent-Transfer-Encoding: base64",
         "Content-Type: text/plain\rContent-Transfer-Encoding: base64",
-        "\xEF\xBB\xBF"
-        "Content-Transfer-Encoding: base64",
+        ("\xEF\xBB\xBF"
+         "Content-Transfer-Encoding: base64"),
         "no header line\r\nContent-Transfer-Encoding: base64",
         "X: y\r\n \r\nContent-Transfer-Encoding: base64",
         "Content-Transfer-Encoding: base64\r\nno header line",

@@ -5,8 +5,11 @@
 
 #include <strings.h>
 
+#include <KORtk/Text.h>
+
 #include <policyloader/engines/EngineFailure.h>
 #include <policyloader/engines/Salvage.h>
+#include <policyloader/engines/TextCase.h>
 #include <policyloader/engines/UuSpotter.h>
 
 namespace policyloader {
@@ -26,6 +29,25 @@ bool MentionsContentField(std::string_view block) {
     return false;
 }
 
+bool HoldsMail(std::string_view begin, std::string_view name) {
+    for (std::string_view const end : {".eml", ".mht", ".mhtml", ".mbox"})
+        if (TextEnds(name, end)) return true;
+    if (!LooksLikeHeader(begin.substr(0, begin.find('\n')))) return false;
+    return MentionsContentField(std::string("\n").append(begin));
+}
+
+// What a reader takes a file for, by its first bytes and its name.
+EntityHead HeadOfFile(std::string_view begin, std::string const& name) {
+    auto head = EntityHead::ofPlainObject(name);
+    head.message = HoldsMail(begin, name);
+    bool const wide = begin.substr(0, 2) == "\xFF\xFE" || begin.substr(0, 2) == "\xFE\xFF";
+    bool const binary = !wide && begin.find('\0') != std::string_view::npos;
+    if (binary) head.type = "application", head.subtype = "octet-stream";
+    if (!binary && (begin.substr(0, 1) == "<" || TextEnds(name, ".html") || TextEnds(name, ".htm")))
+        head.subtype = "html";
+    return head;
+}
+
 Component::Kind KindOf(EntityHead const& head) {
     if (head.ofMessage) return Component::Message;
     return head.multipart ? Component::Multipart : Component::Part;
@@ -37,7 +59,8 @@ Component::Kind KindOf(EntityHead const& head) {
 // it holds a message.
 class Inspection::Body final : public EntityBody {
 public:
-    Body(Inspection& inspection, EntityHead const& head, Component& component, unsigned depth)
+    // `again`: its bytes stand in the object as they are, so that the whole can be read a second time.
+    Body(Inspection& inspection, EntityHead const& head, Component& component, unsigned depth, bool again = true)
         : m_inspection(inspection) {
         auto encodings = head.encodings;
         // A reader that knows nothing of this encoding finds it in the text all the same, and each file of several.
@@ -53,8 +76,10 @@ public:
             bool const walks = head.message || (head.multipart && chain.encoded);
             if (walks) chain.nested = std::make_unique<MimeWalker>(inspection, &component, depth + 1, false);
             if (walks && !head.message) chain.nested->feed(head.typeFields());
-            if (walks && chain.encoded) chain.salvage = inspection.salvageOf(component);
-            if (!walks) chain.uuencoded = inspection.spotterOf(component);
+            if (walks && (chain.encoded || !again)) chain.salvage = inspection.salvageOf(component, depth);
+            if (!walks) chain.uuencoded = inspection.spotterOf(component, depth);
+            auto const watch = walks ? Unpacker::Watch::AtStart : Unpacker::Watch::Everywhere;
+            chain.archive = std::make_unique<Unpacker>(inspection, component, depth, watch);
         }
     }
 
@@ -73,6 +98,7 @@ public:
             if (chain.nested) chain.nested->finish();
             if (chain.salvage) chain.salvage->finish();
             if (chain.uuencoded) chain.uuencoded->finish();
+            chain.archive->finish();
             m_inspection.m_doubtful |= chain.decoder.odd() || (chain.nested && chain.nested->doubtful());
         }
     }
@@ -86,6 +112,7 @@ private:
         std::unique_ptr<MimeWalker> nested;
         std::unique_ptr<Salvage> salvage;  // of a message that cannot be read again, as it is encoded as a whole
         std::unique_ptr<UuSpotter> uuencoded;
+        std::unique_ptr<Unpacker> archive;
     };
 
     void take(Chain& chain, std::string_view content) {
@@ -95,10 +122,56 @@ private:
         if (chain.nested && !m_inspection.m_limit) chain.nested->feed(content);
         if (chain.salvage && !m_inspection.m_limit) chain.salvage->feed(content);
         if (chain.uuencoded && !m_inspection.m_limit) chain.uuencoded->feed(content);
+        if (!m_inspection.m_limit) chain.archive->feed(content);
     }
 
     Inspection& m_inspection;
     std::vector<Chain> m_chains;
+};
+
+// The content of an entry of an archive. Its first bytes tell what it is taken for.
+class Inspection::EntryBody final : public EntityBody {
+public:
+    EntryBody(Inspection& inspection, Component& entry, unsigned depth)
+        : m_inspection(inspection), m_entry(entry), m_depth(depth) {}
+    void data(std::string_view piece) override {
+        if (m_body) return m_body->data(piece);
+        m_begin.append(piece);
+        if (m_begin.size() >= kSniffBytes) start();
+    }
+    void end() override {
+        if (!m_body) start();
+        if (!m_inspection.isOver()) m_body->end();
+    }
+
+private:
+    static constexpr std::size_t kSniffBytes = 4096;
+
+    void start() {
+        auto const* const wide = m_entry.GetComponentName();
+        auto const head = HeadOfFile(m_begin, wide ? KORtk::Utf8Array(wide).str() : std::string());
+        m_body = std::make_unique<Body>(m_inspection, head, m_entry, m_depth, false);
+        m_body->data(m_begin);
+        m_begin = std::string();
+    }
+
+    Inspection& m_inspection;
+    Component& m_entry;
+    unsigned m_depth;
+    std::string m_begin;
+    std::unique_ptr<Body> m_body;
+};
+
+// Archives in a content that engines see raw.
+class Inspection::UnpackScan final : public ComponentScan {
+public:
+    UnpackScan(Inspection& inspection, Component& component, unsigned depth)
+        : m_unpacker(inspection, component, depth, Unpacker::Watch::Everywhere) {}
+    void data(std::string_view piece) override { m_unpacker.feed(piece); }
+    void end() override { m_unpacker.finish(); }
+
+private:
+    Unpacker m_unpacker;
 };
 
 Inspection::Inspection(ScanPlan const& plan, std::vector<Engine*> const& engines, ResultSet& results,
@@ -144,19 +217,49 @@ void Inspection::limit(Limit kind, char const* text) {
     m_limitText = text;
 }
 
+bool Inspection::isTooMuch(std::uint64_t decoded) const {
+    auto const whole = std::max<std::uint64_t>({m_read, m_size, 1});
+    return decoded > kExpansionFloor && decoded / whole >= m_plan.limits.expansion;
+}
+
 void Inspection::count(std::uint64_t decoded) {
     m_decoded += decoded;
-    bool const over =
-        m_decoded > kExpansionFloor && m_decoded / std::max<std::uint64_t>(m_read, 1) >= m_plan.limits.expansion;
-    if (over) limit(Limit::Size, "unpacks to too much");
+    if (isTooMuch(m_decoded)) limit(Limit::Size, "unpacks to too much");
+}
+
+// What is declared is believed: nobody unpacks more than that, and who declares too much has hidden something.
+bool Inspection::expect(std::uint64_t bytes) {
+    if (bytes > ~m_decoded || isTooMuch(m_decoded + bytes)) limit(Limit::Size, "would unpack to too much");
+    return !isOver();
+}
+
+bool Inspection::expectEntries(std::uint64_t entries) {
+    if (entries > m_plan.limits.parts) limit(Limit::Depth, "too many entries in an archive");
+    return !isOver();
+}
+
+void Inspection::unreadable(Component& archive, Unreadable why, std::string const& text) {
+    for (auto& active : m_engines) guarded(active, [&](Engine& engine) { engine.unreadable(archive, why, text); });
 }
 
 Component* Inspection::entity(EntityHead const& head, Component* parent, unsigned depth) {
+    if (head.fragment) limit(Limit::Depth, "a fragment of a message, which nobody can judge without the others");
+    return addPart(head, parent, KindOf(head), depth);
+}
+
+Component* Inspection::entry(std::string const& name, Component& archive, unsigned depth) {
+    return addPart(EntityHead::ofPlainObject(name), &archive, Component::Entry, depth);
+}
+
+std::unique_ptr<EntityBody> Inspection::entryBody(Component& entry, unsigned depth) {
+    return std::make_unique<EntryBody>(*this, entry, depth);
+}
+
+Component* Inspection::addPart(EntityHead const& head, Component* parent, Component::Kind kind, unsigned depth) {
     if (depth > m_plan.limits.depth) limit(Limit::Depth, "nested too deep");
     if (++m_parts > m_plan.limits.parts) limit(Limit::Depth, "too many parts");
-    if (head.fragment) limit(Limit::Depth, "a fragment of a message, which nobody can judge without the others");
     if (m_limit) return nullptr;
-    auto& component = m_results.components().add(parent, KindOf(head), head.fileName);
+    auto& component = m_results.components().add(parent, kind, head.fileName);
     for (auto& active : m_engines) guarded(active, [&](Engine& engine) { engine.head(head, component); });
     return &component;
 }
@@ -181,8 +284,8 @@ private:
     Scan m_scan;
 };
 
-std::unique_ptr<Salvage> Inspection::salvageOf(Component& component) {
-    return std::make_unique<Salvage>([this, &component] {
+std::unique_ptr<Salvage> Inspection::salvageOf(Component& component, unsigned depth) {
+    return std::make_unique<Salvage>([this, &component, depth] {
         Salvage::Scans scans;
         for (auto& active : m_engines) {
             guarded(active, [&](Engine& engine) {
@@ -190,22 +293,30 @@ std::unique_ptr<Salvage> Inspection::salvageOf(Component& component) {
                     scans.push_back(std::make_unique<RawScan>(*this, Scan{&active, std::move(scan)}));
             });
         }
+        scans.push_back(std::make_unique<UnpackScan>(*this, component, depth));
         return scans;
     });
 }
 
-std::unique_ptr<UuSpotter> Inspection::spotterOf(Component& component) {
+std::unique_ptr<UuSpotter> Inspection::spotterOf(Component& component, unsigned depth) {
     auto const scans = std::make_shared<std::vector<Scan>>();
-    return std::make_unique<UuSpotter>(UuSpotter::Sink{
-        [this, scans, head = EntityHead::ofPlainObject(), &component] { *scans = openAll(head, component); },
-        [this, scans](std::string_view bytes) {
-            count(bytes.size());
-            sendAll(*scans, bytes);
-        },
-        [this, scans] {
-            endAll(*scans);
-            scans->clear();
-        }});
+    auto const archive = std::make_shared<std::optional<Unpacker>>();
+    return std::make_unique<UuSpotter>(
+        UuSpotter::Sink{[this, scans, archive, &component, depth](std::string_view name) {
+                            *scans = openAll(EntityHead::ofPlainObject(std::string(name)), component);
+                            archive->emplace(*this, component, depth, Unpacker::Watch::Everywhere);
+                        },
+                        [this, scans, archive](std::string_view bytes) {
+                            count(bytes.size());
+                            sendAll(*scans, bytes);
+                            if (!isOver()) (*archive)->feed(bytes);
+                        },
+                        [this, scans, archive] {
+                            endAll(*scans);
+                            scans->clear();
+                            (*archive)->finish();
+                            archive->reset();
+                        }});
 }
 
 void Inspection::begin() {
@@ -226,6 +337,7 @@ void Inspection::firstBlock(std::string_view block) {
     if (!m_plan.unpack) return;
     if (LooksLikeMessage(block)) {
         m_walker = std::make_unique<MimeWalker>(*this, m_object, 0, true);
+        m_archive = std::make_unique<Unpacker>(*this, *m_object, 0, Unpacker::Watch::AtStart);
         return;
     }
     m_doubtful = MentionsContentField(block);
@@ -237,12 +349,14 @@ void Inspection::block(std::string_view block) {
     m_read += block.size();
     sendAll(m_objectScans, block);
     if (m_walker && !m_limit) m_walker->feed(block);
+    if (m_archive && !m_limit) m_archive->feed(block);
     if (m_plainBody) m_plainBody->data(block);
 }
 
 void Inspection::finish() {
     endAll(m_objectScans);
     if (m_walker && !m_limit) m_walker->finish();
+    if (m_archive) m_archive->finish();
     if (m_plainBody) m_plainBody->end();
     m_doubtful |= m_walker && m_walker->doubtful();
 }
@@ -282,24 +396,25 @@ void Inspection::readAll(eFabric::IStreamTransport& in, Take&& take) {
 // The second look ends where the first one did: its scans belong to the object itself.
 void Inspection::salvage(eFabric::IStreamTransport& in) {
     if (!in.CanSeekTell()) throw EngineFailure(FailureId::Read, "the object cannot be read again");
-    auto const look = salvageOf(*m_object);
+    auto const look = salvageOf(*m_object, 0);
     readAll(in, [&](std::string_view block) { look->feed(block); });
     look->finish();
 }
 
 void Inspection::report() {
-    if (m_limit) {
-        auto& result = m_results.add(kFormatName, EngineType::Format);
-        result.setDescription(m_limitText);
-        result.setLimit(*m_limit == Limit::Size ? L"SIZE" : L"DEPTH");
-        result.setAction(m_plan.limits.action);
-    }
+    // A limit comes last: of equal strength a finding says more.
     for (auto& active : m_engines) guarded(active, [&](Engine& engine) { engine.report(m_results); });
+    if (!m_limit) return;
+    auto& result = m_results.add(kFormatName, EngineType::Format);
+    result.setDescription(m_limitText);
+    result.setLimit(*m_limit == Limit::Size ? L"SIZE" : L"DEPTH");
+    result.setAction(m_plan.limits.action);
 }
 
 void Inspection::run(eFabric::IStreamTransport& in) {
     in.SetRecommendedBase(eFabric::Base_Byte);
     begin();
+    if (in.CanReportLength()) m_size = in.size();
     bool const tooLong = in.CanReportLength() && overSize(in);
     if (!tooLong) readAll(in, [&](std::string_view bytes) { block(bytes); });
     if (overSize(in)) limit(Limit::Size, "larger than is scanned");

@@ -15,13 +15,14 @@
 #include <policyloader/engines/MimeWalker.h>
 #include <policyloader/engines/ResultSet.h>
 #include <policyloader/engines/TransportIO.h>
+#include <policyloader/engines/Unpacker.h>
 
 namespace policyloader {
 
 class Salvage;
 class UuSpotter;
 
-class Inspection final : public EntitySink {
+class Inspection final : public EntitySink, public UnpackSink {
 public:
     Inspection(ScanPlan const& plan, std::vector<Engine*> const& engines, ResultSet& results, ReadBuffer& buffer);
     ~Inspection();
@@ -40,6 +41,8 @@ private:
     };
     class Body;
     friend class Body;
+    class EntryBody;
+    class UnpackScan;
     class RawScan;
     friend class RawScan;
 
@@ -53,19 +56,28 @@ private:
     void firstBlock(std::string_view block);
     void block(std::string_view block);
     void finish();
-    std::unique_ptr<Salvage> salvageOf(Component& component);
-    std::unique_ptr<UuSpotter> spotterOf(Component& component);
+    std::unique_ptr<Salvage> salvageOf(Component& component, unsigned depth);
+    std::unique_ptr<UuSpotter> spotterOf(Component& component, unsigned depth);
     void salvage(eFabric::IStreamTransport& in);
     void report();
     bool overSize(eFabric::IStreamTransport& in) const;
     std::size_t readBlock(eFabric::IStreamTransport& in, bool first);
     template <class Take>
     void readAll(eFabric::IStreamTransport& in, Take&& take);
+    bool isTooMuch(std::uint64_t decoded) const;
     void count(std::uint64_t decoded);
+    Component* addPart(EntityHead const& head, Component* parent, Component::Kind kind, unsigned depth);
 
     Component* entity(EntityHead const& head, Component* parent, unsigned depth) override;
     std::unique_ptr<EntityBody> body(EntityHead const& head, Component& component, unsigned depth) override;
     void headTooLong() override { limit(Limit::Size, "a header block is too long"); }
+    Component* entry(std::string const& name, Component& archive, unsigned depth) override;
+    std::unique_ptr<EntityBody> entryBody(Component& entry, unsigned depth) override;
+    bool expect(std::uint64_t bytes) override;
+    bool expectEntries(std::uint64_t entries) override;
+    void unpacked(std::uint64_t bytes) override { count(bytes); }
+    void unreadable(Component& archive, Unreadable why, std::string const& text) override;
+    bool isOver() const override { return m_limit.has_value(); }
     void limit(Limit kind, char const* text);
 
     ScanPlan const& m_plan;
@@ -76,6 +88,8 @@ private:
     std::vector<Scan> m_objectScans;
     std::unique_ptr<MimeWalker> m_walker;     // null: no message
     std::unique_ptr<EntityBody> m_plainBody;  // of an object that is no message
+    std::unique_ptr<Unpacker> m_archive;      // of one that may be both
+    std::uint64_t m_size = 0;                 // of the object, where it is known before the end
     std::optional<Limit> m_limit;
     std::string m_limitText;
     std::uint64_t m_read = 0;

@@ -147,7 +147,7 @@ void MimeWalker::endHead(std::uint64_t bodyBegin) {
     auto* const parent = level > 0 ? m_stack[level - 1].component : m_parent;
     entity.component = m_sink.entity(entity.head, parent, depth);
     if (!entity.component) return stop();
-    if (m_outermost) entity.component->range() = {entity.headBegin, bodyBegin, bodyBegin, true};
+    if (m_outermost) entity.component->range() = {entity.headBegin, bodyBegin, bodyBegin, false};
     if (entity.head.message && !entity.head.isEncoded() && !entity.head.multipart)
         push(bodyBegin, true);
     else if (!entity.head.multipart || entity.head.isEncoded())
@@ -219,7 +219,10 @@ void MimeWalker::closeTo(std::size_t level, std::uint64_t bodyEnd) {
         auto& entity = m_stack.back();
         m_doubtful |= entity.head.multipart && !entity.closed;
         if (entity.body) entity.body->end();
-        if (entity.component && m_outermost) entity.component->range().bodyEnd = bodyEnd;
+        if (entity.component && m_outermost) {
+            entity.component->range().bodyEnd = bodyEnd;
+            entity.component->range().known = true;
+        }
         m_stack.pop_back();
     }
 }

@@ -1,39 +1,44 @@
 #include <policyloader/engines/OutputBuilder.h>
 
 #include <algorithm>
-#include <cctype>
-
-#include <gmime/gmime-encodings.h>
-#include <strings.h>
 
 #include <KORtk/Text.h>
 
+#include <policyloader/engines/HeadFields.h>
+#include <policyloader/engines/Marks.h>
 #include <policyloader/engines/TempObject.h>
+#include <policyloader/engines/TextCase.h>
+#include <policyloader/engines/TextDecoder.h>
+#include <policyloader/engines/TransferEncoder.h>
 
 namespace policyloader {
 namespace {
 
-constexpr char kNewFields[] =
-    "Content-Type: text/plain; charset=utf-8\n"
-    "Content-Transfer-Encoding: quoted-printable\n"
-    "Content-Disposition: inline\n";
+constexpr std::size_t kLongestName = 100;  // of a part that is put in
 
-std::string Quoted(std::string const& text) {
-    GMimeEncoding state;
-    g_mime_encoding_init_encode(&state, GMIME_CONTENT_ENCODING_QUOTEDPRINTABLE);
-    std::string out(g_mime_encoding_outlen(&state, text.size()) + 16, '\0');
-    out.resize(g_mime_encoding_flush(&state, text.data(), text.size(), out.data()));
-    return out;
+std::string Quoted(std::string const& text, std::string const& lineEnd) {
+    TransferEncoder encoder(TransferEncoding::QuotedPrintable, lineEnd);
+    std::string out(encoder.encode(WithLineEnds(text, lineEnd)));
+    return out.append(encoder.finish());
 }
 
-std::string WithLineEnds(std::string_view text, std::string const& lineEnd) {
-    std::string out;
-    for (char const c : text) c == '\n' ? out += lineEnd : out += c;
-    return out;
+bool IsContentField(std::string_view name) {
+    constexpr std::string_view prefix = "Content-";
+    return name.size() >= prefix.size() && SameText(name.substr(0, prefix.size()), prefix);
 }
 
-bool StartsWith(std::string_view text, std::string_view prefix) {
-    return text.size() >= prefix.size() && strncasecmp(text.data(), prefix.data(), prefix.size()) == 0;
+// The alert of "a.exe" is "a.exe.txt", so that nobody opens it as what it was.
+std::string NewNameOf(Component const& component) {
+    auto const* const wide = component.GetComponentName();
+    auto name = wide ? OneLine(ToCleanUtf8(KORtk::Utf8Array(wide).str())) : std::string();
+    if (name.empty()) return name;
+    std::size_t cut = std::min(name.size(), kLongestName);
+    while (cut < name.size() && cut > 0 && (name[cut] & 0xC0) == 0x80) --cut;
+    return name.substr(0, cut) + ".txt";
+}
+
+std::string NameParameter(char const* parameter, std::string const& name, std::string const& lineEnd) {
+    return name.empty() ? std::string() : FieldParameter(parameter, name, lineEnd);
 }
 
 std::string JoinNames(std::vector<std::string> const& names) {
@@ -44,44 +49,37 @@ std::string JoinNames(std::vector<std::string> const& names) {
 
 }  // namespace
 
-std::string FillMarks(std::string_view text, std::function<bool(std::string const&, std::string&)> const& value) {
-    std::string out;
-    while (!text.empty()) {
-        std::size_t const begin = text.find('%');
-        out.append(text.substr(0, begin));
-        if (begin == std::string_view::npos) return out;
-        text.remove_prefix(begin);
-        std::size_t const end = text.find('%', 1);
-        std::string put;
-        bool const known = end != std::string_view::npos && end > 1 && value(std::string(text.substr(1, end - 1)), put);
-        out.append(known ? std::string_view(put) : std::string_view("%"));
-        text.remove_prefix(known ? end + 1 : 1);
-    }
-    return out;
-}
-
-OutputBuilder::OutputBuilder(ScanPlan const& plan, ResultSet const& results, IKORPropertyBag const* substitutions,
-                             ReadBuffer& buffer)
-    : m_plan(plan), m_results(results), m_substitutions(substitutions), m_buffer(buffer) {
-    collect();
-}
-
-void OutputBuilder::collect() {
-    for (auto* const result : m_results.triggered()) {
+void OutputBuilder::replace(ResultSet const& results) {
+    for (auto* const result : results.triggered()) {
         if (!result->wantsReplacing()) continue;
-        for (auto* const component : result->components()) m_cuts.push_back({component->replaceable(), result});
+        for (auto* const component : result->components())
+            m_changes.push_back({component->replaceable(), result, nullptr});
     }
-    // Of parts within one another the outermost goes.
-    auto const before = [](Cut const& a, Cut const& b) {
+    arrange();
+}
+
+void OutputBuilder::add(std::vector<TextEdit> const& edits) {
+    for (auto const& edit : edits) m_changes.push_back({edit.component, nullptr, &edit});
+    arrange();
+}
+
+std::size_t OutputBuilder::edited() const {
+    return static_cast<std::size_t>(
+        std::count_if(m_changes.begin(), m_changes.end(), [](Change const& change) { return change.edit; }));
+}
+
+// Of parts within one another the outermost is changed, and what is replaced is not added to.
+void OutputBuilder::arrange() {
+    auto const before = [](Change const& a, Change const& b) {
         auto const &x = a.component->range(), &y = b.component->range();
         return x.headBegin != y.headBegin ? x.headBegin < y.headBegin : x.bodyEnd > y.bodyEnd;
     };
-    std::stable_sort(m_cuts.begin(), m_cuts.end(), before);
-    std::vector<Cut> apart;
-    for (auto const& cut : m_cuts)
-        if (apart.empty() || cut.component->range().headBegin >= apart.back().component->range().bodyEnd)
-            apart.push_back(cut);
-    m_cuts.swap(apart);
+    std::stable_sort(m_changes.begin(), m_changes.end(), before);
+    std::vector<Change> apart;
+    for (auto const& change : m_changes)
+        if (apart.empty() || change.component->range().headBegin >= apart.back().component->range().bodyEnd)
+            apart.push_back(change);
+    m_changes.swap(apart);
 }
 
 void OutputBuilder::build(eFabric::IStreamTransport& in, eFabric::IStreamTransport* out) {
@@ -96,13 +94,16 @@ void OutputBuilder::build(eFabric::IStreamTransport& in, eFabric::IStreamTranspo
     if (!in.seteof()) throw EngineFailure(FailureId::Write, "the object cannot be cut off");
 }
 
-void OutputBuilder::write(eFabric::IStreamTransport& in, Sink const& sink) {
+void OutputBuilder::write(eFabric::IStreamTransport& in, ByteSink const& sink) {
     std::uint64_t at = 0;
     auto const lineEnd = lineEndOf(in);
-    for (auto const& cut : m_cuts) {
-        auto const& range = cut.component->range();
+    for (auto const& change : m_changes) {
+        auto const& range = change.component->range();
         ReadRange(in, at, range.headBegin, m_buffer, sink);
-        sink(replacement(in, cut, lineEnd));
+        if (change.edit)
+            WriteEdited(in, *change.edit, lineEnd, m_buffer, sink);
+        else
+            sink(replacement(in, change, lineEnd));
         at = range.bodyEnd;
     }
     ReadRange(in, at, in.size(), m_buffer, sink);
@@ -115,53 +116,54 @@ std::string OutputBuilder::lineEndOf(eFabric::IStreamTransport& in) {
     return end != std::string::npos && (end == 0 || head[end - 1] != '\r') ? "\n" : "\r\n";
 }
 
-std::string OutputBuilder::replacement(eFabric::IStreamTransport& in, Cut const& cut, std::string const& lineEnd) {
+std::string OutputBuilder::replacement(eFabric::IStreamTransport& in, Change const& cut, std::string const& lineEnd) {
+    auto const& component = *cut.component;
     std::string out;
-    if (cut.component->kind() == Component::Message) out = keptFields(in, *cut.component, lineEnd);
-    out += WithLineEnds(kNewFields, lineEnd) + lineEnd;
-    return out + WithLineEnds(Quoted(alertText(cut)), lineEnd);
+    if (component.kind() == Component::Message) out = keptFields(in, component, lineEnd);
+    auto const name = NewNameOf(component);
+    out += "Content-Type: text/plain; charset=utf-8" + NameParameter("name", name, lineEnd) + lineEnd;
+    out += "Content-Transfer-Encoding: quoted-printable" + lineEnd;
+    out += "Content-Disposition: inline" + NameParameter("filename", name, lineEnd) + lineEnd;
+    out += lineEnd + Quoted(alertText(cut), lineEnd);
+    return EndsLine(in, component.range().bodyEnd, m_buffer) ? out : out + lineEnd;
 }
 
 // A message keeps the fields of its own; those that told of its content go.
 std::string OutputBuilder::keptFields(eFabric::IStreamTransport& in, Component const& component,
                                       std::string const& lineEnd) {
-    std::string block, out;
+    std::string block;
     auto const& range = component.range();
     ReadRange(in, range.headBegin, range.bodyBegin, m_buffer, [&](std::string_view b) { block += b; });
-    bool kept = false, versioned = false;
-    for (std::string_view rest = block; !rest.empty();) {
-        std::size_t const end = rest.find('\n');
-        auto const line = rest.substr(0, end == std::string_view::npos ? end : end + 1);
-        rest.remove_prefix(line.size());
-        bool const folded = line.front() == ' ' || line.front() == '\t';
-        bool const blank = line == "\n" || line == "\r\n";
-        if (!folded) kept = !blank && !StartsWith(line, "Content-");
-        versioned |= StartsWith(line, "MIME-Version");
-        if (kept) out += line;
-    }
-    if (!out.empty() && out.back() != '\n') out += lineEnd;
-    return versioned ? out : out + "MIME-Version: 1.0" + lineEnd;
+    auto const kept = KeepFields(block, lineEnd, [](std::string_view name) { return !IsContentField(name); });
+    return HasField(kept, "MIME-Version") ? kept : kept + "MIME-Version: 1.0" + lineEnd;
 }
 
-std::string OutputBuilder::alertText(Cut const& cut) const {
-    bool const antiVirus = cut.result->type() == EngineType::AntiVirus;
+std::string const& OutputBuilder::alertOf(EngineType type) const {
+    if (type == EngineType::AntiVirus) return m_plan.antiVirusAlert;
+    if (type == EngineType::MailFilter) return m_plan.mail.alert;
+    return type == EngineType::Format ? m_plan.formatAlert : m_plan.contentAlert;
+}
+
+std::string OutputBuilder::alertText(Change const& cut) const {
     auto const value = [&](std::string const& name, std::string& text) {
-        auto const* const property = m_substitutions ? m_substitutions->GetProperty(name.c_str()) : nullptr;
-        wchar_t const* const wide = property ? property->GetWide() : nullptr;
-        wchar_t const* const file = cut.component->GetComponentName();
-        if (wide)
-            text = KORtk::Utf8Array(wide).str();
-        else if (name == "FILENAME")
-            text = file ? KORtk::Utf8Array(file).str() : "-";
-        else if (name == "INFECTIONS")
-            text = JoinNames(cut.result->names());
-        else if (name == "SCANNER")
-            text = cut.result->GetScannerClassName();
-        else
-            return false;
-        return true;
+        bool const known = HostsText(m_substitutions, name, text) || ownText(cut, name, text);
+        text = OneLine(ToCleanUtf8(text));
+        return known;
     };
-    return FillMarks(antiVirus ? m_plan.antiVirusAlert : m_plan.contentAlert, value);
+    return ToCleanUtf8(FillMarks(alertOf(cut.result->type()), value));
+}
+
+bool OutputBuilder::ownText(Change const& cut, std::string const& name, std::string& text) const {
+    wchar_t const* const file = cut.component->GetComponentName();
+    if (name == "FILENAME")
+        text = file ? KORtk::Utf8Array(file).str() : "-";
+    else if (name == "INFECTIONS")
+        text = JoinNames(cut.result->names());
+    else if (name == "SCANNER")
+        text = cut.result->GetScannerClassName();
+    else
+        return false;
+    return true;
 }
 
 }  // namespace policyloader

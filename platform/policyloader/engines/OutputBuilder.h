@@ -1,5 +1,5 @@
 // OutputBuilder: writes what goes on in place of the scanned object: every part to be replaced gives way to a text that
-// says so; all else stays byte for byte.
+// says so, texts that are added to are written anew; all else stays byte for byte.
 // Owner: one scan, its thread.  Units: bytes.  Failure: EngineFailure of Read or Write.
 #pragma once
 
@@ -12,6 +12,7 @@
 
 #include <policyloader/engines/EngineFailure.h>
 #include <policyloader/engines/ResultSet.h>
+#include <policyloader/engines/TextEdit.h>
 #include <policyloader/engines/TransportIO.h>
 
 namespace policyloader {
@@ -19,33 +20,36 @@ namespace policyloader {
 class OutputBuilder {
 public:
     // `substitutions` may be null: the host's texts for the marks, by name.
-    OutputBuilder(ScanPlan const& plan, ResultSet const& results, IKORPropertyBag const* substitutions,
-                  ReadBuffer& buffer);
+    OutputBuilder(ScanPlan const& plan, IKORPropertyBag const* substitutions, ReadBuffer& buffer)
+        : m_plan(plan), m_substitutions(substitutions), m_buffer(buffer) {}
+
+    void replace(ResultSet const& results);        // what the results want replaced
+    void add(std::vector<TextEdit> const& edits);  // outlive the builder; those within what is replaced are not written
+    bool changes() const { return !m_changes.empty(); }
+    std::size_t edited() const;  // parts that are added to
     // To `out`, or in place of the object itself when that is null.
     void build(eFabric::IStreamTransport& in, eFabric::IStreamTransport* out);
 
 private:
-    using Sink = std::function<void(std::string_view)>;
-    struct Cut {
+    struct Change {
         Component const* component;
-        EngineResult const* result;
+        EngineResult const* result;  // null: it is
+        TextEdit const* edit;
     };
 
-    void collect();
-    void write(eFabric::IStreamTransport& in, Sink const& sink);
-    std::string replacement(eFabric::IStreamTransport& in, Cut const& cut, std::string const& lineEnd);
+    void arrange();
+    void write(eFabric::IStreamTransport& in, ByteSink const& sink);
+    std::string replacement(eFabric::IStreamTransport& in, Change const& cut, std::string const& lineEnd);
     std::string keptFields(eFabric::IStreamTransport& in, Component const& component, std::string const& lineEnd);
-    std::string alertText(Cut const& cut) const;
+    std::string const& alertOf(EngineType type) const;
+    std::string alertText(Change const& cut) const;
+    bool ownText(Change const& cut, std::string const& name, std::string& text) const;
     std::string lineEndOf(eFabric::IStreamTransport& in);
 
     ScanPlan const& m_plan;
-    ResultSet const& m_results;
     IKORPropertyBag const* m_substitutions;
     ReadBuffer& m_buffer;
-    std::vector<Cut> m_cuts;  // by place, none within another
+    std::vector<Change> m_changes;  // by place, none within another
 };
-
-// Puts a text for each "%NAME%" for which `value` knows one; other marks stay. What is put in is not looked at again.
-std::string FillMarks(std::string_view text, std::function<bool(std::string const&, std::string&)> const& value);
 
 }  // namespace policyloader

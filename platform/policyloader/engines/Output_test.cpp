@@ -1,7 +1,7 @@
 #include <gmime/gmime.h>
 #include <unistd.h>
 
-#include <policyloader/engines/OutputBuilder.h>
+#include <policyloader/engines/Marks.h>
 #include <policyloader/engines/ScanFixture.h>
 #include <policyloader/engines/TempObject.h>
 

@@ -3,6 +3,7 @@
 #include <string>
 
 #include <policyloader/engines/Inspection.h>
+#include <policyloader/engines/Marks.h>
 #include <policyloader/engines/OutputBuilder.h>
 
 namespace policyloader {
@@ -33,15 +34,23 @@ IScanResultHandler const* ScanObject::Scan(eFabric::IStreamTransport* out, ScanT
 }
 
 void ScanObject::scan(eFabric::IStreamTransport* out, ScanTime const* time) {
-    ScanPlan plan(view(time), m_state->selection, *m_state->cache);
+    ScanPlan plan(view(time), m_state->selection, *m_state->caches);
     plan.unpack = !isFallback();
-    Inspection(plan, engines(), m_results, m_state->buffer).run(m_in);
+    plan.session = substitutions();
+    plan.disclaimer.enabled &= isMail();
+    plan.disclaimer.fill(
+        [&](std::string const& name, std::string& text) { return HostsText(plan.session, name, text); });
+    auto engines = judges();
+    engines.push_back(&m_state->info);
+    Inspection(plan, engines, m_results, m_state->buffer).run(m_in);
     escalate(!out && m_in.IsReadOnly());
     m_results.decide(plan);
     produce(plan, out);
 }
 
-std::vector<Engine*> ScanObject::engines() const { return {&m_state->antiVirus, &m_state->content}; }
+std::vector<Engine*> ScanObject::judges() const {
+    return {&m_state->format, &m_state->antiVirus, &m_state->content, &m_state->mail, &m_state->spam};
+}
 
 // What asks for a replacement that cannot be made is refused instead.
 void ScanObject::escalate(bool all) {
@@ -51,25 +60,47 @@ void ScanObject::escalate(bool all) {
 
 void ScanObject::produce(ScanPlan const& plan, eFabric::IStreamTransport* out) {
     auto const* const master = static_cast<EngineResult const*>(m_results.GetMasterScanResult());
-    if (!master || !master->wantsReplacing()) {
-        if (out) CopyObject(m_in, *out, m_state->buffer);
-        return;
-    }
-    OutputBuilder(plan, m_results, substitutions(), m_state->buffer).build(m_in, out);
-    m_results.setModified(true);
-    if (!isClean(plan, out ? *out : m_in)) {
+    bool const replaces = master && master->wantsReplacing();
+    bool const passes = !m_results.hasError() && !(master && master->action() == kRefusal);
+    OutputBuilder builder(plan, substitutions(), m_state->buffer);
+    if (replaces) builder.replace(m_results);
+    auto const edits = passes ? additions() : std::vector<TextEdit>();
+    if (out || !m_in.IsReadOnly()) builder.add(edits);
+    if (builder.changes())
+        builder.build(m_in, out);
+    else if (out)
+        CopyObject(m_in, *out, m_state->buffer);
+    m_results.setModified(builder.changes());
+    if (replaces && !isClean(plan, out ? *out : m_in)) {
         escalate(true);
         m_results.decide(plan);
         return;
     }
     for (auto* const result : m_results.triggered())
-        if (result->wantsReplacing()) result->setCleaned();
+        if (replaces && result->wantsReplacing()) result->setCleaned();
+    if (passes) m_state->info.conclude(m_results, builder.edited());
+}
+
+// Nobody has seen all of an object that is beyond a limit.
+std::vector<TextEdit> ScanObject::additions() {
+    long position = 0;
+    for (auto const* one = m_results.FindFirstScanResult(position); one; one = m_results.FindNextScanResult(position))
+        if (one->GetPropertyBag()->GetProperty("E_SR_DOS_TYPE")) return {};
+    return m_state->info.edits();
+}
+
+// The web's objects are not mail, whatever they look like.
+bool ScanObject::isMail() const {
+    auto const* const bag = m_in.GetPropertyBag();
+    auto const* const web = bag ? bag->GetProperty("ES_CONTEXT_HTTP") : nullptr;
+    long value = 0;
+    return !web || !web->GetLong(value) || value == 0;
 }
 
 // Looks at the new object as at any other: what asked for a replacement must be gone from it.
 bool ScanObject::isClean(ScanPlan const& plan, eFabric::IStreamTransport& made) {
     ResultSet again;
-    Inspection(plan, engines(), again, m_state->buffer).run(made);
+    Inspection(plan, judges(), again, m_state->buffer).run(made);
     for (auto* const result : again.triggered())
         if (result->wantsReplacing()) return false;
     return !again.hasError();

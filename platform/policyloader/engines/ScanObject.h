@@ -4,11 +4,13 @@
 #pragma once
 
 #include <memory>
+#include <vector>
 
 #include <eFabric/Policy.h>
 
 #include <policyloader/engines/ResultSet.h>
 #include <policyloader/engines/ScanThread.h>
+#include <policyloader/engines/TextEdit.h>
 
 namespace policyloader {
 
@@ -31,9 +33,11 @@ private:
     void escalate(bool all);
     void produce(ScanPlan const& plan, eFabric::IStreamTransport* out);
     bool isClean(ScanPlan const& plan, eFabric::IStreamTransport& made);
+    std::vector<TextEdit> additions();
+    bool isMail() const;
     bool isFallback() const;
     IKORPropertyBag const* substitutions() const;
-    std::vector<Engine*> engines() const;
+    std::vector<Engine*> judges() const;  // all but the one that adds
 
     std::shared_ptr<ThreadState> const m_state;
     eFabric::IStreamTransport& m_in;

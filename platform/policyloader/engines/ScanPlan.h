@@ -7,8 +7,15 @@
 #include <memory>
 #include <string>
 
+#include <policyloader/engines/ClamdScan.h>
 #include <policyloader/engines/ContentRules.h>
+#include <policyloader/engines/Disclaimer.h>
+#include <policyloader/engines/FormatRules.h>
+#include <policyloader/engines/MailRules.h>
+#include <policyloader/engines/SpamSettings.h>
 #include <policyloader/store/SettingsView.h>
+
+class IKORPropertyBag;
 
 namespace policyloader {
 
@@ -26,16 +33,37 @@ inline constexpr std::uint64_t kExpansionFloor = 64u << 20;
 struct EngineSelection {
     bool antiVirus = true;
     bool content = true;
+    bool format = true;
+    bool mail = true;
+    bool spam = true;
+    bool info = true;
+};
+
+// Compiled rules of every engine, shared by all threads.
+struct RuleCaches {
+    ContentCache content;
+    FormatCache format;
+    MailCache mail;
+};
+
+struct MailSettings {
+    bool isOn = false;  // there are rules
+    std::string action;
+    std::string alert;
+    std::shared_ptr<MailRules const> rules;  // null while off
 };
 
 struct ScanPlan {
     SettingsView settings;
     ScanLimits limits;
     bool unpack = true;
+    IKORPropertyBag const* session = nullptr;  // what the host tells of the object's road; null: nothing
 
     bool antiVirus = false;
     std::string antiVirusAction;
     std::string antiVirusAlert;
+    ClamdSettings clamd;
+    bool replacesInfected() const { return antiVirusAction == "CLEAN" || antiVirusAction == "REPLACE"; }
 
     bool content = false;
     std::string contentAction;
@@ -43,10 +71,26 @@ struct ScanPlan {
     double threshold = 1;
     std::shared_ptr<ContentRules const> rules;  // null: none
 
-    ScanPlan(SettingsView const& view, EngineSelection const& selection, ContentCache& cache);
+    bool format = false;
+    std::string formatAction;
+    std::string formatAlert;
+    std::string onEncrypted;
+    std::string onBroken;
+    std::shared_ptr<FormatRules const> formatRules;  // null: none
+
+    MailSettings mail;
+    SpamSettings spam;
+    Disclaimer disclaimer;
+
+    ScanPlan(SettingsView const& view, EngineSelection const& selection, RuleCaches& caches);
 
     // Whether `a` is to win over `b`: by the policy's order, and by the usual one where the policy does not know them.
     bool isStronger(std::string const& a, std::string const& b) const;
+
+private:
+    void readContent(RuleCaches& caches);
+    void readFormat(RuleCaches& caches);
+    void readMail(RuleCaches& caches);
 };
 
 }  // namespace policyloader

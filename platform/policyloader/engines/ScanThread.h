@@ -12,6 +12,11 @@
 #include <policyloader/engines/AntiVirusEngine.h>
 #include <policyloader/engines/ContentEngine.h>
 #include <policyloader/engines/EngineFailure.h>
+#include <policyloader/engines/FileTypes.h>
+#include <policyloader/engines/FormatEngine.h>
+#include <policyloader/engines/InfoEngine.h>
+#include <policyloader/engines/MailFilterEngine.h>
+#include <policyloader/engines/SpamEngine.h>
 #include <policyloader/engines/TransportIO.h>
 #include <policyloader/store/ErrorState.h>
 
@@ -20,14 +25,20 @@ namespace policyloader {
 // Shared by a scan thread and its scan objects.
 struct ThreadState {
     ThreadState(SettingsSource const& source, std::shared_ptr<SignatureDatabase const> signatures,
-                std::shared_ptr<ContentCache> contentCache);
+                std::shared_ptr<RuleCaches> ruleCaches, std::shared_ptr<ClamdServers> virusServers,
+                std::shared_ptr<ServerRota> spamServers);
 
     SettingsSource const& settings;
-    std::shared_ptr<ContentCache> const cache;
+    std::shared_ptr<RuleCaches> const caches;
     PatternScratch scratch;
     ReadBuffer buffer;
     AntiVirusEngine antiVirus;
     ContentEngine content;
+    FileTypes fileTypes;
+    FormatEngine format;
+    MailFilterEngine mail;
+    SpamEngine spam;
+    InfoEngine info;
     EngineSelection selection;
     InternedString policy;
     std::time_t (*timeSource)() = nullptr;  // null: the store's own

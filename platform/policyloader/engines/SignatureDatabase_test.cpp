@@ -64,8 +64,8 @@ TEST_F(SignatureScans, WithoutAFileKnowTheBuiltInTestFile) {
     EXPECT_STREQ(bag->GetProperty("EngineType")->GetNarrow(), "KORAVScanner");
     EXPECT_STREQ(bag->GetProperty("Definitions")->GetNarrow(), "built-in");
     EXPECT_NE(bag->GetProperty("Version")->GetNarrow(), nullptr);
-    EXPECT_EQ(m_host.countEngines(), 2);
-    EXPECT_EQ(m_host.engineInformation(2), nullptr);
+    EXPECT_EQ(m_host.countEngines(), 6);
+    EXPECT_EQ(m_host.engineInformation(6), nullptr);
     EXPECT_EQ(m_host.engineInformation(-1), nullptr);
 }
 

@@ -3,7 +3,9 @@
 
 #include <functional>
 
+#include <policyloader/engines/ArchiveWriter.h>
 #include <policyloader/engines/ScanFixture.h>
+#include <policyloader/engines/ScriptedServer.h>
 
 using namespace policyloader;
 
@@ -11,8 +13,10 @@ namespace {
 
 #ifdef VELT_SANITIZED
 constexpr std::size_t kStackBytes = 1u << 20;  // the sanitizers widen every frame
+constexpr int kRules = 40;                     // and take long to compile expressions
 #else
 constexpr std::size_t kStackBytes = 128u << 10;
+constexpr int kRules = 200;
 #endif
 
 class OnASmallStack : public ScanFixture {
@@ -52,7 +56,7 @@ std::string Repeated(std::string const& text, std::size_t bytes) {
 
 TEST_F(OnASmallStack, RulesCompileAndMatch) {
     std::string rules;
-    for (int i = 0; i < 200; ++i)
+    for (int i = 0; i < kRules; ++i)
         rules += "<rule name=\"r" + std::to_string(i) + "\" where=\"any\" match=\"regex:(a|b(c|d)+){1,9}x" +
                  std::to_string(i) + "[a-z]{3,20}\"/>";
     Policy("<settings section=\"KORContentScanner\">" + rules + "</settings>");
@@ -82,5 +86,38 @@ TEST_F(OnASmallStack, DeepNestingEndsInTheLimit) {
     for (auto const& message : {plain, encoded}) {
         ScanThere(message);
         EXPECT_TRUE(m_triggered);
+    }
+}
+
+TEST_F(OnASmallStack, AServerIsAskedOverHttpAndItsAnswerRead) {
+    std::string const message = "Subject: a\r\n\r\n" + Repeated("text\r\n", 20000) + "end";
+    std::string const nested = "\"nested\":" + std::string(40, '[') + std::string(40, ']');
+    std::string const answer = "{\"score\":9,\"required_score\":5,\"symbols\":{}," + nested + "}";
+    ScriptedServer const server(m_folder + "/one", [&](int fd, int) {
+        std::string const end = "\r\n\r\n" + message;
+        std::string question;
+        char byte = 0;
+        while (!question.ends_with(end) && ReadExactly(fd, &byte, 1)) question += byte;
+        Say(fd, "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(answer.size()) + "\r\n\r\n" + answer);
+    });
+    Policy(
+        "<settings section='SpamScanner'><set name='Source'>rspamd</set><set name='Action'>DENY</set><set "
+        "name='Servers'>" +
+        server.path() + "</set></settings>");
+    ScanThere(message);
+    EXPECT_TRUE(m_triggered);
+}
+
+TEST_F(OnASmallStack, ArchivesInsideEachOtherAreUnpackedAndTheirFilesKnown) {
+    Policy("<settings section=\"KORFormatScanner\"><rule name=\"r\" type=\"exe\" match=\"needle\"/></settings>");
+    for (auto const* const kind : {"zip", "7zip", "gnutar", "newc"}) {
+        std::string object = MakeArchive(kind, {{"needle", Repeated("<html>{\"a\": [", 100000)}});
+        for (int i = 0; i < 14; ++i) object = MakeArchive(kind, {{"next", object}});
+        ScanThere(WithAttachment("a.bin", object));
+        EXPECT_TRUE(m_triggered) << kind;
+    }
+    for (auto const* const filter : {"gzip", "bzip2", "xz", "zstd", "lz4", "compress"}) {
+        ScanThere(WithAttachment("needle.gz", Compressed(filter, "x")));
+        EXPECT_TRUE(m_triggered) << filter;
     }
 }

@@ -19,6 +19,7 @@ TempObject::~TempObject() {
 void TempObject::append(std::string_view text) {
     if (isInMemory() && m_memory.size() + text.size() > m_memoryBytes) toFile();
     isInMemory() ? void(m_memory.append(text)) : writeFile(text);
+    m_size += text.size();
 }
 
 void TempObject::toFile() {
@@ -40,16 +41,22 @@ void TempObject::writeFile(std::string_view text) {
     }
 }
 
-void TempObject::readAll(std::function<void(std::string_view)> const& take) {
+std::size_t TempObject::readAt(std::uint64_t at, char* to, std::size_t count) const {
+    if (isInMemory()) return at < m_memory.size() ? m_memory.copy(to, count, static_cast<std::size_t>(at)) : 0;
+    for (;;) {
+        ssize_t const got = ::pread(m_file, to, count, static_cast<off_t>(at));
+        if (got >= 0) return static_cast<std::size_t>(got);
+        if (errno != EINTR)
+            throw EngineFailure(FailureId::Read, "temporary file: " + std::string(std::strerror(errno)));
+    }
+}
+
+void TempObject::readAll(std::function<void(std::string_view)> const& take) const {
     if (isInMemory()) return take(m_memory);
     std::vector<char> block(kBlockBytes);
-    off_t at = 0;
-    for (;;) {
-        ssize_t const got = ::pread(m_file, block.data(), block.size(), at);
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) throw EngineFailure(FailureId::Read, "temporary file: " + std::string(std::strerror(errno)));
-        if (got == 0) return;
-        take(std::string_view(block.data(), static_cast<std::size_t>(got)));
+    std::uint64_t at = 0;
+    while (std::size_t const got = readAt(at, block.data(), block.size())) {
+        take(std::string_view(block.data(), got));
         at += got;
     }
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -17,7 +18,10 @@ public:
     TempObject& operator=(TempObject const&) = delete;
 
     void append(std::string_view text);
-    void readAll(std::function<void(std::string_view)> const& take);
+    std::uint64_t size() const { return m_size; }
+    // From one position, as much as is there; 0: nothing is.
+    std::size_t readAt(std::uint64_t at, char* to, std::size_t count) const;
+    void readAll(std::function<void(std::string_view)> const& take) const;
     bool isInMemory() const { return m_file < 0; }
 
 private:
@@ -26,6 +30,7 @@ private:
 
     std::size_t m_memoryBytes;
     std::string m_memory;
+    std::uint64_t m_size = 0;
     int m_file = -1;
 };
 

@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <cctype>
 
+#include <policyloader/engines/UuSpotter.h>
+
 namespace policyloader {
 namespace {
 
-constexpr std::size_t kMaxBeginLine = 1024;
+constexpr std::size_t kMaxUuLine = 1024;   // what is longer is cut
 constexpr std::size_t kMaxBlanks = 65536;  // in a row; more of them are no line's end
 
 struct Row {
@@ -38,11 +40,6 @@ std::string FirstWord(std::string_view text) {
     return word;
 }
 
-GMimeContentEncoding LibraryName(TransferEncoding encoding) {
-    return encoding == TransferEncoding::UUEncode ? GMIME_CONTENT_ENCODING_UUENCODE
-                                                  : GMIME_CONTENT_ENCODING_QUOTEDPRINTABLE;
-}
-
 }  // namespace
 
 std::optional<TransferEncoding> ParseTransferEncoding(std::string_view header) {
@@ -53,7 +50,7 @@ std::optional<TransferEncoding> ParseTransferEncoding(std::string_view header) {
 }
 
 TransferDecoder::TransferDecoder(TransferEncoding encoding) : m_encoding(encoding) {
-    g_mime_encoding_init_decode(&m_other, LibraryName(encoding));
+    g_mime_encoding_init_decode(&m_quoted, GMIME_CONTENT_ENCODING_QUOTEDPRINTABLE);
 }
 
 std::string_view TransferDecoder::decode(std::string_view piece) {
@@ -63,9 +60,10 @@ std::string_view TransferDecoder::decode(std::string_view piece) {
         m_base64.decode(piece, m_buffer);
         return m_buffer;
     }
-    piece = m_encoding == TransferEncoding::UUEncode ? behindBegin(piece) : withoutTrailingBlanks(piece);
-    m_buffer.resize(g_mime_encoding_outlen(&m_other, piece.size()));
-    m_buffer.resize(g_mime_encoding_step(&m_other, piece.data(), piece.size(), m_buffer.data()));
+    if (m_encoding == TransferEncoding::UUEncode) return uudecode(piece);
+    piece = withoutTrailingBlanks(piece);
+    m_buffer.resize(g_mime_encoding_outlen(&m_quoted, piece.size()));
+    m_buffer.resize(g_mime_encoding_step(&m_quoted, piece.data(), piece.size(), m_buffer.data()));
     return m_buffer;
 }
 
@@ -88,26 +86,34 @@ std::string_view TransferDecoder::withoutTrailingBlanks(std::string_view piece) 
     return m_trimmed;
 }
 
-// What stands behind the line "begin <mode> <name>"; nothing while that has not come.
-std::string_view TransferDecoder::behindBegin(std::string_view piece) {
-    while (!m_begun && !piece.empty()) {
+// Line by line: the MIME library's own way with uuencode loses bytes where a piece ends within a line.
+std::string_view TransferDecoder::uudecode(std::string_view piece) {
+    while (!piece.empty() && !m_ended) {
         std::size_t const end = piece.find('\n');
-        if (m_line.size() < kMaxBeginLine) m_line.append(piece.substr(0, end));
+        auto const more = piece.substr(0, end);
+        m_line.append(more.substr(0, kMaxUuLine - std::min(kMaxUuLine, m_line.size())));
         piece.remove_prefix(end == std::string_view::npos ? piece.size() : end + 1);
-        if (end == std::string_view::npos) return {};
-        m_begun = m_line.compare(0, 6, "begin ") == 0;
-        m_line.clear();
-        if (m_begun) m_other.state = GMIME_UUDECODE_STATE_BEGIN;
+        if (end != std::string_view::npos) uuLine();
     }
-    return piece;
+    return m_buffer;
+}
+
+void TransferDecoder::uuLine() {
+    if (!m_line.empty() && m_line.back() == '\r') m_line.pop_back();
+    bool const begins = m_line.compare(0, 6, "begin ") == 0;
+    m_ended = m_begun && m_line == "end";
+    if (m_begun && !m_ended && !begins) AppendUuLine(m_line, m_buffer);
+    m_begun |= begins;
+    m_line.clear();
 }
 
 std::string_view TransferDecoder::finish() {
     m_buffer.clear();
     if (m_encoding == TransferEncoding::Base64) m_base64.finish(m_buffer);
-    if (m_encoding != TransferEncoding::QuotedPrintable && m_encoding != TransferEncoding::UUEncode) return m_buffer;
-    m_buffer.resize(g_mime_encoding_outlen(&m_other, 0) + 8);
-    m_buffer.resize(g_mime_encoding_flush(&m_other, "", 0, m_buffer.data()));
+    if (m_encoding == TransferEncoding::UUEncode && !m_ended) uuLine();
+    if (m_encoding != TransferEncoding::QuotedPrintable) return m_buffer;
+    m_buffer.resize(g_mime_encoding_outlen(&m_quoted, 0) + 8);
+    m_buffer.resize(g_mime_encoding_flush(&m_quoted, "", 0, m_buffer.data()));
     return m_buffer;
 }
 

@@ -25,17 +25,18 @@ public:
     bool odd() const { return m_base64.sawStrayPadding(); }
 
 private:
-    std::string_view behindBegin(std::string_view piece);
+    std::string_view uudecode(std::string_view piece);
+    void uuLine();
     std::string_view withoutTrailingBlanks(std::string_view piece);
 
     TransferEncoding m_encoding;
     Base64Decoder m_base64;
-    GMimeEncoding m_other;
-    // Of uuencode, before its content begins: the line that may be its "begin". Of quoted-printable: blanks that may
-    // stand at the end of their line.
+    GMimeEncoding m_quoted;
+    // Of uuencode: the line that has begun. Of quoted-printable: blanks that may stand at the end of their line.
     std::string m_line;
     std::string m_trimmed;
-    bool m_begun = false;  // that line was seen
+    bool m_begun = false;  // the line "begin <mode> <name>" was seen
+    bool m_ended = false;  // and the line "end"
     std::string m_buffer;
 };
 

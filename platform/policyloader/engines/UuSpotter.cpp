@@ -10,11 +10,13 @@ namespace {
 constexpr std::string_view kBegin = "begin ";
 constexpr std::size_t kMaxLine = 1024;  // what is longer is neither a "begin" line nor data
 
-bool IsBegin(std::string_view line) {
-    if (line.substr(0, kBegin.size()) != kBegin) return false;
+// What stands behind "begin" and a mode; empty: this is no such line.
+std::string_view NameIn(std::string_view line) {
+    if (line.substr(0, kBegin.size()) != kBegin) return {};
     line.remove_prefix(kBegin.size());
     std::size_t const digits = std::min(line.find_first_not_of("01234567"), line.size());
-    return digits >= 3 && digits <= 4 && digits + 1 < line.size() && line[digits] == ' ';
+    bool const begins = digits >= 3 && digits <= 4 && digits + 1 < line.size() && line[digits] == ' ';
+    return begins ? line.substr(digits + 1) : std::string_view();
 }
 
 bool MayBeBegin(std::string_view text) { return kBegin.substr(0, text.size()) == text.substr(0, kBegin.size()); }
@@ -22,6 +24,17 @@ bool MayBeBegin(std::string_view text) { return kBegin.substr(0, text.size()) ==
 unsigned ValueOf(char c) { return (static_cast<unsigned char>(c) - 32u) & 63u; }
 
 }  // namespace
+
+void AppendUuLine(std::string_view line, std::string& bytes) {
+    if (line.empty()) return;
+    std::size_t const whole = bytes.size() + ValueOf(line[0]);
+    for (std::size_t at = 1; bytes.size() < whole; at += 4) {
+        unsigned bits = 0;
+        for (std::size_t k = 0; k < 4; ++k) bits = bits << 6 | (at + k < line.size() ? ValueOf(line[at + k]) : 0);
+        for (int shift = 16; shift >= 0; shift -= 8) bytes += static_cast<char>(bits >> shift);
+    }
+    bytes.resize(whole);
+}
 
 void UuSpotter::feed(std::string_view piece) {
     for (std::size_t at = 0; at < piece.size();) {
@@ -62,29 +75,18 @@ std::size_t UuSpotter::takeLine(std::string_view piece, std::size_t at) {
 
 void UuSpotter::line() {
     while (!m_line.empty() && (m_line.back() == '\n' || m_line.back() == '\r')) m_line.pop_back();
-    if (IsBegin(m_line)) {
+    if (auto const name = NameIn(m_line); !name.empty()) {
         if (m_inFile) m_sink.end();
-        m_sink.begin();
+        m_sink.begin(name);
         m_inFile = true;
     } else if (m_inFile && m_line == "end") {
         m_sink.end();
         m_inFile = false;
     } else if (m_inFile && !m_line.empty()) {
-        decode();
+        m_decoded.clear();
+        AppendUuLine(m_line, m_decoded);
+        m_sink.data(m_decoded);
     }
-}
-
-// One line: its first character tells how many bytes the others stand for. Blanks that were cut off its end are zeros.
-void UuSpotter::decode() {
-    std::size_t const count = ValueOf(m_line[0]);
-    m_decoded.clear();
-    for (std::size_t at = 1; m_decoded.size() < count; at += 4) {
-        unsigned bits = 0;
-        for (std::size_t k = 0; k < 4; ++k) bits = bits << 6 | (at + k < m_line.size() ? ValueOf(m_line[at + k]) : 0);
-        for (int shift = 16; shift >= 0; shift -= 8) m_decoded += static_cast<char>(bits >> shift);
-    }
-    m_decoded.resize(count);
-    m_sink.data(m_decoded);
 }
 
 void UuSpotter::finish() {

@@ -9,11 +9,16 @@
 
 namespace policyloader {
 
+// One line of a uuencoded file, without its end: its first character tells how many bytes the others stand for. Blanks
+// that were cut off its end are zeros.
+void AppendUuLine(std::string_view line, std::string& bytes);
+
 class UuSpotter {
 public:
-    // begin() tells of a file that begins, data() of its bytes, end() of its end; the end of the text ends it too.
+    // begin() tells of a file that begins, by its name, data() of its bytes, end() of its end; the end of the text ends
+    // it too.
     struct Sink {
-        std::function<void()> begin;
+        std::function<void(std::string_view)> begin;
         std::function<void(std::string_view)> data;
         std::function<void()> end;
     };
@@ -26,7 +31,6 @@ private:
     std::size_t search(std::string_view piece, std::size_t at);
     std::size_t takeLine(std::string_view piece, std::size_t at);
     void line();
-    void decode();
 
     Sink m_sink;
     std::string m_line;  // begun, while it may be of interest
