@@ -95,8 +95,10 @@ public:
     std::vector<InternedString> names;
 };
 
-class FakePolicyStore final : public eFabric::IPolicyLoader {
+class FakePolicyStore : public eFabric::IPolicyLoader {
 public:
+    virtual ~FakePolicyStore() = default;
+
     // A value of one policy, for those without an identity or for one identity.
     void Put(std::string const& policy, std::string const& section, std::string const& key, FakeValue value,
              std::string const& identity = {}) {
@@ -121,6 +123,7 @@ public:
         ++reads;
         lastTime = when;
         lastStatus = *status;
+        *status = statusAnswer;
         lastPolicy = policy;
         lastIdentity = identity;
         auto const found =
@@ -140,6 +143,7 @@ public:
     IKORError const& lastError() const override { return m_error; }
 
     int actionsAnswer = 0;
+    int statusAnswer = 0;                       // of every read, whatever it gives
     mutable std::atomic<unsigned> interned{0};  // calls, not texts
     mutable std::atomic<unsigned> reads{0};
     mutable std::time_t lastTime = 0;

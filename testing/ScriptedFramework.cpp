@@ -27,12 +27,14 @@ public:
         ScriptedFramework::get().Note("release object");
         delete this;
     }
-    IScanResultHandler const* Scan(eFabric::IStreamTransport* out, ScanTime*) override {
+    IScanResultHandler const* Scan(eFabric::IStreamTransport* out, ScanTime* when) override {
         auto& script = ScriptedFramework::get();
+        script.when = when->Get();
         script.Note(out ? "scan" : "scan in place");
         return script.scan ? script.scan(m_input, out) : nullptr;
     }
-    bool IsSettingOn(char const* setting, ScanTime*) override {
+    bool IsSettingOn(char const* setting, ScanTime* when) override {
+        ScriptedFramework::get().when = when->Get();
         ScriptedFramework::get().Note(std::string("setting ") + setting);
         return ScriptedFramework::get().settingOn;
     }
@@ -53,6 +55,7 @@ public:
     }
     bool SetPolicy(InternedString policy) override {
         ScriptedFramework::get().Note("policy " + Name(policy));
+        if (ScriptedFramework::get().onPolicy) ScriptedFramework::get().onPolicy();
         return ScriptedFramework::get().takesPolicy;
     }
     IKORError const& LastError() const override { return kError; }
@@ -81,8 +84,10 @@ public:
         return script.initialises;
     }
     IScanThread* createScanThread(InternedString policy) override {
-        ScriptedFramework::get().Note("thread " + Name(policy));
-        return ScriptedFramework::get().giveThread ? new ScriptedThread : nullptr;
+        auto& script = ScriptedFramework::get();
+        script.Note("thread " + Name(policy));
+        if (script.makingThread) script.makingThread();
+        return script.giveThread ? new ScriptedThread : nullptr;
     }
     int countEngines() const override { return static_cast<int>(m_engines.size()); }
     IKORPropertyBag const* engineInformation(int index) const override { return &m_engines[index]; }
@@ -135,4 +140,8 @@ eFabric::IPolicyLoader* CreatePolicyLoader(int api, int flavour) {
     return velt_testing::ScriptedFramework::get().giveLoader ? &loader : nullptr;
 }
 
-void ShutdownPolicyLoader() { velt_testing::ScriptedFramework::get().Note("shutdown"); }
+void ShutdownPolicyLoader() {
+    auto& script = velt_testing::ScriptedFramework::get();
+    script.Note("shutdown");
+    if (script.shutdown) script.shutdown();
+}

@@ -6,6 +6,8 @@
 #include <Export.h>
 #include <eFabric/Policy.h>
 
+#include <atomic>
+#include <ctime>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -81,11 +83,15 @@ struct VELTPLATFORM_API ScriptedFramework {
     bool settingOn = false;
     std::vector<std::vector<std::string>> engines;  // EngineType, Version, Definitions of each
     std::function<IScanResultHandler const*(eFabric::IStreamTransport& in, eFabric::IStreamTransport* out)> scan;
+    std::function<void()> makingThread;  // may throw
+    std::function<void()> shutdown;
+    std::function<void()> onPolicy;  // called when a thread object is given a policy, which is before its scans
 
     // The record.
     std::vector<std::string> Calls() const;  // "thread content_in", "policy x", "select 0", "object id", "scan" ...
     void Forget();
     void Note(std::string call);
+    std::atomic<std::time_t> when{0};  // the last scan, or question for a setting
     eFabric::eConfig config;
     std::vector<std::pair<std::string, std::string>> bag;  // what initialise was given
 

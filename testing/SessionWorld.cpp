@@ -31,25 +31,6 @@ sockaddr_in Address(char const* dotted, unsigned short port) {
     return address;
 }
 
-Listener::Listener(char const* address, int backlog)
-    : m_fd(Checked(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket")), m_name(Address(address, 0)) {
-    socklen_t length = sizeof m_name;
-    Checked(::bind(m_fd, reinterpret_cast<sockaddr*>(&m_name), length), "bind");
-    Checked(::getsockname(m_fd, reinterpret_cast<sockaddr*>(&m_name), &length), "getsockname");
-    Checked(::listen(m_fd, backlog), "listen");
-}
-
-Listener::~Listener() { Close(); }
-
-void Listener::Close() {
-    if (m_fd >= 0) ::close(m_fd);
-    m_fd = -1;
-}
-
-unsigned short Listener::port() const { return ntohs(m_name.sin_port); }
-
-int Listener::Accept() const { return Checked(::accept(m_fd, nullptr, nullptr), "accept"); }
-
 SessionWorld::SessionWorld() {
     new VELT::Proxy;  // the instance; the destructor deletes it
     std::string spool = m_root / "scandir";
@@ -86,9 +67,7 @@ void SessionWorld::Accept(VELT::Connection& session, char const* from, bool tran
     sockaddr_in target = Address("127.0.0.1", m_listener.port());
     Checked(::connect(m_client, reinterpret_cast<sockaddr*>(&target), sizeof target), "connect");
 
-    int const accepted = m_listener.Accept();
-    ::fcntl(accepted, F_SETFL, O_NONBLOCK);
-    auto* const stream = new VELT::TCPStream(accepted);
+    auto* const stream = new VELT::TCPStream(m_listener.Accept().release());
     sockaddr_in peer = {}, local = {}, destination = {};
     bool flag = false;
     Checked(stream->GetConnectionInfo(peer, local, destination, flag), "GetConnectionInfo");

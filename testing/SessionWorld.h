@@ -9,28 +9,12 @@
 #include <string>
 #include <string_view>
 
+#include "testing/Sockets.h"
 #include "testing/TempRoot.h"
 #include "velt/connection/Connection.h"
 #include "velt/runtime/Proxy.h"
 
 namespace velt_testing {
-
-// A listening socket on loopback; accepts nothing by itself.
-class Listener {
-public:
-    explicit Listener(char const* address = "127.0.0.1", int backlog = 16);
-    ~Listener();
-    Listener(Listener const&) = delete;
-    Listener& operator=(Listener const&) = delete;
-
-    unsigned short port() const;  // host order
-    int Accept() const;           // the caller owns it
-    void Close();                 // from now on connects to the port are refused
-
-private:
-    int m_fd;
-    sockaddr_in m_name;
-};
 
 sockaddr_in Address(char const* dotted, unsigned short port);
 

@@ -17,27 +17,9 @@
 #include <string>
 #include <utility>
 
+#include <testing/Fd.h>
+
 namespace velt_testing {
-
-// A descriptor that closes with its scope.
-class Fd {
-public:
-    explicit Fd(int fd = -1) : m_fd(fd) {}
-    ~Fd() { Close(); }
-    Fd(Fd&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
-    Fd& operator=(Fd&& other) noexcept {
-        std::swap(m_fd, other.m_fd);
-        return *this;
-    }
-    int get() const { return m_fd; }
-    int release() { return std::exchange(m_fd, -1); }
-    void Close() {
-        if (m_fd >= 0) ::close(std::exchange(m_fd, -1));
-    }
-
-private:
-    int m_fd;
-};
 
 // The lowest free descriptor: it is the same before and after something that leaks none.
 inline int NextFd() {
@@ -62,11 +44,12 @@ inline sockaddr_in Loopback(unsigned short port, char const* dotted = "127.0.0.1
 
 inline sockaddr* Generic(sockaddr_in& address) { return reinterpret_cast<sockaddr*>(&address); }
 
-// Listens on a free port of 127.0.0.1.
+// Listens on a free port of a loopback address.
 class Listener {
 public:
-    explicit Listener(int backlog = 16, int flags = 0) : m_fd(::socket(AF_INET, SOCK_STREAM | flags, 0)) {
-        sockaddr_in any = Loopback(0);
+    explicit Listener(int backlog = 16, int flags = 0, char const* dotted = "127.0.0.1")
+        : m_fd(::socket(AF_INET, SOCK_STREAM | flags, 0)) {
+        sockaddr_in any = Loopback(0, dotted);
         EXPECT_EQ(::bind(fd(), Generic(any), sizeof any), 0);
         EXPECT_EQ(::listen(fd(), backlog), 0);
         socklen_t length = sizeof m_address;

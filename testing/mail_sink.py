@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """A mail server for tests and the demo: it takes messages, keeps them, and misbehaves on demand.
 
-As a module: MailSink() listens on a free port of 127.0.0.1; messages are in .messages, every connection's talk in .talks.
+As a module: MailSink() listens on a free port of 127.0.0.1, or of another host; messages are in .messages, every
+connection's talk in .talks.
 As a program: mail_sink.py [--port N] [--directory D] prints the port, then a line for each message, and stores them.
 
 Behaviour, all optional, may be changed while it runs:
@@ -141,25 +142,27 @@ class Session:
 
 
 class MailSink:
-    def __init__(self, port=0, directory=None, on_message=None):
+    def __init__(self, port=0, directory=None, on_message=None, host="127.0.0.1"):
         self.extensions = ["PIPELINING", "SIZE 104857600", "8BITMIME", "ENHANCEDSTATUSCODES"]
         self.greeting = "220 sink ESMTP"
         self.replies, self.fault = {}, None
         self.messages, self.talks, self.unfinished = [], [], 0
+        self.peers = []  # the address of each client, in the order in which they came
         self.directory, self.on_message = directory, on_message
         self.stalled, self.closing = threading.Event(), threading.Event()
         self.changed = threading.Condition()
         self.open = set()
-        self.listener = socket.create_server(("127.0.0.1", port), backlog=128)
+        self.listener = socket.create_server((host, port), backlog=128)
         self.port = self.listener.getsockname()[1]
         threading.Thread(target=self._accept, daemon=True).start()
 
     def _accept(self):
         while True:
             try:
-                connection, _ = self.listener.accept()
+                connection, peer = self.listener.accept()
             except OSError:
                 return
+            self.peers.append(peer[0])
             threading.Thread(target=self._serve, args=(connection,), daemon=True).start()
 
     def _serve(self, connection):
