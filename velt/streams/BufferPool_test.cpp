@@ -99,16 +99,40 @@ TEST(BufferPool, IsSharedByThreads) {
 }
 
 #ifndef VELT_SANITIZED
+namespace {
+
+// While it lives there is no more memory to be had than these bytes of address space.
+class NoMemory {
+public:
+    explicit NoMemory(rlim_t bytes) {
+        ::getrlimit(RLIMIT_AS, &m_before);
+        rlimit const small{std::min(m_before.rlim_max, bytes), m_before.rlim_max};
+        EXPECT_EQ(::setrlimit(RLIMIT_AS, &small), 0);
+    }
+    ~NoMemory() { ::setrlimit(RLIMIT_AS, &m_before); }
+
+private:
+    rlimit m_before{};
+};
+
+}  // namespace
+
 TEST(BufferPool, TellsItsSizeEvenWhenThereIsNoMemory) {
-    rlimit before{};
-    ::getrlimit(RLIMIT_AS, &before);
-    rlimit const small{std::min<rlim_t>(before.rlim_max, 512u << 20), before.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_AS, &small), 0);
+    NoMemory const none(512u << 20);
     unsigned size = 0;
     BufferPool pool(1u << 30, 2);
-    char* const buffer = pool.obtain_buffer(size);
-    ::setrlimit(RLIMIT_AS, &before);
-    EXPECT_EQ(buffer, nullptr);
+    EXPECT_EQ(pool.obtain_buffer(size), nullptr);
     EXPECT_EQ(size, 1u << 30);
+}
+
+TEST(BufferPool, HasTheBuffersThatItMadeAheadAndNoMore) {
+    BufferPool pool(64u << 20, 3);
+    NoMemory const none(1);
+    unsigned size = 0;
+    std::vector<char*> buffers;
+    buffers.reserve(4);
+    while (char* const buffer = pool.obtain_buffer(size)) buffers.push_back(buffer);
+    EXPECT_EQ(buffers.size(), 3u);
+    for (char* const buffer : buffers) pool.release_buffer(buffer);
 }
 #endif

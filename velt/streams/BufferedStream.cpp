@@ -108,7 +108,7 @@ int BufferedStream::read_line(char*& line, bool force, bool& io_done, LINE_STATE
     state = LINE_INCOMPLETE;
     for (;;) {
         if (posn != 0 && !buffer_is_store) compact();
-        if (posn == 0 && buffer_size > 1 && file_size == buffer_size - 1) return overflow_line(line, state, strip_cr);
+        if (is_overflow()) return overflow_line(line, state, strip_cr);
         bool const may_read = force || !io_done;
         int const count = perform_io(force, io_done);
         if (count <= 0) {
@@ -128,21 +128,27 @@ void BufferedStream::compact() {
     scanned_to = left;  // the caller has searched it all
 }
 
+// A store that is full to the last byte has no room for the NUL behind a line: what is unfinished there stays.
+bool BufferedStream::is_overflow() const {
+    return buffer_size > 1 && unread() == buffer_size - 1 && file_size != buffer_size;
+}
+
 int BufferedStream::overflow_line(char*& line, LINE_STATE_T& state, bool strip_cr) {
-    unsigned length = file_size;
+    unsigned end = file_size;
     state = LINE_OVERFLOW;
-    line = buffer;
+    line = buffer + posn;
+    bool const held_return = strip_cr && buffer[end - 1] == '\r';
+    if (held_return) --end;
+    if (held_return || buffer_is_store) {
+        saved_posn = static_cast<int>(end);
+        saved_chr = buffer[end];
+    }
+    buffer[end] = 0;
+    int const length = static_cast<int>(end - posn);
     file_size = 0;
     posn = 0;
     scanned_to = 0;
-    bool const held_return = strip_cr && buffer[length - 1] == '\r';
-    if (held_return) --length;
-    if (held_return || buffer_is_store) {
-        saved_posn = static_cast<int>(length);
-        saved_chr = buffer[length];
-    }
-    buffer[length] = 0;
-    return static_cast<int>(length);
+    return length;
 }
 
 int BufferedStream::readdata(char*& data, unsigned max, bool force, bool& io_done) {

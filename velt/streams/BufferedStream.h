@@ -88,6 +88,7 @@ private:
     unsigned unread() const { return posn < file_size ? file_size - posn : 0; }
     unsigned free_space() const { return buffer_size > file_size ? buffer_size - file_size - 1 : 0; }
     int complete_line(unsigned end, char*& line, LINE_STATE_T& state, bool strip_cr);
+    bool is_overflow() const;
     int overflow_line(char*& line, LINE_STATE_T& state, bool strip_cr);
     int read_line(char*& line, bool force, bool& io_done, LINE_STATE_T& state, bool strip_cr);
     bool find_line_end(unsigned& end);

@@ -198,6 +198,8 @@ TEST(BufferedStreamOverflow, LeavesOutAReturnAtItsEndAndEndsWithANul) {
     ASSERT_EQ(peer.getline(line, true, io_done, state, true), 6);
     EXPECT_EQ(state, LINE_OVERFLOW);
     EXPECT_STREQ(line, "123456");
+    peer.restore_saved_chr();
+    EXPECT_EQ(std::string(line, 7), "123456\r") << "it is kept as the byte under the NUL";
     ExpectLine(peer, "");
     ExpectLine(peer, "X");
 }
@@ -210,14 +212,14 @@ TEST(BufferedStreamOverflow, KeepsAReturnThatIsNotToGo) {
 }
 
 TEST(BufferedStreamOverflow, CannotBeRewound) {
-    ScriptedStream peer({"12345678"}, EndsWith::close, 8);
+    ScriptedStream peer({"12345678\n"}, EndsWith::close, 8);
     bool io_done = false;
     char* line = nullptr;
     LINE_STATE_T state;
     peer.getline(line, true, io_done, state, true);
     ASSERT_EQ(state, LINE_OVERFLOW);
-    EXPECT_EQ(peer.rewind(line), -1);
-    EXPECT_EQ(peer.rewind(line + 3), -1);
+    for (int at = 0; at <= 8; ++at) EXPECT_EQ(peer.rewind(line + at), -1) << at;
+    ExpectLine(peer, "8", "the tail is still what comes next");
 }
 
 TEST(BufferedStreamOverflow, TailIsDroppedUpToTheNextLine) {
@@ -282,7 +284,7 @@ TEST(BufferedStreamOneRead, IsUsedUpByTheFirstRead) {
 TEST(BufferedStreamOneRead, ThatIsUsedUpLeavesErrnoZeroAndTheLineIncomplete) {
     ScriptedStream peer({"whole\n"});
     bool io_done = true;
-    char* line = nullptr;
+    char* line = reinterpret_cast<char*>(&peer);
     LINE_STATE_T state = LINE_COMPLETE;
     errno = EIO;
     EXPECT_EQ(peer.getline(line, false, io_done, state, true), -1);
@@ -391,6 +393,15 @@ TEST(BufferedStreamLook, SeesALineOnlyWhenItIsWholeAndAtHand) {
     EXPECT_EQ(peer.reads(), 2);
 }
 
+TEST(BufferedStreamLook, DoesNotSeeALineEndThatABlockTook) {
+    std::string const wire = "one\ntwo";
+    for (unsigned taken = 0; taken <= wire.size(); ++taken) {
+        ScriptedStream peer({wire});
+        ASSERT_EQ(peer.GetBlock(taken), wire.substr(0, taken));
+        EXPECT_EQ(peer.is_line_buffered(), taken <= 3) << taken;
+    }
+}
+
 TEST(BufferedStreamRewind, GivesTheLineBackAsItCame) {
     for (bool const strip : {false, true}) {
         ScriptedStream peer({"one\r\ntwo\r\n"});
@@ -399,7 +410,9 @@ TEST(BufferedStreamRewind, GivesTheLineBackAsItCame) {
         LINE_STATE_T state;
         peer.getline(line, true, io_done, state, strip);
         EXPECT_EQ(peer.rewind(line), 0);
-        EXPECT_EQ(peer.Buffered(), "one\r\ntwo\r\n") << "the byte under the NUL is back";
+        EXPECT_EQ(std::string(line, 10), "one\r\ntwo\r\n") << "the byte under the NUL is back at once";
+        EXPECT_TRUE(peer.is_line_buffered());
+        EXPECT_EQ(peer.Buffered(), "one\r\ntwo\r\n");
         ExpectLine(peer, "one");
     }
 }
@@ -437,6 +450,35 @@ TEST(BufferedStreamPlaces, AreSetWithoutACheck) {
     ExpectLine(peer, "gh", "what lies before the place is not unread");
 }
 
+TEST(BufferedStreamPlaces, BehindTheDataAreKeptUntilTheDataReachThem) {
+    ScriptedStream peer({"abcdefgh"});
+    peer.GetBlock(1);
+    for (unsigned place = 0; place <= 8; ++place) {
+        peer.set_file_size(3);
+        peer.seek_posn(static_cast<long>(place));
+        peer.set_file_size(8);
+        EXPECT_EQ(peer.Buffered(), std::string("abcdefgh").substr(std::min(place, 8u))) << place;
+    }
+}
+
+// Each operation that moves or hands out begins with the byte under the NUL of the last line.
+TEST(BufferedStreamPlaces, MovedIntoALineThatWasHandedOutFindItWhole) {
+    enum Way { line, block, look };
+    for (Way const way : {line, block, look})
+        for (long place = 0; place < 4; ++place) {
+            ScriptedStream peer({"one\ntwo\n"});
+            ExpectLine(peer, "one");
+            peer.seek_posn(place);
+            auto const at = static_cast<std::size_t>(place);
+            std::string const rest = std::string("one\ntwo\n").substr(at);
+            if (way == line) {
+                ExpectLine(peer, rest.substr(0, rest.find('\n')));
+            } else {
+                EXPECT_EQ(way == block ? peer.GetBlock() : peer.Buffered(), rest);
+            }
+        }
+}
+
 TEST(BufferedStreamPlaces, FarBehindTheDataHoldNothing) {
     ScriptedStream peer({"abcdef", "gh\n"});
     peer.GetBlock(3);
@@ -453,8 +495,21 @@ TEST(BufferedStreamPlaces, FollowACutOfTheData) {
     peer.set_file_size(2);
     EXPECT_EQ(peer.Buffered(), "");
     peer.set_file_size(4);
+    EXPECT_EQ(peer.Buffered(), "e\n") << "the place went down with the data";
     peer.seek_posn(0);
     EXPECT_EQ(peer.Buffered(), "on" + std::string("e\n")) << "the byte under the NUL is back";
+}
+
+TEST(BufferedStreamPlaces, CutBringsTheByteUnderTheNulBackAtOnce) {
+    for (unsigned size = 0; size <= 8; ++size) {
+        ScriptedStream peer({"one\ntwo\n"});
+        bool io_done = false;
+        char* line = nullptr;
+        LINE_STATE_T state;
+        peer.getline(line, true, io_done, state, true);
+        peer.set_file_size(size);
+        EXPECT_EQ(std::string(line, 8), "one\ntwo\n") << size;
+    }
 }
 
 TEST(BufferedStreamPlaces, AreForgottenWithTheDataOrWithout) {
@@ -490,6 +545,11 @@ TEST(BufferedStreamBuffer, ThatCannotBeHadClosesEverything) {
     ExpectClosed(peer, -1);
     char* data = reinterpret_cast<char*>(&peer);
     bool io_done = false;
+    LINE_STATE_T state = LINE_COMPLETE;
+    EXPECT_EQ(peer.getline(data, false, io_done, state, true), -1);
+    EXPECT_EQ(state, LINE_CLOSED);
+    EXPECT_EQ(data, nullptr);
+    data = reinterpret_cast<char*>(&peer);
     EXPECT_EQ(peer.buffereddata(data), -1);
     EXPECT_EQ(data, nullptr);
     EXPECT_EQ(peer.readdata(data, 1, true, io_done), -1);

@@ -1,5 +1,8 @@
 #include <velt/streams/NameMatch.h>
 
+#include <algorithm>
+#include <cstring>
+
 namespace VELT {
 
 namespace {
@@ -42,10 +45,27 @@ char const* MatchByte(char const* pattern, char const* name, bool fold) {
     return same ? pattern + 1 : nullptr;
 }
 
-int CountDots(char const* text) {
-    int dots = 0;
-    for (; *text; ++text) dots += *text == '.';
-    return dots;
+int CountDots(char const* from, char const* to) { return static_cast<int>(std::count(from, to, '.')); }
+
+// How long a rest of a pattern is that stands for itself, byte by byte; -1 when there is more to it.
+long PlainLength(char const* pattern) {
+    char const* end = pattern;
+    for (; *end; ++end)
+        if (*end == '*' || *end == '[') return -1;
+    return end - pattern;
+}
+
+bool SameText(char const* a, char const* b, std::size_t length, bool fold) {
+    if (!fold) return std::memcmp(a, b, length) == 0;
+    return std::equal(a, a + length, b, [](char x, char y) { return Lower(Byte(x)) == Lower(Byte(y)); });
+}
+
+// A `*` and plain text behind it, which can only stand at the end of the name: the dots that the `*` takes, -1 where
+// that text is not there.
+int MatchEnding(char const* text, long length, char const* name, bool fold) {
+    long const taken = static_cast<long>(std::strlen(name)) - length;
+    if (taken < 0 || !SameText(name + taken, text, static_cast<std::size_t>(length), fold)) return -1;
+    return CountDots(name, name + taken);
 }
 
 }  // namespace
@@ -88,7 +108,10 @@ int name_match(char const* pattern, char const* name, bool fold) {
             while (*pattern == '*') ++pattern;
             score += stretch + 1;
             stretch = 0;
-            if (!*pattern) return score + CountDots(name);
+            if (long const length = PlainLength(pattern); length >= 0) {
+                int const dots = MatchEnding(pattern, length, name, fold);
+                return dots < 0 ? 0 : score + dots;
+            }
             retryPattern = pattern;
             retryName = name;
             continue;

@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
 #include <velt/streams/NameMatch.h>
 
+#include <random>
 #include <string>
+
+#include <testing/NameMatchModel.h>
 
 using namespace VELT;
 
@@ -91,6 +94,42 @@ TEST(NameMatch, TakesItsTimeByTheProductOfBothLengths) {
     for (int i = 0; i < 50; ++i) pattern += "*a";
     EXPECT_EQ(Score((pattern + "*b").c_str(), name.c_str()), 0);
     EXPECT_EQ(Score(pattern.c_str(), name.c_str()), 51);
+}
+
+// The plain form would try hundreds of millions of ways for the long name, so that it is asked about shorter ones.
+TEST(NameMatch, ScoresManyStarsAsThePlainFormDoes) {
+    std::string const name(255, 'a');
+    EXPECT_EQ(Score("*a*a*a*b", name.c_str()), 0);
+    EXPECT_EQ(Score("*a*a*a*b", (name.substr(1) + 'b').c_str()), 5);
+    EXPECT_EQ(Score("*a*a*a*[b]", name.c_str()), 0);
+    EXPECT_EQ(Score("*a*a*a*[b]", (name.substr(1) + 'b').c_str()), 6);
+    for (std::size_t length = 0; length < 20; ++length)
+        for (char const* pattern : {"*a*a*a*b", "*a*a*a*[b]", "*a*a*a*", "*a*[a]*a"})
+            for (char const* ending : {"", "b", ".b"}) {
+                std::string const shorter = name.substr(0, length) + ending;
+                EXPECT_EQ(Score(pattern, shorter.c_str()), velt_testing::ModelMatch(pattern, shorter.c_str(), false))
+                    << pattern << ' ' << shorter;
+            }
+}
+
+TEST(NameMatch, ScoresAnyTextAsThePlainFormDoes) {
+    std::mt19937 random(1);
+    auto const text = [&](std::string const& letters, std::size_t longest) {
+        std::string made(random() % (longest + 1), ' ');
+        for (char& c : made) c = letters[random() % letters.size()];
+        return made;
+    };
+    int matches = 0;
+    for (int i = 0; i < 300000; ++i) {
+        std::string const pattern = text(i % 2 ? "aAb.*" : "aAbc.*[]^-", 8);
+        std::string const name = text("aAb.", 10);
+        for (bool const fold : {false, true}) {
+            int const score = name_match(pattern.c_str(), name.c_str(), fold);
+            ASSERT_EQ(score, velt_testing::ModelMatch(pattern.c_str(), name.c_str(), fold)) << pattern << ' ' << name;
+            matches += score > 1;
+        }
+    }
+    EXPECT_GT(matches, 10000) << "these texts must not all differ";
 }
 
 TEST(SetMatch, AnswersThePlaceOfTheClosingBracket) {

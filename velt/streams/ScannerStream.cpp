@@ -150,7 +150,7 @@ int ScannerStream::writev(unsigned count, unsigned* lengths, char const** buffer
     for (unsigned i = 0; i < count; ++i) {
         unsigned sent = 0;
         if (write(buffers[i], lengths[i], &sent) != 0) return -1;
-        posn += sent;  // on top of what write itself did: callers seek before they go on
+        advance(sent);  // on top of what write itself did: callers seek before they go on
         *written += sent;
     }
     return 0;
@@ -230,8 +230,13 @@ long ScannerStream::read_disk(char* data, unsigned long length) {
     unsigned long const limit = is_own_buffer(data) ? std::min<unsigned long>(length, free_bytes_at(data)) : length;
     ssize_t const count = ::read(disk_fd, data, limit);
     if (count < 0) return -1;
-    posn += static_cast<unsigned>(length);  // what was asked for
+    advance(length);  // what was asked for
     return count;
+}
+
+// The last position is where the cursor stops: from there on a write is refused.
+void ScannerStream::advance(unsigned long count) {
+    posn = static_cast<unsigned>(std::min<unsigned long>(posn + std::min<unsigned long>(count, UINT_MAX), UINT_MAX));
 }
 
 long ScannerStream::seek(long offset, int whence) {
@@ -282,7 +287,7 @@ bool ScannerStream::setsize_disk(unsigned length) {
     eof = length;
     if (length >= posn) return true;
     invalidate_buffer(false);
-    ::lseek(disk_fd, length, SEEK_SET);
+    if (::lseek(disk_fd, length, SEEK_SET) < 0) return false;
     posn = length;
     return true;
 }
@@ -326,8 +331,9 @@ bool ScannerStream::open_trickle() {
     ::fsync(disk_fd);
     trickle_fd = ::open(disk_file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
     if (trickle_fd < 0) return false;
-    ::lseek(trickle_fd, trickle_posn, SEEK_SET);
-    return true;
+    if (::lseek(trickle_fd, trickle_posn, SEEK_SET) >= 0) return true;
+    CloseIfOpen(trickle_fd);
+    return false;
 }
 
 }  // namespace VELT

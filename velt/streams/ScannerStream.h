@@ -84,6 +84,10 @@ public:
     // For the crash handler: the content to `path`, its state as text to `path`.info. Always 0.
     int emergency_dump(char const* path);
 
+    // For a scan that does not come back, from a signal handler on the thread that owns the stream: the file of this
+    // name in an open directory is another name of the spool file, or a copy of what lies in memory. No state changes.
+    bool keep_copy(int directory, char const* name) const;
+
     static BufferPool* s_bufferpool;
     static unsigned s_buffersize;
     static std::string s_spooldir;  // ends in "/"
@@ -101,6 +105,7 @@ private:
     long write_disk(char const* data, unsigned length);
     long write_memory(char const* data, unsigned length);
     void grow_to(unsigned length);
+    void advance(unsigned long count);
     long read_memory(char* data, unsigned long length);
     long read_disk(char* data, unsigned long length);
     long seek_memory(long target);

@@ -60,6 +60,7 @@ bool ScannerStream::HeaderRewrite::Run() {
         bool io_done = false;
         LINE_STATE_T state = LINE_CLOSED;
         int const length = stream.getline(line, true, io_done, state, true);
+        if (state == LINE_CLOSED && length < 0 && stream.eof != 0) return stream.dropfile(path, fd);  // not to be read
         if (state == LINE_OVERFLOW || continued) {
             if (!PutPiece(line, length, state)) return false;
             continue;

@@ -183,6 +183,24 @@ TEST(SpoolStreamStore, HandsOutMoreThanThePoolsSizeFromMemoryOfItsOwn) {
     EXPECT_TRUE(room.Spooled().empty());
 }
 
+// What is left behind the last line end counts as a line that does not fit where it fills a buffer of the pool's size.
+TEST(SpoolStreamStore, GivesALastPieceOfThePoolsSizeAsOverflow) {
+    SpoolRoom room(16);
+    for (unsigned const length : {14u, 15u, 16u}) {
+        FileStream stream(64);
+        std::string const last(length, 'x');
+        Put(stream, "one\n" + last);
+        stream.seek(0, 0);
+        EXPECT_EQ(NextLine(stream).text, "one");
+        SpoolLine const line = NextLine(stream);
+        EXPECT_EQ(line.state, length == 15 ? LINE_OVERFLOW : LINE_CLOSED) << length;
+        EXPECT_EQ(line.text, length == 15 ? last : "");
+        EXPECT_EQ(NextLine(stream).state, LINE_CLOSED);
+        stream.seek(0, 0);
+        EXPECT_EQ(RestOfBlocks(stream), "one\n" + last);
+    }
+}
+
 TEST(SpoolStreamStore, KeepsTheByteBehindALineThatDidNotFit) {
     SpoolRoom room(16);
     FileStream stream(64);

@@ -89,15 +89,16 @@ int ScannerStream::spool_to_disk(char const* path) {
     return CloseWritten(fd, path, on_disk() ? copy_to(fd) : WriteAll(fd, memory, in_memory()));
 }
 
+// True when all of it was copied, and the cursor stands where it did.
 bool ScannerStream::copy_to(int fd) {
     off_t const here = ::lseek(disk_fd, 0, SEEK_CUR);
-    ::lseek(disk_fd, 0, SEEK_SET);
+    if (here < 0 || ::lseek(disk_fd, 0, SEEK_SET) != 0) return false;
     char block[kBlock];
     ssize_t count;
     do count = ReadBlock(disk_fd, block);
     while (count > 0 && WriteAll(fd, block, static_cast<unsigned long>(count)));
     int const error = errno;
-    ::lseek(disk_fd, here, SEEK_SET);
+    if (::lseek(disk_fd, here, SEEK_SET) != here) return false;
     errno = error;
     return count == 0;
 }
@@ -110,14 +111,12 @@ int ScannerStream::spool_to_stream(BufferedStream* target) {
 
 int ScannerStream::copy_disk_to_stream(BufferedStream* target) {
     off_t const here = ::lseek(disk_fd, 0, SEEK_CUR);
-    ::lseek(disk_fd, 0, SEEK_SET);
+    if (here < 0 || ::lseek(disk_fd, 0, SEEK_SET) != 0) return -1;
     char block[kBlock];
     ssize_t count;
     while ((count = ReadBlock(disk_fd, block)) > 0)
         if (!WriteAllTo(*target, block, static_cast<unsigned>(count))) return -1;
-    if (count < 0) return -1;
-    ::lseek(disk_fd, here, SEEK_SET);
-    return 0;
+    return count == 0 && ::lseek(disk_fd, here, SEEK_SET) == here ? 0 : -1;
 }
 
 int ScannerStream::spool_from_stream(BufferedStream* source, unsigned count) {
@@ -200,6 +199,15 @@ int ScannerStream::emergency_dump(char const* path) {
         spool_to_disk(path);
     write_dump_info(path);
     return 0;
+}
+
+bool ScannerStream::keep_copy(int directory, char const* name) const {
+    if (on_disk()) return ::linkat(AT_FDCWD, disk_file.c_str(), directory, name, 0) == 0;
+    int const fd = ::openat(directory, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0) return false;
+    bool const whole = WriteAll(fd, memory, in_memory());
+    ::close(fd);
+    return whole;
 }
 
 void ScannerStream::write_dump_info(char const* path) const {

@@ -323,6 +323,19 @@ TEST_F(SpoolStreamOnDisk, OverwritesInThePlaceThatItSoughtAndGoesOnAtTheEnd) {
     EXPECT_EQ(ReadAll(stream), content.substr(0, 98) + "XYZ");
 }
 
+TEST_F(SpoolStream, KeepsItsSizeWhereItIsOverwrittenInTheMiddle) {
+    for (unsigned size : {kMemory - 1, kMemory * 2}) {
+        for (unsigned place = 0; place + 2 < size; ++place) {
+            stream.reset();
+            Put(stream, Text(size));
+            stream.seek(place, 0);
+            EXPECT_EQ(Put(stream, "!"), 1);
+            EXPECT_EQ(stream.size(), size) << place;
+            EXPECT_EQ(ReadAll(stream), Text(size).replace(place, 1, "!"));
+        }
+    }
+}
+
 TEST_F(SpoolStreamOnDisk, RefusesAWriteThatWouldPassTheLargestPosition) {
     ASSERT_EQ(stream.seek(UINT_MAX, 0), UINT_MAX);
     errno = 0;
@@ -524,9 +537,10 @@ TEST(SpoolStreamSpeed, AllocatesNothingForMessagesThatStayInMemory) {
 
 TEST(SpoolStreamSetUp, MakesTheDirectoryAndTheOneForCrashes) {
     TempRoot root;
-    ::umask(0);
     std::string path = root / "spool";
+    mode_t const before = ::umask(077);
     ScannerStream::set_spool_dir(path);
+    ::umask(before);
     EXPECT_EQ(path, root / "spool") << "the caller's text is left alone";
     EXPECT_EQ(ScannerStream::s_spooldir, root / "spool/");
     for (char const* made : {"spool", "spool/segv"}) {

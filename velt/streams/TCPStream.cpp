@@ -1,4 +1,5 @@
 // A stream's descriptor: how it is made, named, listened on and accepted.
+#include <netinet/tcp.h>
 #include <velt/streams/TCPStream.h>
 
 #include <KORnet/Addr.h>
@@ -40,6 +41,7 @@ bool IsTransient(int error) { return error == EINTR || error == EAGAIN; }
 
 std::uint32_t TCPStream::s_timeout = 0;
 BufferPool* TCPStream::s_pool = nullptr;
+std::string TCPStream::s_debugdir;
 
 TCPStream::TCPStream() : timeout(s_timeout) {}
 
@@ -70,6 +72,19 @@ TCPStream::TCPStream(sockaddr_in* remote, int timeout_ms, bool check_loopback) :
     Connect(remote, timeout_ms, check_loopback);
 }
 
+TCPStream::TCPStream(sockaddr_in* remote, sockaddr_in* nat_source, sockaddr_in* local, int timeout_ms,
+                     bool check_loopback)
+    : TCPStream() {
+    sockaddr_in any{};
+    any.sin_family = AF_INET;
+    CreateSocket(AF_INET);
+    if (int const result = SetSourceAddr(local ? local : &any, remote, nat_source)) {
+        CloseSocket();
+        ThrowSetUp("TCPStream, Call to SetSourceAddr failed.", result, {__FILE__, __LINE__, __func__});
+    }
+    Connect(remote, timeout_ms, check_loopback);
+}
+
 // The address is as long as the path, so a path that the system cannot take is refused by it and not cut.
 TCPStream::TCPStream(std::string& path, int timeout_ms) : TCPStream() {
     constexpr std::size_t pathAt = offsetof(sockaddr_un, sun_path);
@@ -81,7 +96,10 @@ TCPStream::TCPStream(std::string& path, int timeout_ms) : TCPStream() {
     ConnectTo(reinterpret_cast<sockaddr*>(local), static_cast<unsigned>(pathAt + path.size()), timeout_ms, false);
 }
 
-TCPStream::~TCPStream() { CloseSocket(); }
+TCPStream::~TCPStream() {
+    CloseSocket();
+    CloseCapture();
+}
 
 void TCPStream::CloseSocket() {
     if (socket < 0) return;
@@ -90,12 +108,15 @@ void TCPStream::CloseSocket() {
 }
 
 void TCPStream::CreateSocket(int domain) {
-    int const fd = ::socket(domain, SOCK_STREAM, 0);
+    int const fd = ::socket(domain, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
         int const error = errno;
         throw ConnectionFailure(KORtk::Location{__FILE__, __LINE__, __func__}, "Unable to obtain a network socket",
                                 events::CONNECT_NO_SOCKET, error);
     }
+    // A small write never waits for the answer to the one before it. What is accepted from this socket inherits it.
+    int const on = 1;
+    if (domain == AF_INET) ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     CloseSocket();
     socket = fd;
 }
@@ -114,7 +135,7 @@ TCPStream* TCPStream::Accept(sockaddr* address, unsigned* length) {
     auto accepted = std::make_unique<TCPStream>();
     unsigned const room = length ? *length : 0;
     int fd;
-    while ((fd = ::accept4(socket, address, length, SOCK_NONBLOCK)) < 0) {
+    while ((fd = ::accept4(socket, address, length, SOCK_NONBLOCK | SOCK_CLOEXEC)) < 0) {
         int const error = errno;
         if (!IsTransient(error)) ThrowSetUp("TCPStream accept on socket failed", error, {__FILE__, __LINE__, __func__});
         if (length) *length = room;
@@ -124,6 +145,12 @@ TCPStream* TCPStream::Accept(sockaddr* address, unsigned* length) {
     }
     accepted->SetSocket(fd);
     return accepted.release();
+}
+
+TCPStream* TCPStream::AcceptRedir(sockaddr* address, unsigned* length) {
+    TCPStream* const accepted = Accept(address, length);
+    SetRedirection(accepted);
+    return accepted;
 }
 
 void TCPStream::GetSockName(sockaddr* address, unsigned* length) {
@@ -141,6 +168,16 @@ int TCPStream::SetLinger(int onoff, int seconds) {
     linger const value{onoff, seconds};
     if (::setsockopt(socket, SOL_SOCKET, SO_LINGER, &value, sizeof value) == 0) return 0;
     return errno ? errno : -1;
+}
+
+int TCPStream::SetTransparency(TCPStream* other) { return SetRedirection(other); }
+
+int TCPStream::SetSourceAddr(sockaddr_in* local, sockaddr_in* remote, sockaddr_in* source) {
+    return SourceNat::SetSourceAddr(socket, local, remote, source);
+}
+
+int TCPStream::SetFTPRule(sockaddr_in* first, sockaddr_in* second, bool flag) {
+    return SourceNat::SetFTPRule(socket, first, second, flag);
 }
 
 int TCPStream::GetConnectionInfo(sockaddr_in& peer, sockaddr_in& local, sockaddr_in& destination, bool& flag) {

@@ -155,10 +155,17 @@ void TCPStream::ConnectTimedOut(bool counted) {
 
 int TCPStream::RecvDataFlagged(char* data, unsigned length, int flags, unsigned* received) {
     *received = 0;
+    int const error = replay ? ReplayInput(data, length, received) : Receive(data, length, flags, received);
+    if (!error && escape_handler) handle_telnet(data, *received);
+    return error;
+}
+
+int TCPStream::Receive(char* data, unsigned length, int flags, unsigned* received) {
     for (;;) {
         if (int const error = Await(socket, POLLIN, Bounded(timeout))) return error;
         ssize_t const count = ::recv(socket, data, length, flags);
         if (count >= 0) {
+            write_debug(CaptureRecord::received, data, static_cast<int>(count));
             *received = static_cast<unsigned>(count);
             return 0;
         }
@@ -184,12 +191,15 @@ int TCPStream::read(char* data, unsigned length) {
 int TCPStream::SendDataFlagged(char const* data, unsigned length, int flags, unsigned* sent) {
     *sent = 0;
     if (length >= sendLimit) errno = EMSGSIZE;
-    if (length >= sendLimit || length == 0) return -1;
+    if (length >= sendLimit) return -1;
+    if (replay) return compare_write(data, length);
+    if (length == 0) return -1;
     while (length > 0) {
         if (int const error = Await(socket, POLLOUT, Bounded(timeout))) {
             if (error == ETIMEDOUT) Count(s_pNoCommsDataErrors);
             return error;
         }
+        write_debug(CaptureRecord::sent, data, static_cast<int>(length));
         ssize_t const count = ::send(socket, data, length, flags | MSG_NOSIGNAL);
         if (count < 0) {
             int const error = errno;
@@ -214,6 +224,7 @@ int TCPStream::write(char const* data, unsigned length) {
     while (length > 0) {
         unsigned sent = 0;
         if (int const error = write(data, length, &sent)) return error;
+        if (replay) return 0;  // compared as a whole, and nothing counts as sent
         data += sent;
         length -= sent;
     }
@@ -225,9 +236,17 @@ int TCPStream::write(char const* data, unsigned length) {
 int TCPStream::SendData(unsigned count, char const** buffers, unsigned* lengths, unsigned* sent) {
     *sent = 0;
     std::uint64_t left = 0;
-    for (unsigned i = 0; i < count; ++i) left += lengths[i];
+    for (unsigned i = 0; i < count; ++i) {
+        if (replay && compare_write(buffers[i], lengths[i]) != 0) return -1;
+        write_debug(CaptureRecord::sent, buffers[i], static_cast<int>(lengths[i]));
+        left += lengths[i];
+    }
     if (left >= sendLimit) {
         errno = EMSGSIZE;
+        return 0;
+    }
+    if (replay) {
+        *sent = static_cast<unsigned>(left);
         return 0;
     }
     Unsent unsent{buffers, lengths, count};

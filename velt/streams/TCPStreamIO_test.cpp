@@ -1,15 +1,55 @@
 #include <QXStats/QXCounter.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/uio.h>
 #include <velt/streams/BufferPool.h>
 #include <velt/streams/TCPStream.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "testing/Sockets.h"
+#include "velt/streams/WrappedCalls.h"
+
+extern "C" {
+int __real_poll(pollfd* watched, nfds_t count, int timeout_ms);
+int __wrap_poll(pollfd* watched, nfds_t count, int timeout_ms);
+ssize_t __real_recv(int fd, void* data, size_t length, int flags);
+ssize_t __wrap_recv(int fd, void* data, size_t length, int flags);
+ssize_t __real_send(int fd, void const* data, size_t length, int flags);
+ssize_t __wrap_send(int fd, void const* data, size_t length, int flags);
+ssize_t __real_writev(int fd, iovec const* pieces, int count);
+ssize_t __wrap_writev(int fd, iovec const* pieces, int count);
+}
+
+namespace {
+
+bool Fails(std::vector<int>& next = velt_testing::failures) {
+    if (next.empty()) return false;
+    errno = next.back();
+    next.pop_back();
+    return true;
+}
+
+}  // namespace
+
+int __wrap_poll(pollfd* watched, nfds_t count, int timeout_ms) {
+    velt_testing::waits.push_back(timeout_ms);
+    return Fails(velt_testing::pollFailures) ? -1 : __real_poll(watched, count, timeout_ms);
+}
+ssize_t __wrap_recv(int fd, void* data, size_t length, int flags) {
+    return Fails() ? -1 : __real_recv(fd, data, length, flags);
+}
+ssize_t __wrap_send(int fd, void const* data, size_t length, int flags) {
+    velt_testing::sendFlags = flags;
+    return Fails() ? -1 : __real_send(fd, data, length, flags);
+}
+ssize_t __wrap_writev(int fd, iovec const* pieces, int count) {
+    return Fails() ? -1 : __real_writev(fd, pieces, count);
+}
 
 using namespace VELT;
 using namespace velt_testing;
@@ -17,6 +57,30 @@ using namespace velt_testing;
 namespace {
 
 unsigned long DataErrors() { return QXStats::QXCounter("comms.data").value(); }
+
+// The waits of the calls in `work`, each once however often it is repeated.
+template <class Work>
+std::vector<int> WaitsOf(Work work) {
+    waits.clear();
+    work();
+    std::vector<int> found = waits;
+    found.erase(std::unique(found.begin(), found.end()), found.end());
+    return found;
+}
+
+// The system refuses to wait for anything while this lives.
+class NoPoll {
+public:
+    NoPoll() {
+        ::getrlimit(RLIMIT_NOFILE, &m_usual);
+        rlimit const none{0, m_usual.rlim_max};
+        EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    }
+    ~NoPoll() { ::setrlimit(RLIMIT_NOFILE, &m_usual); }
+
+private:
+    rlimit m_usual{};
+};
 
 // A stream and the other end of its connection.
 class TCPStreamIO : public ::testing::Test {
@@ -98,6 +162,96 @@ TEST_F(TCPStreamIO, WaitsOnThroughSignals) {
     EXPECT_GE(Alarm::ticks(), 4);
 }
 
+using Waits = std::vector<int>;
+
+TEST_F(TCPStreamIO, WaitsAsLongAsItsTimeoutSays) {
+    for (unsigned const timeout : {0u, 1u, 10000u, 0x7FFFFFFFu}) {
+        Waits const asTold{static_cast<int>(timeout)};
+        stream->set_timeout(timeout);
+        PeerSays("abc");
+        EXPECT_EQ(WaitsOf([&] { stream->RecvDataFlagged(room, 1, 0, &count); }), asTold);
+        EXPECT_EQ(WaitsOf([&] { stream->read(room, 1, &count); }), asTold);
+        EXPECT_EQ(WaitsOf([&] { stream->read(room, 1); }), asTold);
+        EXPECT_EQ(WaitsOf([&] { stream->SendDataFlagged("x", 1, 0, &count); }), asTold);
+        EXPECT_EQ(WaitsOf([&] { stream->write("x", 1); }), asTold);
+        EXPECT_EQ(WaitsOf([&] { stream->PutLine("x", true); }), asTold);
+        EXPECT_EQ(WaitsOf([&] { stream->SendDataNonBlocked("x", 1); }), Waits{0});
+        EXPECT_EQ(WaitsOf([&] { stream->IsStillConnected(); }), Waits{0});
+    }
+}
+
+TEST_F(TCPStreamIO, WithATimeoutOfZeroNothingWaits) {
+    stream->set_timeout(0);
+    char* data = nullptr;
+    bool io_done = false;
+    LINE_STATE_T state;
+    EXPECT_EQ(WaitsOf([&] { EXPECT_EQ(stream->read(room, 1, &count), 110); }), Waits{0});
+    EXPECT_EQ(WaitsOf([&] { EXPECT_EQ(stream->read(room, 1), 110); }), Waits{0});
+    EXPECT_EQ(WaitsOf([&] { EXPECT_EQ(stream->getline(data, true, io_done, state, true), -1); }), Waits{0});
+    EXPECT_EQ(WaitsOf([&] { EXPECT_EQ(stream->readdata(data, 9, true, io_done), -1); }), Waits{0});
+    Fill(stream->GetSocket());
+    EXPECT_EQ(WaitsOf([&] { EXPECT_EQ(stream->write("x", 1), 110); }), Waits{0});
+    EXPECT_EQ(WaitsOf([&] { EXPECT_EQ(stream->PutLine("x", true), 110); }), Waits{0});
+}
+
+// A signal starts the wait anew, with all of its time.
+TEST_F(TCPStreamIO, SignalsShortenNoWait) {
+    Waits const whole{10000};
+    {
+        int const to = peer.get();
+        Alarm alarm(3, [to] { (void)::send(to, "late", 4, MSG_NOSIGNAL); });
+        EXPECT_EQ(WaitsOf([&] { EXPECT_EQ(stream->read(room, sizeof room, &count), 0); }), whole);
+    }
+    EXPECT_GT(waits.size(), 1u);
+    Fill(stream->GetSocket());
+    int const from = peer.get();
+    Alarm alarm(3, [from] {
+        static char sink[1 << 16];
+        while (::recv(from, sink, sizeof sink, MSG_DONTWAIT) > 0) {
+        }
+    });
+    EXPECT_EQ(WaitsOf([&] { EXPECT_EQ(stream->write("x", 1), 0); }), whole);
+    EXPECT_GT(waits.size(), 1u);
+}
+
+TEST_F(TCPStreamIO, ReceiveThatFindsNothingAfterAllWaitsAgain) {
+    PeerSays("hello");
+    failures = {EAGAIN, EINTR, EAGAIN};
+    EXPECT_EQ(WaitsOf([&] { EXPECT_EQ(stream->read(room, sizeof room, &count), 0); }), Waits{10000});
+    EXPECT_EQ(waits.size(), 4u);
+    EXPECT_EQ(std::string(room, count), "hello");
+}
+
+TEST_F(TCPStreamIO, ReceiveThatFailsWithoutAReasonAnswersMinusOne) {
+    PeerSays("hello");
+    failures = {0};
+    EXPECT_EQ(stream->read(room, sizeof room, &count), -1);
+    EXPECT_EQ(count, 0u);
+}
+
+TEST_F(TCPStreamIO, WaitThatFailsGivesItsErrnoUncounted) {
+    unsigned long const before = DataErrors();
+    {
+        NoPoll const none;
+        EXPECT_EQ(stream->read(room, sizeof room, &count), EINVAL);
+        EXPECT_EQ(count, 0u);
+        EXPECT_EQ(stream->write("x", 1, &count), EINVAL);
+        EXPECT_EQ(count, 0u);
+        EXPECT_EQ(stream->SendDataNonBlocked("x", 1), 0);
+    }
+    EXPECT_EQ(DataErrors(), before);
+    EXPECT_EQ(PeerGot(), "");
+}
+
+TEST_F(TCPStreamIO, SendThatIsPutOffIsCountedAndTriedAgain) {
+    unsigned long const before = DataErrors();
+    failures = {EINTR, EAGAIN};
+    EXPECT_EQ(stream->write("hello", 5, &count), 0);
+    EXPECT_EQ(count, 5u);
+    EXPECT_EQ(DataErrors(), before + 2);
+    EXPECT_EQ(PeerGot(), "hello");
+}
+
 TEST_F(TCPStreamIO, GivesTheErrnoOfAFailedReceive) {
     UsePair({Fd(::open("/dev/null", O_RDWR)), Fd()});
     EXPECT_EQ(stream->read(room, sizeof room, &count), ENOTSOCK);
@@ -145,6 +299,43 @@ TEST_F(TCPStreamIO, SendOfNothingFailsButWriteOfNothingSucceeds) {
     EXPECT_EQ(stream->write("", 0, &count), -1);
     EXPECT_EQ(stream->write("", 0), 0);
     EXPECT_EQ(DataErrors(), before) << "the system was not asked";
+}
+
+TEST_F(TCPStreamIO, SendsWithTheFlagsOfItsCaller) {
+    for (int const flag : {0, static_cast<int>(MSG_DONTROUTE), static_cast<int>(MSG_MORE)}) {
+        EXPECT_EQ(stream->SendDataFlagged("x", 1, flag, &count), 0);
+        EXPECT_EQ(sendFlags & (MSG_DONTROUTE | MSG_MORE), flag);
+    }
+}
+
+// A host's own stream needs to say but one of them anew.
+TEST_F(TCPStreamIO, WritesGoThroughTheSendThatAHostMaySayAnew) {
+    class Small : public TCPStream {
+    public:
+        using TCPStream::TCPStream;
+        int SendData(char const* data, unsigned length, unsigned* sent) override {
+            ++calls;
+            return TCPStream::SendData(data, std::min(length, 2u), sent);
+        }
+        using TCPStream::SendData;
+        int calls = 0;
+    };
+    Small small(stream->GetSocket());
+    stream->SetSocket(-1);
+    BufferedStream& base = small;
+    EXPECT_EQ(base.write("abc", 3, &count), 0);
+    EXPECT_EQ(count, 2u);
+    EXPECT_EQ(small.write("defgh", 5), 0);
+    EXPECT_EQ(small.calls, 4);
+    EXPECT_EQ(PeerGot(), "abdefgh");
+}
+
+TEST_F(TCPStreamIO, SendOfNothingAsksTheSystemNothing) {
+    UsePair(SocketPair(SOCK_SEQPACKET | SOCK_NONBLOCK));
+    EXPECT_EQ(WaitsOf([&] { EXPECT_EQ(stream->SendDataFlagged("x", 0, 0, &count), -1); }), Waits{});
+    EXPECT_EQ(WaitsOf([&] { EXPECT_EQ(stream->write("x", 0), 0); }), Waits{});
+    pollfd one{peer.get(), POLLIN, 0};
+    EXPECT_EQ(::poll(&one, 1, 0), 0) << "not even an empty record went";
 }
 
 TEST_F(TCPStreamIO, SendsBeyondWhatThePeerTakesAtOnce) {
@@ -266,6 +457,41 @@ TEST_F(TCPStreamIO, VectoredSendThatASignalInterruptsEndsAsASuccessThatIsShort) 
     EXPECT_EQ(count, 0u);
 }
 
+TEST_F(TCPStreamIO, VectoredSendEndsAsASuccessWhateverEndsItsWait) {
+    unsigned long const before = DataErrors();
+    char const* buffers[] = {"more"};
+    unsigned lengths[] = {4};
+    {
+        NoPoll const none;
+        EXPECT_EQ(stream->SendData(1, buffers, lengths, &count), 0);
+        EXPECT_EQ(count, 0u);
+        EXPECT_EQ(stream->writev(1, lengths, buffers, &count), 0);
+        EXPECT_EQ(stream->PutLine("more", true), 0);
+    }
+    EXPECT_EQ(PeerGot(), "");
+    EXPECT_EQ(DataErrors(), before);
+}
+
+TEST_F(TCPStreamIO, VectoredSendThatIsPutOffIsTriedAgain) {
+    unsigned long const before = DataErrors();
+    char const* buffers[] = {"one ", "two"};
+    unsigned lengths[] = {4, 3};
+    failures = {EAGAIN, EINTR};
+    EXPECT_EQ(stream->SendData(2, buffers, lengths, &count), 0);
+    EXPECT_EQ(count, 7u);
+    EXPECT_EQ(PeerGot(), "one two");
+    EXPECT_EQ(DataErrors(), before);
+}
+
+TEST_F(TCPStreamIO, VectoredSendOfNothingAsksTheSystemNothing) {
+    char const* buffers[] = {"x", "y"};
+    unsigned lengths[] = {0, 0};
+    count = 99;
+    EXPECT_EQ(WaitsOf([&] { EXPECT_EQ(stream->SendData(2, buffers, lengths, &count), 0); }), Waits{});
+    EXPECT_EQ(count, 0u);
+    EXPECT_EQ(WaitsOf([&] { EXPECT_EQ(stream->writev(0, lengths, buffers, &count), 0); }), Waits{});
+}
+
 TEST_F(TCPStreamIO, VectoredSendOfTooMuchIsASuccessOfNothing) {
     char const* buffers[] = {nullptr, nullptr};
     unsigned lengths[] = {0x40000000, 0x3FFFFFFF};
@@ -281,10 +507,12 @@ TEST_F(TCPStreamIO, VectoredSendOfTooMuchIsASuccessOfNothing) {
 
 TEST_F(TCPStreamIO, VectoredSendGivesTheErrnoOfAFailure) {
     std::signal(SIGPIPE, SIG_IGN);
+    unsigned long const before = DataErrors();
     peer.Close();
     char const* buffers[] = {"x"};
     unsigned lengths[] = {1};
     EXPECT_EQ(stream->SendData(1, buffers, lengths, &count), EPIPE);
+    EXPECT_EQ(DataErrors(), before);
 }
 
 TEST_F(TCPStreamIO, LineLeavesInOneSystemCall) {
@@ -340,6 +568,28 @@ TEST_F(TCPStreamIO, PeerThatHungUpIsNotConnected) {
     EXPECT_FALSE(stream->IsStillConnected());
 }
 
+TEST_F(TCPStreamIO, PeerThatHungUpIsNotConnectedThoughItsLastWordsAreUnread) {
+    PeerSays("bye");
+    peer.Close();
+    EXPECT_FALSE(stream->IsStillConnected());
+    EXPECT_EQ(stream->read(room, sizeof room, &count), 0);
+    EXPECT_EQ(count, 3u);
+}
+
+TEST_F(TCPStreamIO, SocketThatWasNeverConnectedHasHungUp) {
+    TCPStream unconnected;
+    unconnected.CreateSocket(AF_INET);
+    EXPECT_FALSE(unconnected.IsStillConnected());
+}
+
+TEST_F(TCPStreamIO, SocketInErrorIsNotConnected) {
+    int ends[2];
+    ASSERT_EQ(::pipe(ends), 0);
+    Fd(ends[0]).Close();
+    TCPStream broken(ends[1]);
+    EXPECT_FALSE(broken.IsStillConnected());
+}
+
 TEST_F(TCPStreamIO, PeerThatClosedItsDirectionIsNotConnected) {
     ::shutdown(peer.get(), SHUT_WR);
     EXPECT_FALSE(stream->IsStillConnected());
@@ -347,13 +597,8 @@ TEST_F(TCPStreamIO, PeerThatClosedItsDirectionIsNotConnected) {
 
 TEST_F(TCPStreamIO, PeerIsTakenForConnectedWhenTheLookFails) {
     peer.Close();
-    rlimit before{};
-    ::getrlimit(RLIMIT_NOFILE, &before);
-    rlimit const none{0, before.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
-    bool const connected = stream->IsStillConnected();
-    ::setrlimit(RLIMIT_NOFILE, &before);
-    EXPECT_TRUE(connected);
+    NoPoll const none;
+    EXPECT_TRUE(stream->IsStillConnected());
 }
 
 TEST_F(TCPStreamIO, FlushDropsAllThatIsThereAndKeepsTheTimeout) {
@@ -367,6 +612,18 @@ TEST_F(TCPStreamIO, FlushDropsAllThatIsThereAndKeepsTheTimeout) {
     LINE_STATE_T state;
     EXPECT_EQ(stream->getline(line, true, io_done, state, true), 3);
     EXPECT_STREQ(line, "new");
+}
+
+TEST_F(TCPStreamIO, FlushWaitsForNothing) {
+    for (unsigned const there : {0u, 1u, 4095u, 4096u, 60000u}) {
+        PeerSays(Pattern(there));
+        EXPECT_EQ(WaitsOf([&] { stream->flush(); }), Waits{0});
+        EXPECT_EQ(stream->set_timeout(10000), 10000u);
+        char* data = nullptr;
+        EXPECT_EQ(stream->buffereddata(data), 0);
+        pollfd one{stream->GetSocket(), POLLIN, 0};
+        EXPECT_EQ(::poll(&one, 1, 0), 0);
+    }
 }
 
 TEST_F(TCPStreamIO, LinesComeThroughTheBuffer) {
@@ -403,6 +660,8 @@ TEST_F(TCPStreamIO, BufferIsTakenAtTheFirstReadAndGivenBackAtTheEnd) {
     TCPStream::set_pool(nullptr);
     EXPECT_EQ(TCPStream().get_pool(), nullptr);
 }
+
+TEST(TCPStreamTimeout, IsZeroUntilADefaultIsSet) { EXPECT_EQ(TCPStream().set_timeout(5), 0u); }
 
 TEST(TCPStreamTimeout, IsTakenFromTheDefaultWhenTheStreamIsBuilt) {
     TCPStream::set_default_timeout(0);

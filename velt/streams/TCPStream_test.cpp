@@ -1,6 +1,7 @@
 #include <KORnet/Addr.h>
 #include <QXStats/QXCounter.h>
 #include <gtest/gtest.h>
+#include <netinet/tcp.h>
 #include <sys/un.h>
 #include <velt/connection/TCPConnection.h>
 #include <velt/errors/Failures.h>
@@ -8,14 +9,27 @@
 #include <velt/streams/TCPStream.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstddef>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "testing/Sockets.h"
 #include "testing/TempRoot.h"
+#include "velt/streams/WrappedCalls.h"
+
+// The program is linked with setsockopt wrapped: it fails for a number that is no descriptor, leaving errno alone.
+extern "C" {
+int __real_setsockopt(int fd, int level, int name, void const* value, socklen_t length);
+int __wrap_setsockopt(int fd, int level, int name, void const* value, socklen_t length);
+}
+
+int __wrap_setsockopt(int fd, int level, int name, void const* value, socklen_t length) {
+    return fd == INT_MAX ? -1 : __real_setsockopt(fd, level, name, value, length);
+}
 
 using namespace VELT;
 using namespace velt_testing;
@@ -70,6 +84,28 @@ std::vector<Fd> FillQueue(sockaddr const* address, unsigned length, int domain) 
     }
     return waiting;
 }
+
+// A local listener with a name of the abstract kind that is as long as an address of the network: what connects to it
+// is connected at once.
+class NearListener {
+public:
+    NearListener() : m_fd(::socket(AF_UNIX, SOCK_STREAM, 0)) {
+        auto const pid = static_cast<unsigned>(::getpid());
+        m_address.local.sun_family = AF_UNIX;
+        std::memcpy(m_address.local.sun_path + 1, &pid, sizeof pid);
+        EXPECT_EQ(::bind(m_fd.get(), Generic(m_address.network), sizeof m_address.network), 0);
+        EXPECT_EQ(::listen(m_fd.get(), 4), 0);
+    }
+    sockaddr_in const* address() const { return &m_address.network; }
+    Fd Accept() { return Fd(::accept(m_fd.get(), nullptr, nullptr)); }
+
+private:
+    Fd m_fd;
+    union {
+        sockaddr_un local{};
+        sockaddr_in network;
+    } m_address;
+};
 
 class TCPStreamConnect : public ::testing::Test {
 protected:
@@ -231,7 +267,68 @@ TEST_F(TCPStreamConnect, TimesOutClosesAndCounts) {
 TEST_F(TCPStreamConnect, OfASocketThatIsConnectedIsProgress) {
     Listener listener;
     TCPStream stream(&listener.address(), wait_ms, false);
-    EXPECT_EQ(FailureOf([&] { stream.Connect(&listener.address(), wait_ms, false); }).event, "none");
+    for (int again = 0; again < 3; ++again) {
+        EXPECT_EQ(FailureOf([&] { stream.Connect(&listener.address(), wait_ms, false); }).event, "none");
+    }
+}
+
+// A signal starts the wait anew, with all of its time.
+TEST_F(TCPStreamConnect, SignalsShortenNoWait) {
+    Listener listener;
+    TCPStream stream;
+    stream.CreateSocket(AF_INET);
+    pollFailures = {EINTR, EAGAIN, EINTR};
+    waits.clear();
+    stream.Connect(&listener.address(), 4321, false);
+    EXPECT_EQ(waits, (std::vector<int>{4321, 4321, 4321, 4321}));
+}
+
+TEST_F(TCPStreamConnect, WhoseWaitFailsClosesTheSocketAndCounts) {
+    Listener listener;
+    unsigned long const before = Counter("comms.connect");
+    TCPStream stream;
+    stream.CreateSocket(AF_INET);
+    pollFailures = {EIO};
+    EXPECT_EQ(FailureOf([&] { stream.Connect(&listener.address(), wait_ms, false); }).error, EIO);
+    EXPECT_EQ(stream.GetSocket(), -1);
+    EXPECT_EQ(Counter("comms.connect"), before + 1);
+}
+
+// A connect that completes at once is looked at like any other.
+TEST_F(TCPStreamConnect, ThatIsDoneAtOnceIsWaitedForAllTheSame) {
+    NearListener listener;
+    unsigned long const before = Counter("comms.connect");
+    TCPStream stream;
+    stream.CreateSocket(AF_UNIX);
+    pollFailures = {EIO};
+    EXPECT_EQ(FailureOf([&] { stream.Connect(listener.address(), wait_ms, false); }).error, EIO);
+    EXPECT_EQ(stream.GetSocket(), -1);
+    EXPECT_EQ(Counter("comms.connect"), before + 1);
+    stream.CreateSocket(AF_UNIX);
+    EXPECT_EQ(FailureOf([&] { stream.Connect(listener.address(), wait_ms, false); }).event, "none");
+}
+
+TEST_F(TCPStreamConnect, ThatIsDoneAtOnceStillTellsTheSocketsError) {
+    NearListener listener;
+    unsigned long const before = Counter("comms.connect");
+    TCPStream stream;
+    stream.CreateSocket(AF_UNIX);
+    stream.Connect(listener.address(), wait_ms, false);
+    ASSERT_EQ(::send(stream.GetSocket(), "x", 1, 0), 1);
+    listener.Accept().Close();  // with a byte unread, which is an error for the other side
+    Failure const failure = FailureOf([&] { stream.Connect(listener.address(), wait_ms, false); });
+    EXPECT_EQ(failure.error, ECONNRESET);
+    EXPECT_EQ(stream.GetSocket(), -1);
+    EXPECT_EQ(Counter("comms.connect"), before + 1);
+}
+
+TEST_F(TCPStreamConnect, LeavesTheSocketWithNoFlagButOne) {
+    Listener listener;
+    TCPStream stream;
+    stream.CreateSocket(AF_INET);
+    ASSERT_EQ(::fcntl(stream.GetSocket(), F_SETFL, O_APPEND), 0);
+    stream.Connect(&listener.address(), wait_ms, false);
+    EXPECT_EQ(::fcntl(stream.GetSocket(), F_GETFL), O_RDWR | O_NONBLOCK);
 }
 
 TEST_F(TCPStreamConnect, SurvivesSignals) {
@@ -281,6 +378,19 @@ TEST_F(TCPStreamLocal, TellsAMissingListenerFromAMissingPath) {
     EXPECT_EQ(FailureOf([&] { TCPStream stream(path, wait_ms); }).error, ENOENT);
     Fd const bound = ListenAt(path, -1);
     EXPECT_EQ(FailureOf([&] { TCPStream stream(path, wait_ms); }).event, "12000:7");
+}
+
+TEST_F(TCPStreamLocal, WhoseWaitFailsClosesUncounted) {
+    std::string path = root / "s";
+    Fd const listener = ListenAt(path);
+    unsigned long const before = Counter("comms.connect");
+    int const free = NextFd();
+    pollFailures = {EIO};
+    EXPECT_EQ(FailureOf([&] { TCPStream stream(path, wait_ms); }).error, EIO);
+    EXPECT_EQ(NextFd(), free);
+    EXPECT_EQ(Counter("comms.connect"), before);
+    pollFailures = {EAGAIN, EINTR};
+    EXPECT_EQ(FailureOf([&] { TCPStream stream(path, wait_ms); }).event, "none");
 }
 
 TEST_F(TCPStreamLocal, GivesUpOnAListenerThatStaysFull) {
@@ -358,6 +468,40 @@ TEST(TCPStreamSetUp, BindsListensAndAccepts) {
     EXPECT_EQ(peerName.sin_port, clientName.sin_port);
 }
 
+TEST(TCPStreamSetUp, SmallWritesNeverWaitForAnAnswer) {
+    TCPStream listener;
+    listener.CreateSocket(AF_INET);
+    sockaddr_in name = Loopback(0);
+    unsigned length = sizeof name;
+    listener.Bind(Generic(name), sizeof name);
+    listener.Listen(4);
+    listener.GetSockName(Generic(name), &length);
+    TCPStream client(&name, wait_ms, false);
+    std::unique_ptr<TCPStream> const accepted(listener.Accept(Generic(name), &length));
+    for (TCPStream* const stream : {&client, accepted.get()}) {
+        int noDelay = 0;
+        socklen_t size = sizeof noDelay;
+        ASSERT_EQ(::getsockopt(stream->GetSocket(), IPPROTO_TCP, TCP_NODELAY, &noDelay, &size), 0);
+        EXPECT_EQ(noDelay, 1);
+    }
+}
+
+// A program that a host starts meanwhile would keep the connection open when the session has ended.
+TEST(TCPStreamSetUp, SocketsStayWithThisProgram) {
+    TCPStream listener;
+    listener.CreateSocket(AF_INET);
+    sockaddr_in name = Loopback(0);
+    unsigned length = sizeof name;
+    listener.Bind(Generic(name), sizeof name);
+    listener.Listen(4);
+    listener.GetSockName(Generic(name), &length);
+    TCPStream client(&name, wait_ms, false);
+    std::unique_ptr<TCPStream> const accepted(listener.Accept(Generic(name), &length));
+    for (TCPStream* const stream : {&listener, &client, accepted.get()}) {
+        EXPECT_EQ(::fcntl(stream->GetSocket(), F_GETFD), FD_CLOEXEC);
+    }
+}
+
 TEST(TCPStreamSetUp, AcceptWaitsOnAListenerThatDoesNotBlock) {
     Listener listener(4, SOCK_NONBLOCK);
     TCPStream stream(::dup(listener.fd()));
@@ -408,6 +552,15 @@ TEST(TCPStreamSetUp, LingersAsTold) {
     ::getsockopt(stream.GetSocket(), SOL_SOCKET, SO_LINGER, &value, &length);
     EXPECT_EQ(value.l_onoff, 1);
     EXPECT_EQ(value.l_linger, 7);
+}
+
+TEST(TCPStreamSetUp, LingerThatFailsWithoutAReasonAnswersMinusOne) {
+    TCPStream stream(INT_MAX);
+    errno = 0;
+    EXPECT_EQ(stream.SetLinger(1, 7), -1);
+    errno = EPERM;
+    EXPECT_EQ(stream.SetLinger(1, 7), EPERM);
+    stream.SetSocket(-1);
 }
 
 TEST(TCPStreamSetUp, OwnsTheDescriptorThatItIsGiven) {

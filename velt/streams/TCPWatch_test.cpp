@@ -43,13 +43,26 @@ TEST(TCPWatch, TellsWhichOfItsStreamsHaveNews) {
     for (unsigned i = 0; i < 5; ++i) EXPECT_EQ(all.watch.HasTriggered(&all.streams[i]), i == 1 || i == 3) << i;
 }
 
+TEST(TCPWatch, TellsOfAnErrorAndOfAnEndWithoutInput) {
+    TCPStream unconnected;
+    unconnected.CreateSocket(AF_INET);  // has hung up
+    int ends[2];
+    ASSERT_EQ(::pipe(ends), 0);
+    Fd(ends[0]).Close();
+    TCPStream broken(ends[1]);  // in error
+    TCPWatch watch;
+    watch.Watch(&unconnected);
+    watch.Watch(&broken);
+    EXPECT_EQ(watch.Wait(0), 2);
+    EXPECT_TRUE(watch.HasTriggered(&unconnected));
+    EXPECT_TRUE(watch.HasTriggered(&broken));
+}
+
 TEST(TCPWatch, IgnoresASixtyFifthStream) {
-    Watched all(65);
-    all.Say(63);
-    all.Say(64);
-    EXPECT_EQ(all.watch.Wait(0), 1);
-    EXPECT_TRUE(all.watch.HasTriggered(&all.streams[63]));
-    EXPECT_FALSE(all.watch.HasTriggered(&all.streams[64]));
+    Watched all(70);
+    for (unsigned i = 0; i < 70; ++i) all.Say(i);
+    EXPECT_EQ(all.watch.Wait(0), 64);
+    for (unsigned i = 0; i < 70; ++i) EXPECT_EQ(all.watch.HasTriggered(&all.streams[i]), i < 64) << i;
 }
 
 TEST(TCPWatch, LeavesOutNullAndClosedStreams) {
