@@ -127,6 +127,14 @@ TEST(PackedName, FailsForALoop) {
     }
 }
 
+// Label \3, whose bytes are a name of their own when a pointer leads into them: 4, 2 and 2 bytes gone over, no loop.
+TEST(PackedName, FailsAsSoonAsItGoesOverAsManyBytesAsTheMessageHas) {
+    for (std::size_t behind = 0; behind < 8; ++behind) {
+        std::string const message = std::string("\3\1a\0", 4) + DnsPointer(1) + std::string(behind, 'x');
+        EXPECT_EQ(Unpack(message, 0).length, message.size() <= 8 ? -1 : 6) << behind;
+    }
+}
+
 TEST(PackedName, FollowsAChainThatEnds) {
     std::string message = DnsName("end");
     for (unsigned i = 0; i < 50; ++i) {

@@ -15,6 +15,18 @@ HostCheck::HostCheck(char const* text) : pattern(new char[std::strlen(text) + 1]
 
 int HostCheck::score(Connection* session, TCPConnection& end) { return calc_score(pattern.get(), session, end); }
 
+std::unique_ptr<HostCheck> HostCheck::parse(char const* text, LineRemark& remark) {
+    std::size_t const length = std::strlen(text);
+    auto const blank = [&](std::size_t at) { return static_cast<unsigned char>(text[at]) <= ' '; };
+    if (length == 0)
+        remark = {"the pattern is empty: it matches no name", text};
+    else if (blank(0))
+        remark = {"the blank belongs to the pattern: it matches no name", text};
+    else if (blank(length - 1))
+        remark = {"the blank at the end belongs to the pattern: it matches no name", text + length - 1};
+    return std::make_unique<HostCheck>(text);
+}
+
 // A name that does not match scores 0, and so more than a side that has no line for it at all.
 int HostCheck::calc_score(char const* pattern, Connection*, TCPConnection& end) {
     if (std::strcmp(pattern, "*") == 0) return 0;

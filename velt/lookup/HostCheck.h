@@ -15,6 +15,8 @@ class VELT_API HostCheck : public NetPolicyCheck {
 public:
     explicit HostCheck(char const* text);  // a copy, in lower case
 
+    static std::unique_ptr<HostCheck> parse(char const* text, LineRemark& remark);  // what follows "DOMAIN "
+
     // Case counts: a host name with a capital letter never matches, as the pattern has none left.
     int score(Connection* session, TCPConnection& end) override;
 

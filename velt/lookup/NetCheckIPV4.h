@@ -26,6 +26,10 @@ public:
     static bool matches(char const* text, sockaddr_in const* address);
 
     static std::unique_ptr<NetCheckIPV4> parse(char const* text);  // what follows "NETWORK "; null: no network
+    static std::unique_ptr<NetCheckIPV4> parse(char const* text, LineRemark& remark);
+
+    // Why a rule's text matches no address at all; null: it may match one.
+    static char const* never_matches(char const* text);
 
 private:
     std::uint32_t net;

@@ -24,12 +24,22 @@ bool StartsWith(char const* line, std::string_view word) { return ::strncasecmp(
 }  // namespace
 
 std::unique_ptr<NetPolicyCheck> NetPolicyCheck::create_policy(char const* line) {
-    if (StartsWith(line, kNetwork)) return NetCheckIPV4::parse(line + kNetwork.size());
-    if (StartsWith(line, kDomain)) return std::make_unique<HostCheck>(line + kDomain.size());
+    LineRemark unread;
+    return create_policy(line, unread);
+}
+
+std::unique_ptr<NetPolicyCheck> NetPolicyCheck::create_policy(char const* line, LineRemark& remark) {
+    if (StartsWith(line, kNetwork)) return NetCheckIPV4::parse(line + kNetwork.size(), remark);
+    if (StartsWith(line, kDomain)) return HostCheck::parse(line + kDomain.size(), remark);
+    if (*line != '#') remark = {"is no comment and begins with neither \"NETWORK \" nor \"DOMAIN \"", line};
     return nullptr;
 }
 
 void NetPolicy::load(std::string path) {
+    load(path, [](NetPolicyLine const&) {});
+}
+
+NetPolicy::Stop NetPolicy::load(std::string const& path, Watcher const& watch) {
     FileStream file(kFileMemory);
     if (file.spool_from_disk(path.c_str()) != 0) {
         int const error = errno;
@@ -40,9 +50,14 @@ void NetPolicy::load(std::string path) {
     char* line = nullptr;
     bool io_done = false;
     LINE_STATE_T state;
-    while (file.getline(line, true, io_done, state, true) > 0 && state != LINE_OVERFLOW)
-        if (auto check = NetPolicyCheck::create_policy(line)) checks.push_back(std::move(check));
+    for (unsigned number = 1; file.getline(line, true, io_done, state, true) > 0 && state != LINE_OVERFLOW; ++number) {
+        LineRemark remark;
+        auto check = NetPolicyCheck::create_policy(line, remark);
+        watch({number, line, check.get(), remark});
+        if (check) checks.push_back(std::move(check));
+    }
     m_checks = std::move(checks);
+    return state == LINE_OVERFLOW ? Stop::atLongLine : state == LINE_COMPLETE ? Stop::atEmptyLine : Stop::atEnd;
 }
 
 int NetPolicy::score(Connection* session, TCPConnection& end) {

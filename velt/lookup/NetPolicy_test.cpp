@@ -244,6 +244,66 @@ TEST_F(NetPolicyScore, ThrowsForAFileThatCannotBeReadAndKeepsWhatItHas) {
     }
 }
 
+// What became of each line: its number, whether it is a check, and what there is to say of it.
+class NetPolicyLines : public NetPolicyScore {
+protected:
+    std::string Told(std::string const& content) {
+        root.Write("inside.txt", content);
+        std::string told;
+        NetPolicy policy;
+        auto const stop = policy.load(root / "inside.txt", [&](NetPolicyLine const& line) {
+            told += std::to_string(line.number) + (line.check ? "+" : "-");
+            if (line.remark.reason)
+                told += std::to_string(line.remark.at - line.text) + " " + std::string(line.remark.reason) + "; ";
+        });
+        constexpr char const* kStops[] = {"end", "empty", "long"};
+        return told + kStops[static_cast<int>(stop)];
+    }
+    static std::string Remark(std::string const& line) {
+        LineRemark remark;
+        NetPolicyCheck::create_policy(line.c_str(), remark);
+        return remark.reason ? remark.reason : "";
+    }
+};
+
+TEST_F(NetPolicyLines, AreToldWithNumberAndPlace) {
+    EXPECT_EQ(Told("# inside\nNETWORK 10.0.0.0/8\n NETWORK *\nNETWORK 10.x\nDOMAIN a.test \r\n"),
+              "1-2+3-0 is no comment and begins with neither \"NETWORK \" nor \"DOMAIN \"; 4-8 is no address; "
+              "5+13 the blank at the end belongs to the pattern: it matches no name; end");
+}
+
+TEST_F(NetPolicyLines, EndWhereTheReadingStops) {
+    ScannerStream::set_buffer_pool(0, 1024);
+    EXPECT_EQ(Told(""), "end");
+    EXPECT_EQ(Told("NETWORK *\n\nNETWORK *\n"), "1+empty");
+    EXPECT_EQ(Told("NETWORK *\n\r\nNETWORK *\n"), "1+empty");
+    EXPECT_EQ(Told("NETWORK *\nNETWORK *"), "1+end");
+    EXPECT_EQ(Told("NETWORK *\n#" + std::string(2000, 'x') + "\nNETWORK *\n" + std::string(20000, '\n')), "1+long");
+}
+
+TEST_F(NetPolicyLines, AreOddWhereTheyMeanOtherThanTheySay) {
+    EXPECT_EQ(Remark("NETWORK 10.0.0.0/8"), "");
+    EXPECT_EQ(Remark("NETWORK 10.0.0.0/8 "), "");
+    EXPECT_EQ(Remark("NETWORK *"), "");
+    EXPECT_EQ(Remark("NETWORK 0.0.0.0/0"), "");
+    EXPECT_EQ(Remark("NETWORK 10.0.0.0/x"), "the count of bits is no number, which counts as 0: every address");
+    EXPECT_EQ(Remark("NETWORK 10.0.0.0/33"), "the count of bits is not between 0 and 32: it goes round after 32");
+    EXPECT_EQ(Remark("NETWORK 10.0.0.0/-1"), "the count of bits is not between 0 and 32: it goes round after 32");
+    EXPECT_EQ(Remark("NETWORK 10.0.0.0/8x"), "what follows the count of bits is not read");
+    EXPECT_EQ(Remark("NETWORK 10.0.0.0:mask"), "what follows the colon is no netmask");
+    EXPECT_EQ(Remark("DOMAIN "), "the pattern is empty: it matches no name");
+    EXPECT_EQ(Remark("DOMAIN  a.test"), "the blank belongs to the pattern: it matches no name");
+    EXPECT_EQ(Remark("DOMAIN a.test"), "");
+}
+
+TEST(NetworkRule, TellsWhyItMatchesNothing) {
+    EXPECT_EQ(NetCheckIPV4::never_matches("10.0.0.0/8"), nullptr);
+    EXPECT_EQ(NetCheckIPV4::never_matches("10.1.2.3"), nullptr);
+    EXPECT_EQ(NetCheckIPV4::never_matches("0.0.0.0/0"), nullptr);
+    EXPECT_STREQ(NetCheckIPV4::never_matches("10.1.2.3/8"), "the address has bits outside its mask");
+    EXPECT_STREQ(NetCheckIPV4::never_matches("1mail.example"), "is no address");
+}
+
 TEST_F(NetPolicyScore, OfTheDocumentedExampleIsAsTold) {
     std::string const page = DOCS "/formats/inside-txt.md";
     root.Write("inside.txt", DocExample(page, "inside.txt"));
