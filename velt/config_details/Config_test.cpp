@@ -17,6 +17,7 @@
 #include <velt/config_details/settings/process.h>
 #include <velt/connection/Connection.h>
 #include <velt/logging/Events.h>
+#include <velt/scanning/EFabricScanAgent.h>
 
 using velt_testing::EventCapture;
 using velt_testing::FakePolicyStore;
@@ -142,6 +143,29 @@ TEST_F(ConfigTest, SeesAChangeOfTheStoreAtTheNextRead) {
     store.Put("base", "network", "Timeout", FakeValue::Unsigned(20));
     EXPECT_EQ(Timeout(config), 20u);
     EXPECT_EQ(store.reads, 2u);
+}
+
+// A store that says "no answer" and gives one anyway has given one.
+TEST_F(ConfigTest, NeverLooksAtTheStatusOfARead) {
+    store.Put("base", "network", "Timeout", FakeValue::Unsigned(10));
+    for (int answer : {0, 1, -1}) {
+        store.statusAnswer = answer;
+        EXPECT_EQ(Timeout(config), 10u);
+        EXPECT_EQ(store.lastStatus, 0);
+        EXPECT_EQ(ReadSetting<VELTCFG::network::ConnectTimeout>(config), 30u);
+    }
+}
+
+TEST_F(ConfigTest, ReadsForTheTimeOfTheScanAgent) {
+    auto const expectNow = [&](auto&& read) {
+        std::time_t const before = EFabricScanAgent::get_time();
+        store.lastTime = 0;
+        read();
+        EXPECT_GE(store.lastTime, before);
+        EXPECT_LE(store.lastTime, EFabricScanAgent::get_time());
+    };
+    expectNow([&] { Get(config, 0); });
+    expectNow([&] { config.policies[2].get(&config, 2, Name("network"), Name("Timeout")); });
 }
 
 TEST_F(ConfigTest, ReadsTheLimitOfHostsThroughTheProtocolSlot) {
@@ -329,6 +353,10 @@ TEST_F(ConfigTest, RestoredSlotClearsItsMarkAndEvaluatesNothing) {
     EXPECT_EQ(rule.evaluations, 0u);
     EXPECT_FALSE(config.policies[2].m_changed);
     EXPECT_TRUE(events.Events().empty());
+    Config parent;
+    config.set(false, nullptr, &parent);  // does not end it
+    EXPECT_FALSE(config.policies[2].policy(&config));
+    EXPECT_EQ(rule.evaluations, 0u);
 }
 
 TEST_F(ConfigTest, ReportsASelectionOfTheProcessByPolicyAndIdentity) {
@@ -346,6 +374,40 @@ TEST_F(ConfigTest, ReportsASelectionOfASessionByItsAttributes) {
     config.connection = &session;
     config.policies[2].resolve(&config);
     EXPECT_EQ(velt_testing::Describe(events.Bag(events::IDENTITY_SELECTED)), "connection={audit_id=session}");
+}
+
+// A session that names itself by a setting of the slot under evaluation.
+class SelfReadingConnection : public Connection {
+public:
+    void LogConnectionAttributes(KORlog::InfoBag& bag) const override {
+        ++logged;
+        bag |= QXlog::names::QXPROP_AUDIT_ID(
+            std::to_string(ReadSetting<VELTCFG::network::Timeout>(*config, Config::POLICY_CONTENT)));
+    }
+    Config* config = nullptr;
+    mutable unsigned logged = 0;
+};
+
+TEST_F(ConfigTest, SessionMayReadThroughTheSlotThatIsReported) {
+    events.Expect(events::IDENTITY_SELECTED);
+    RuleOf const rule(Name("staff"), Always);
+    Config::s_IdentityExpressions[0][2] = {&rule};
+    store.Put("content_out", "network", "Timeout", FakeValue::Unsigned(7), "staff");
+    SelfReadingConnection session;
+    session.config = &config;
+    config.set(false, &session, &config);
+    EXPECT_EQ(Timeout(config, 2), 7u);
+    EXPECT_EQ(velt_testing::Describe(events.Bag(events::IDENTITY_SELECTED)), "connection={audit_id=7}");
+    EXPECT_EQ(session.logged, 1u);
+    EXPECT_EQ(rule.evaluations, 1u);
+}
+
+TEST_F(ConfigTest, RuleThatThrowsLeavesTheMark) {
+    RuleOf const rule(Name("staff"), [](Config::PolicyInfo&) -> bool { throw std::runtime_error("rule"); });
+    Config::s_IdentityExpressions[0][2] = {&rule};
+    config.allchange();
+    EXPECT_THROW(config.policies[2].policy(&config), std::runtime_error);
+    EXPECT_TRUE(config.policies[2].m_changed);
 }
 
 TEST_F(ConfigTest, LooksNothingUpForASelectionThatIsNotReported) {

@@ -90,6 +90,17 @@ TEST_F(IdentityTest, UnknownSubjectOrOperatorIsFalse) {
     EXPECT_FALSE(Holds(L"efrom", L"FROM", L"*"));
     EXPECT_FALSE(Holds(L"efrom", L"IN", L"*"));
     EXPECT_FALSE(Holds(L"eto", L"IN", L"*"));
+    EXPECT_FALSE(Holds(L"eto", L"", L"*"));
+    EXPECT_FALSE(Holds(L"eto", L"TO", L"inner.*"));
+    EXPECT_TRUE(events.Events().empty());
+}
+
+TEST_F(IdentityTest, RuleOfAnUnknownSubjectOrOperatorLoadsAndNeverHolds) {
+    store.PutIdentities("content_in", {"board", "staff", "guests"});
+    Rules(
+        "<identity name=\"board\">who IS \"*\"</identity><identity name=\"staff\">eto LIKE \"*\"</identity>"
+        "<identity name=\"guests\">not who IS \"*\"</identity>");
+    EXPECT_EQ(Selected(), "guests");
 }
 
 TEST_F(IdentityTest, ConnectionRulesAskTheirOwnEnd) {
@@ -123,6 +134,76 @@ TEST_F(IdentityTest, EveryDigitAtTheFrontMakesAnAddress) {
         session.getSourceConnection().m_host = std::string(value.begin(), value.end());
         EXPECT_TRUE(Holds(L"con", L"FROM", value.c_str())) << static_cast<char>(other);
     }
+}
+
+// The network is compared as written, so no client is in one with bits behind its mask.
+TEST_F(IdentityTest, NetworkWithBitsBehindItsMaskHoldsNobody) {
+    EXPECT_TRUE(Holds(L"con", L"FROM", L"10.0.0.0/8"));
+    EXPECT_FALSE(Holds(L"con", L"FROM", L"10.1.2.3/8"));
+    EXPECT_TRUE(Holds(L"con", L"FROM", L"10.1.2.3/32"));
+    EXPECT_TRUE(Holds(L"con", L"TO", L"192.0.2.0/24"));
+    EXPECT_FALSE(Holds(L"con", L"TO", L"192.0.2.7/24"));
+}
+
+// Each wide character gives its low byte, and so may turn into another one.
+TEST_F(IdentityTest, WideTextIsCutToOneByteEach) {
+    EXPECT_TRUE(Holds(L"con", L"FROM", L"\x131\x230.\x331.2.3"));  // 10.1.2.3, an address by its first byte
+    EXPECT_TRUE(Holds(L"con", L"FROM", L"\x16D\x161il.example"));
+    EXPECT_TRUE(Holds(L"con", L"TO", L"\x1F569nner.\x12A"));  // the wildcard too
+    config.set_source_mail_address("caf\xE9@sender.test");
+    config.set_recipient_mail_address("ann@staff.test");
+    EXPECT_TRUE(Holds(L"eto", L"IS", L"\x161nn@\x12A"));
+    EXPECT_TRUE(Holds(L"efrom", L"IS", L"caf\xE9@sender.test"));
+    EXPECT_FALSE(Holds(L"eto", L"IS", L"\x162nn@*"));
+}
+
+TEST_F(IdentityTest, WideTextOfTheFileIsCutToo) {
+    store.PutIdentities("content_in", {"staff"});
+    Rules("<identity name=\"staff\">efrom IS \"caf\xC3\xA9@*\" and eto IS \"\xC5\xA1nn@*\"</identity>");
+    config.set_source_mail_address("caf\xE9@sender.test");
+    config.set_recipient_mail_address("ann@staff.test");
+    EXPECT_EQ(Selected(), "staff");
+    config.set_source_mail_address("caf\xC3\xA9@sender.test");
+    EXPECT_EQ(Selected(), "(none)");
+}
+
+// An expression that explodes on an address holds for no such address, and nobody is told.
+TEST_F(IdentityTest, RuleThatExplodesOnAnAddressDoesNotHoldForIt) {
+    store.PutIdentities("content_in", {"board", "staff"});
+    Rules(
+        "<identity name=\"board\">eto IS \"regex:(a+)+$\"</identity><identity name=\"staff\">not eto IS "
+        "\"regex:(a+)+$\"</identity>");
+    config.set_recipient_mail_address(std::string(4000, 'a') + "@b");
+    EXPECT_EQ(Selected(), "staff");
+    config.set_recipient_mail_address("aaa");
+    EXPECT_EQ(Selected(), "board");
+}
+
+TEST_F(IdentityTest, GroupIsComparedWholeByteByByteInTheOrderOfTheDirectory) {
+    using Groups = std::vector<std::string>;
+    auto const in = [&](Groups const& groups, wchar_t const* group) {
+        config.set_recipient_mail_address("ann@staff.test");
+        config.recipient.groups = groups;
+        config.recipient.groupsKnown = true;
+        return Holds(L"eto", L"IN", group);
+    };
+    EXPECT_TRUE(in({"dir.Board"}, L"dir.Board"));
+    EXPECT_TRUE(in({"dir.Staff", "dir.Board", "dir.Guests"}, L"dir.Board"));
+    EXPECT_TRUE(in({"dir.Staff", "dir.Board"}, L"dir.Staff"));
+    for (wchar_t const* const other : {L"dir.board", L"Board", L"dir.Boar", L"dir.Board ", L"dir.*", L"", L"regex:.*"})
+        EXPECT_FALSE(in({"dir.Staff", "dir.Board"}, other)) << other;
+    EXPECT_FALSE(in({}, L""));
+    EXPECT_TRUE(in({""}, L""));
+    EXPECT_TRUE(in({"dir.\xC3\x9C"}, L"dir.\xDC"));  // this text is not cut
+    EXPECT_FALSE(in({"dir.\xDC"}, L"dir.\xDC"));
+    EXPECT_TRUE(in({std::string("dir.Board\0s", 11)}, L"dir.Board"));  // texts end at a NUL
+}
+
+TEST_F(IdentityTest, GroupsAskForTheirOwnEndOfTheEnvelope) {
+    config.source.groups = {"dir.Board"};
+    config.source.groupsKnown = config.recipient.groupsKnown = true;
+    EXPECT_TRUE(Holds(L"efrom", L"IN", L"dir.Board"));
+    EXPECT_FALSE(Holds(L"eto", L"IN", L"dir.Board"));
 }
 
 TEST_F(IdentityTest, ConnectionRulesAreFalseWithoutAConnection) {
@@ -188,7 +269,10 @@ TEST_F(IdentityTest, OrderOfTheStoreIsTheOrderOfPriority) {
     EXPECT_EQ(Config::find_identity_priority(0, 2, Name("staff")), -1);
     EXPECT_EQ(Config::find_identity_priority(1, 2, Name("nobody")), -1);
     EXPECT_EQ(Config::find_identity(1, 2, "staff"), Name("staff"));
-    EXPECT_FALSE(Config::find_identity(1, 2, "Staff"));
+    for (char const* const other : {"Staff", "staf", "staffs", "st", "", "*"})
+        EXPECT_FALSE(Config::find_identity(1, 2, other)) << other;
+    EXPECT_FALSE(Config::find_identity(0, 2, "staff"));
+    EXPECT_FALSE(Config::find_identity(1, 3, "staff"));
 }
 
 TEST_F(IdentityTest, NameWithoutAnExpressionIsDropped) {
@@ -361,6 +445,49 @@ TEST_F(IdentityTest, MissingTailOfALineLeavesItsSlotsUnchanged) {
         EXPECT_EQ(restored.inbound, !line.empty()) << line;
         EXPECT_TRUE(restored.restored);
     }
+}
+
+TEST_F(IdentityTest, DirectionOfALineIsAnyNumberButZero) {
+    Config::initialise(&store);
+    for (auto const& [field, inbound] : std::vector<std::pair<std::string, bool>>{{"1", true},
+                                                                                  {"0", false},
+                                                                                  {"2", true},
+                                                                                  {"-1", true},
+                                                                                  {"10x", true},
+                                                                                  {"00", false},
+                                                                                  {"x1", false},
+                                                                                  {"0x1", false},
+                                                                                  {"", false},
+                                                                                  {"\t1", true},
+                                                                                  {"99999999999999999999", true}}) {
+        Config restored;
+        restored.inbound = !inbound;
+        restored.restore_state(field + " ");
+        EXPECT_EQ(restored.inbound, inbound) << field;
+    }
+}
+
+TEST_F(IdentityTest, LineMayNameOtherIdentitiesThanTheRulesWould) {
+    store.PutIdentities("content_in", {"board", "staff"});
+    store.PutIdentities("content_out", {"board"});
+    Rules(kStaff + kBoard);
+    Config restored;
+    restored.restore_state("1   staff");
+    restored.set_recipient_mail_address("boss@else.test");
+    EXPECT_EQ(restored.policies[2].policy(&restored), Name("staff"));
+    EXPECT_EQ(restored.policies[2].policy(&restored), Config::find_identity(1, 2, "staff"));
+    Config other;
+    other.restore_state("0   staff");  // the outer row does not know it
+    EXPECT_FALSE(other.policies[2].identity);
+}
+
+TEST_F(IdentityTest, FieldsBehindTheLastSlotAreIgnored) {
+    store.PutIdentities("system_in", {"staff"});
+    Rules(kStaff);
+    Config restored;
+    restored.restore_state("1         staff more and more");
+    EXPECT_EQ(restored.policies[8].identity, Name("staff"));
+    EXPECT_EQ(restored.save_state(), "1         staff");
 }
 
 TEST_F(IdentityTest, UnknownNameInALineIsNoIdentity) {

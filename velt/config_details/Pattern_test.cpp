@@ -82,6 +82,69 @@ TEST(Pattern, ThatExplodesOnATextDoesNotMatchIt) {
     EXPECT_TRUE(pattern.match("aaa"));
 }
 
+// Where such a pattern does not match, the expression library goes back and forth until its budget is spent.
+TEST(Pattern, OfManyStarsIsMatchedToItsEnd) {
+    std::string const many(2000, 'a');
+    Pattern const pattern = PatternOf("*a*a*a*a*a*a*a*ab*");
+    EXPECT_TRUE(pattern.match("aaaaaaaab" + many));
+    EXPECT_FALSE(pattern.match("aaaaaaab" + many));
+    EXPECT_FALSE(pattern.match(many));
+    EXPECT_TRUE(PatternOf("regex:^.*a.*a.*a.*a.*a.*a.*a.*ab.*$").match("aaaaaaaab" + many));
+}
+
+TEST(Pattern, TakesTheSameCharacterOnceOnly) {
+    EXPECT_FALSE(PatternOf("ab*bc").match("abc"));
+    EXPECT_TRUE(PatternOf("ab*bc").match("abbc"));
+    EXPECT_FALSE(PatternOf("*ab*ab*").match("xabx"));
+    EXPECT_TRUE(PatternOf("*ab*ab*").match("abab"));
+    EXPECT_TRUE(PatternOf("*?*").match("a"));
+    EXPECT_FALSE(PatternOf("*?*").match(""));
+    EXPECT_TRUE(PatternOf("**").match(""));
+    EXPECT_FALSE(PatternOf("a*?").match("a"));
+    EXPECT_FALSE(PatternOf("x*aa").match("xa"));
+    EXPECT_FALSE(PatternOf("a*a").match("a"));
+}
+
+// One that begins and ends as a translation does is not taken for one.
+TEST(Pattern, ThatIsMoreThanWildcardsStaysAnExpression) {
+    EXPECT_TRUE(PatternOf("regex:^a|b$").match("b"));
+    EXPECT_FALSE(PatternOf("regex:^a|b$").match("a|b"));
+    EXPECT_TRUE(PatternOf("regex:^ab+$").match("abb"));
+    EXPECT_TRUE(PatternOf("regex:^ab?$").match("a"));
+    EXPECT_TRUE(PatternOf("regex:^ab*$").match("abb"));
+    EXPECT_TRUE(PatternOf("regex:^a.*?$").match("ab"));
+    EXPECT_TRUE(PatternOf("regex:^a{2}$").match("aa"));
+    EXPECT_TRUE(PatternOf("regex:^[ab]$").match("b"));
+    EXPECT_TRUE(PatternOf("regex:^(a)$").match("a"));
+    EXPECT_TRUE(PatternOf("regex:^\\d$").match("7"));
+    EXPECT_FALSE(PatternOf("regex:^a\\$").match("a"));
+    EXPECT_TRUE(PatternOf("regex:^a\\$").match("a$"));  // the sign itself, and no end
+    EXPECT_TRUE(PatternOf("regex:^\\*\\?$").match("*?"));
+}
+
+TEST(Pattern, TakesAnyByte) {
+    std::string const bytes("\0\n\r\x80\xff", 5);
+    EXPECT_TRUE(PatternOf("?????").match(bytes));
+    EXPECT_TRUE(PatternOf("*").match(bytes));
+    EXPECT_TRUE(PatternOf(bytes).match(bytes));
+    EXPECT_FALSE(PatternOf("????").match(bytes));
+    for (int c = 1; c < 256; ++c) {
+        std::string const text(1, static_cast<char>(c));
+        EXPECT_TRUE(PatternOf("?").match(text)) << c;
+        EXPECT_TRUE(PatternOf(text).match(text)) << c;
+    }
+}
+
+TEST(Pattern, IsTheSameFromAnyLength) {
+    for (std::size_t length : {126u, 127u, 128u, 129u, 1000u}) {
+        std::string const text(length, 'x');
+        EXPECT_TRUE(PatternOf(text).match(text));
+        EXPECT_TRUE(PatternOf("*" + text).match("y" + text));
+        EXPECT_FALSE(PatternOf(text).match(text + "x"));
+        EXPECT_FALSE(PatternOf(text + "?").match(text));
+    }
+}
+
 TEST(Pattern, NeverSetMatchesNothing) {
     EXPECT_FALSE(Pattern().match(""));
     EXPECT_FALSE(Pattern().match("a"));
@@ -108,6 +171,13 @@ TEST(NetworkObject, HoldsTheAddressesUnderItsMask) {
     EXPECT_TRUE(TextMatch(network, "10.9.9.9"));
     EXPECT_FALSE(TextMatch(network, "11.9.9.9"));
     EXPECT_FALSE(network.email_match(KORnet::EmailAddr("joe@10.1.2.3")));
+}
+
+TEST(NetworkObject, OfEverybodyHoldsEveryIPv4AddressAndNoOther) {
+    netobject_is_network const everybody(KORnet::IPv4Mask(0, 0));
+    EXPECT_TRUE(everybody.network_match(KORnet::IPAddr(Ip(192, 0, 2, 1)), false));
+    EXPECT_FALSE(everybody.network_match(KORnet::IPAddr("::1"), false));
+    EXPECT_FALSE(everybody.network_match(KORnet::IPAddr("::1"), true));
 }
 
 TEST(MailObject, MatchesTheAddressAndNoNetwork) {

@@ -32,14 +32,17 @@ void Config::PolicyInfo::set(PolicyInfo* other) {
     m_changed = false;
 }
 
-// A restored Config keeps what it was given: nothing is evaluated and nothing is reported.
+// A restored Config keeps what it was given: nothing is evaluated and nothing is reported. The mark goes before the
+// report, since what a session tells about itself may rest on a setting that is read through this very slot.
 void Config::PolicyInfo::resolve(Config* owner) {
-    if (!owner->restored) {
-        config = owner;
-        identity = SelectIdentity();
-        LogEvent(events::IDENTITY_SELECTED, [this] { return SelectionAttributes(*this); });
+    if (owner->restored) {
+        m_changed = false;
+        return;
     }
+    config = owner;
+    identity = SelectIdentity();
     m_changed = false;
+    LogEvent(events::IDENTITY_SELECTED, [this] { return SelectionAttributes(*this); });
 }
 
 // The store's order is the order of priority: the first identity whose rule holds is the one.

@@ -28,6 +28,16 @@ private:
     config_types::basic_pattern<char, true> m_pattern;
 };
 
+// The name of the group of an IN, all of it.
+class GroupAddressComparison : public EvalData {
+public:
+    explicit GroupAddressComparison(wchar_t const* text) : m_group(text) {}
+    bool isOneOf(std::vector<std::string> const& groups) const;
+
+private:
+    KORtk::Utf8Array m_group;
+};
+
 struct WideTextLess {
     bool operator()(wchar_t const* a, wchar_t const* b) const { return std::wcscmp(a, b) < 0; }
 };
@@ -59,6 +69,13 @@ bool evaluate_to(AtomicValue const& value, void* data, EvalData*& evalData);
 bool evaluate_email_from_is(AtomicValue const& value, void* data, EvalData*& evalData);
 bool evaluate_email_to_is(AtomicValue const& value, void* data, EvalData*& evalData);
 bool evaluate_email_is(AtomicValue const& value, ConfigEmailAddress const* address, Config::PolicyInfo* info,
+                       EvalData*& evalData);
+
+// An envelope address among the members of a directory's group. Where its groups are not known yet the directory
+// servers are asked, on this thread; where that fails the answer is no, and the next rule asks again.
+bool evaluate_email_from_in(AtomicValue const& value, void* data, EvalData*& evalData);
+bool evaluate_email_to_in(AtomicValue const& value, void* data, EvalData*& evalData);
+bool evaluate_email_in(AtomicValue const& value, ConfigEmailAddress* address, Config::PolicyInfo* info,
                        EvalData*& evalData);
 
 }  // namespace VELT

@@ -4,6 +4,8 @@
 
 #include <stdexcept>
 
+#include <velt/config_details/wildcard.h>
+
 namespace VELT::config_types {
 
 basic_regex<char, true>::~basic_regex() = default;
@@ -14,8 +16,16 @@ void basic_regex<char, true>::set_regex(char const* first, char const* last) {
     m_regex.swap(compiled);
 }
 
+// The letters' cases are the library's, as it takes them from the locale that the expression was compiled in.
 bool basic_regex<char, true>::match(char const* first, char const* last) const try {
-    return !m_regex.empty() && boost::regex_match(first, last, m_regex);
+    if (m_regex.empty()) return false;
+    detail::Wildcard wildcard;
+    if (!wildcard.parse(std::string_view(m_regex.begin(), m_regex.size()))) {
+        return boost::regex_match(first, last, m_regex);
+    }
+    auto const& traits = m_regex.get_traits();
+    return wildcard.matches(std::string_view(first, static_cast<std::size_t>(last - first)),
+                            [&traits](char c) { return traits.translate_nocase(c); });
 } catch (std::runtime_error const&) {
     return false;  // the matcher ran out of its budget on this text
 }

@@ -3,6 +3,7 @@
 // Owner: whoever holds it; a value. Threads: matching is const and may run on any thread, set_regex on one.
 // Failure: set_regex throws the expression library's exception (a std::runtime_error) for a bad expression and leaves
 // the old one. A match that the library gives up on, because the expression explodes on the text, is no match.
+// Wildcards never explode: they are matched without the library, however many stars they have.
 #pragma once
 
 #include <boost/regex.hpp>

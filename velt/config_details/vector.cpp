@@ -4,11 +4,10 @@
 
 namespace VELT::config_types::detail {
 
-void ThrowOutOfRange(std::size_t index, std::size_t size) {
+void ThrowOutOfRange(std::size_t index, std::size_t size, char const* function) {
     // The place is part of the message that log readers know, and does not move with this file.
-    throw out_of_range_error(
-        KORtk::Location{"../../../comp/lib/velt/config_details/vector.cc", 157, __PRETTY_FUNCTION__},
-        std::to_string(index) + " >= " + std::to_string(size));
+    throw out_of_range_error(KORtk::Location{"../../../comp/lib/velt/config_details/vector.cc", 157, function},
+                             std::to_string(index) + " >= " + std::to_string(size));
 }
 
 bool mock_vector_cfg<unsigned short, unsigned int>::convert(eFabric::IProductValue const& element,

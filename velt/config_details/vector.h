@@ -31,7 +31,7 @@ using out_of_range_error =
 
 namespace detail {
 
-[[noreturn]] VELT_API void ThrowOutOfRange(std::size_t index, std::size_t size);
+[[noreturn]] VELT_API void ThrowOutOfRange(std::size_t index, std::size_t size, char const* function);
 
 // Converts one element; Raw is the type that the store delivers. convert() is false when the store cannot.
 template <class T, class Raw>
@@ -94,7 +94,7 @@ private:
 template <class T, class EFCMConverter>
 T vector<T, EFCMConverter>::at(size_type index) const {
     size_type const count = size();
-    if (index >= count) detail::ThrowOutOfRange(index, count);
+    if (index >= count) detail::ThrowOutOfRange(index, count, __PRETTY_FUNCTION__);
     eFabric::IProductValue const* const element = m_list->at(static_cast<unsigned>(index));
     T value{};
     if (!element || !EFCMConverter::convert(*element, value)) return s_null;

@@ -46,6 +46,31 @@ struct attrname_InitialNetMemPool {
 using InitialNetMemPool =
     cfg::bounded<attrname_InitialNetMemPool, unsigned, cfg::integral_bounds<unsigned, 0, 0, 65535>>;
 
+struct attrname_Interception {
+    static constexpr SettingText text{"network", "Interception", "",
+                                      "Who intercepts connections on their way to other servers: \"device\", the "
+                                      "device /dev/qxnat where there is one; \"netfilter\", the packet filter of the "
+                                      "system; \"off\", nobody. Read at start-up."};
+};
+struct defaults_Interception {
+    static constexpr char const* value = "device";
+};
+using Interception = cfg::unbounded<attrname_Interception, CharBuf, defaults_Interception>;
+
+struct attrname_LDAPCached {
+    static constexpr SettingText text{"network", "LDAPCached", "",
+                                      "Whether connections to directory servers stay open between queries. Read at "
+                                      "start-up."};
+};
+using LDAPCached = cfg::bounded<attrname_LDAPCached, bool, cfg::bool_bounds<true>>;
+
+struct attrname_LDAPQueryTimeout {
+    static constexpr SettingText text{"network", "LDAPQueryTimeout", "seconds",
+                                      "How long a search in a directory may take. Read at start-up."};
+};
+using LDAPQueryTimeout =
+    cfg::bounded<attrname_LDAPQueryTimeout, unsigned short, cfg::integral_bounds<unsigned short, 10, 1, 65535>>;
+
 struct attrname_MaxConnections {
     static constexpr SettingText text{"network", "MaxConnections", "threads",
                                       "Connection threads that a worker process may grow to. Read at start-up."};
@@ -78,8 +103,8 @@ struct attrname_Timeout {
 };
 using Timeout = cfg::bounded<attrname_Timeout, unsigned, cfg::integral_bounds<unsigned, 60, 0, 3600>>;
 
-using Settings =
-    cfg::setting_list<AcceptCount, BindAddress, BindPorts, ConnectTimeout, ForbidReverseLookups, InitialNetMemPool,
-                      MaxConnections, MaxQueuedConnections, NetMem, QueueRatio, Timeout>;
+using Settings = cfg::setting_list<AcceptCount, BindAddress, BindPorts, ConnectTimeout, ForbidReverseLookups,
+                                   InitialNetMemPool, Interception, LDAPCached, LDAPQueryTimeout, MaxConnections,
+                                   MaxQueuedConnections, NetMem, QueueRatio, Timeout>;
 
 }  // namespace VELTCFG::network

@@ -49,6 +49,20 @@ struct attrname_LoggingEnabled {
 };
 using LoggingEnabled = cfg::bounded<attrname_LoggingEnabled, bool, cfg::bool_bounds<true>>;
 
+struct attrname_MemoryLimit {
+    static constexpr SettingText text{
+        "process", "MemoryLimit", "kB",
+        "A process whose data, thread stacks included, is larger finishes its work and is "
+        "replaced; 0 is never. Read at start-up."};
+};
+using MemoryLimit = cfg::bounded<attrname_MemoryLimit, unsigned, cfg::integral_bounds<unsigned, 75000, 0, 4294967295>>;
+
+struct attrname_MemoryLimitRate {
+    static constexpr SettingText text{"process", "MemoryLimitRate", "seconds",
+                                      "How often the size is measured; 0 is never. Read at start-up."};
+};
+using MemoryLimitRate = cfg::bounded<attrname_MemoryLimitRate, unsigned, cfg::integral_bounds<unsigned, 30, 0, 65535>>;
+
 struct attrname_MonitorHealth {
     static constexpr SettingText text{"process", "MonitorHealth", "",
                                       "Connections from 127.0.0.1 are health checks and run no session. Read at "
@@ -90,6 +104,16 @@ struct attrname_ShutDownTimeout {
 };
 using ShutDownTimeout = cfg::bounded<attrname_ShutDownTimeout, int, cfg::integral_bounds<int, 2, 0, 65535>>;
 
+struct attrname_TCPDebugDirectory {
+    static constexpr SettingText text{"process", "TCPDebugDirectory", "",
+                                      "Where a host's captures of its streams go (docs/formats/capture.md); made if it "
+                                      "is not there, and opened to all. Empty is no capture. Read at start-up."};
+};
+struct defaults_TCPDebugDirectory {
+    static constexpr char const* value = "";
+};
+using TCPDebugDirectory = cfg::unbounded<attrname_TCPDebugDirectory, CharBuf, defaults_TCPDebugDirectory>;
+
 struct attrname_ThreadLimit {
     static constexpr SettingText text{"process", "ThreadLimit", "threads",
                                       "For host daemons; the library reads it and acts on it nowhere. Read at "
@@ -105,8 +129,9 @@ struct defaults_UserId {
 };
 using UserId = cfg::unbounded<attrname_UserId, CharBuf, defaults_UserId>;
 
-using Settings = cfg::setting_list<ConnectionHandlerStacksize, ForkedModel, ForkedModelThreads, GroupId, IdleTimeout,
-                                   LoggingEnabled, MonitorHealth, PermThreads, Priority, ProxyIdleTimeout,
-                                   ProxyRefreshRate, ShutDownTimeout, ThreadLimit, UserId>;
+using Settings =
+    cfg::setting_list<ConnectionHandlerStacksize, ForkedModel, ForkedModelThreads, GroupId, IdleTimeout, LoggingEnabled,
+                      MemoryLimit, MemoryLimitRate, MonitorHealth, PermThreads, Priority, ProxyIdleTimeout,
+                      ProxyRefreshRate, ShutDownTimeout, TCPDebugDirectory, ThreadLimit, UserId>;
 
 }  // namespace VELTCFG::process
