@@ -9,6 +9,7 @@
 
 #include <velt/runtime/ConnThreadPool.h>
 #include <velt/runtime/ListenThread.h>
+#include <velt/runtime/Notify.h>
 #include <velt/runtime/TCPServiceLoop.h>
 
 namespace VELT {
@@ -31,23 +32,25 @@ void TCPServiceLoop::AcceptConnections_Threaded() {
     for (int i = 0; i < m_listenCount; ++i) {
         acceptors.push_back(std::make_unique<ListenThread>(m_listenSockets[i], this));
     }
+    NotifyReady(m_listenSockets.get(), m_listenCount);
     WatchParent();
     WriteMsgToParent(MSG_STOPPING);
     ClosePipes();
     StopServices();
-    ::eventfd_write(m_wakeFd, 1);
+    WakeAll();
     for (auto const& acceptor : acceptors) acceptor->Join();
     connthreads->Shutdown();
 }
 
-// The descriptor is watched under the number that it had at entry, even after an error closed it.
+// The descriptor is watched under the number that it had at entry, even after an error closed it. The stop flag may be
+// set by any thread: the first accepting thread that sees it wakes this one, as from then on nobody accepts.
 void TCPServiceLoop::WatchParent() {
-    pollfd pipe{m_parentReadFd, POLLIN, 0};
+    pollfd watched[2] = {{m_parentReadFd, POLLIN, 0}, {m_wakeFd, POLLIN, 0}};
     while (!shutdown) {
-        int const ready = ::poll(&pipe, 1, kCheckMs);
+        int const ready = ::poll(watched, 2, kCheckMs);
         if (ready == 0) CheckConnectionLimit();
         if (ready <= 0) continue;
-        HandleParentPipe(pipe.revents);
+        HandleParentPipe(watched[0].revents);
         if (m_parentReadFd == -1) RestWithoutParent();
     }
 }
@@ -62,9 +65,13 @@ void TCPServiceLoop::HandleParentPipe(short events) {
 
 // A closed number answers each poll at once: the worker goes on without a parent, once a second.
 void TCPServiceLoop::RestWithoutParent() {
-    if (!shutdown) ::poll(nullptr, 0, kCheckMs);
+    pollfd wake{m_wakeFd, POLLIN, 0};
+    if (!shutdown) ::poll(&wake, 1, kCheckMs);
     CheckConnectionLimit();
 }
+
+// The main thread and all accepting ones, for good.
+void TCPServiceLoop::WakeAll() { ::eventfd_write(m_wakeFd, 1); }
 
 void TCPServiceLoop::CloseParentRead() {
     if (m_parentReadFd != -1) ::close(m_parentReadFd);

@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include <KORnet/Addr.h>
+#include <velt/runtime/MemCheck.h>
 #include <velt/scanning/ScanAgent.h>
 
 namespace VELT {
@@ -37,6 +38,7 @@ void Clock::Start() { StartThread(kClockStack, Thread::DETACHED); }
 
 void Clock::ThreadMain() {
     for (;;) {
+        MemCheck::Check();
         std::time_t const now = ::time(nullptr);
         s_Time = now;
         ScanAgent::set_time(now);

@@ -51,6 +51,7 @@ ConnThreadPool::ConnThreadPool(unsigned maxThreads, unsigned maxQueue)
     PthreadCondInit(&m_workReady);
     PthreadCondInit(&m_queueRoom);
     PthreadCondInit(&m_allFinished);
+    PthreadCondInit(&m_threadFree);
 }
 
 // The mutex and the conditions own nothing of the system, and to destroy a condition would wait for its waiters.
@@ -82,21 +83,47 @@ void ConnThreadPool::StartPool(int count) {
     ::pthread_mutex_unlock(&m_mutex);
 }
 
-// The wait for room slows the caller down and does no more: the session is in the queue already.
+// With nobody idle the pool grows; when it cannot, the caller may be slowed down. That wait does no more: the session
+// is in the queue already. Whoever leaves may leave another caller behind, who came to wait after the broadcast.
+void ConnThreadPool::FindRoom(bool wait) {
+    if (m_threadCount < m_maxThreads) {
+        AddThread(false);
+    } else if (wait && is_queue_full()) {
+        m_queueWaiting = true;
+        ++m_enqueuersHeldUp;
+        ::pthread_cond_wait(&m_queueRoom, &m_mutex);
+        m_queueWaiting = --m_enqueuersHeldUp != 0;
+    }
+}
+
+// Whoever is woken finds the mutex free: signalled before, it would go to sleep on it again.
 void ConnThreadPool::QueueConnection(Connection* session, bool wait) {
     LogEvent(events::SESSION_QUEUED, [session] { return AttributesOf(*session); });
     if (!session->IsHealthCheck()) (*m_queuedCount)++;
     ::pthread_mutex_lock(&m_mutex);
     m_queue.push_back(session);
     ConnectionAdded(session);
-    if (m_idleThreads != 0) {
-        ::pthread_cond_signal(&m_workReady);
-    } else if (m_threadCount < m_maxThreads) {
-        AddThread(false);
-    } else if (wait && is_queue_full()) {
-        m_queueWaiting = true;
-        ::pthread_cond_wait(&m_queueRoom, &m_mutex);
-        m_queueWaiting = false;
+    bool const idle = m_idleThreads != 0;
+    if (!idle) FindRoom(wait);
+    ::pthread_mutex_unlock(&m_mutex);
+    if (idle) ::pthread_cond_signal(&m_workReady);
+}
+
+bool ConnThreadPool::HasFreeThread() const {
+    return m_threadCount < m_maxThreads || m_idleThreads > static_cast<int>(m_queue.size());
+}
+
+void ConnThreadPool::WaitForFreeThread(int milliseconds) {
+    ::pthread_mutex_lock(&m_mutex);
+    if (!HasFreeThread()) {
+        timespec until{};
+        ::clock_gettime(CLOCK_REALTIME, &until);
+        long const nanoseconds = until.tv_nsec + milliseconds * 1'000'000L;
+        until.tv_sec += nanoseconds / 1'000'000'000;
+        until.tv_nsec = nanoseconds % 1'000'000'000;
+        ++m_waitingForFree;
+        ::pthread_cond_timedwait(&m_threadFree, &m_mutex, &until);
+        --m_waitingForFree;
     }
     ::pthread_mutex_unlock(&m_mutex);
 }
@@ -121,6 +148,7 @@ bool ConnThreadPool::WaitUntilSignalled(int timeoutSeconds) {
 Connection* ConnThreadPool::WaitForWork(int timeoutSeconds) {
     while (!m_shuttingDown) {
         ++m_idleThreads;
+        if (m_waitingForFree != 0) ::pthread_cond_signal(&m_threadFree);
         if (!WaitUntilSignalled(timeoutSeconds)) return nullptr;
         --m_idleThreads;
         if (!m_queue.empty()) return TakeFirst();
@@ -138,16 +166,13 @@ void ConnThreadPool::Forget(ConnThread* thread) {
 // Work is taken first whether or not shutdown has begun, so that the queue drains. Only a thread that finds work at
 // once tells a waiting enqueuer of the room.
 Connection* ConnThreadPool::GetConnection(int timeoutSeconds, ConnThread* thread) {
-    Connection* session = nullptr;
     ::pthread_mutex_lock(&m_mutex);
-    if (!m_queue.empty()) {
-        session = TakeFirst();
-        if (m_queueWaiting) ::pthread_cond_broadcast(&m_queueRoom);
-    } else {
-        session = WaitForWork(timeoutSeconds);
-    }
+    bool const atOnce = !m_queue.empty();
+    bool const tell = atOnce && m_queueWaiting;
+    Connection* const session = atOnce ? TakeFirst() : WaitForWork(timeoutSeconds);
     if (!session) Forget(thread);
     ::pthread_mutex_unlock(&m_mutex);
+    if (tell) ::pthread_cond_broadcast(&m_queueRoom);
     if (session && !session->IsHealthCheck()) (*m_ranCount)++;
     return session;
 }

@@ -41,6 +41,10 @@ public:
     // For the pool's own threads: the next session, or null when `thread` has to end, which is then forgotten here.
     Connection* GetConnection(int timeoutSeconds, ConnThread* thread);  // -1: no timeout
 
+    // For an accepting thread that has siblings in other processes: returns when a session would be run at once, or
+    // after so long.
+    void WaitForFreeThread(int milliseconds);
+
     void Shutdown();  // lets the threads finish what is queued; returns when the last has left
 
 protected:
@@ -62,11 +66,17 @@ protected:
     std::deque<Connection*> m_queue;
 
 private:
-    void AddThread(bool permanent);               // m_mutex held
+    bool HasFreeThread() const;  // m_mutex held
+    void AddThread(bool permanent);
+    void FindRoom(bool wait);                     // m_mutex held
     Connection* TakeFirst();                      // m_mutex held, the queue not empty
     Connection* WaitForWork(int timeoutSeconds);  // m_mutex held; null: idle too long, or shutdown
     bool WaitUntilSignalled(int timeoutSeconds);  // m_mutex held; false: the time is up
     void Forget(ConnThread* thread);              // m_mutex held
+
+    pthread_cond_t m_threadFree;     // m_mutex: a thread found no work
+    unsigned m_waitingForFree = 0;   // m_mutex
+    unsigned m_enqueuersHeldUp = 0;  // m_mutex: how many m_queueWaiting stands for
 };
 
 }  // namespace VELT

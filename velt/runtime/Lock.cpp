@@ -7,4 +7,12 @@ bool Lock::Try() {
     return ::pthread_equal(m_owner.load(std::memory_order_relaxed), ::pthread_self()) != 0;
 }
 
+int Lock::WaitUntil(pthread_cond_t& condition, std::time_t when) {
+    timespec const until{when, 0};
+    m_owner.store(s_free, std::memory_order_relaxed);
+    int const outcome = ::pthread_cond_timedwait(&condition, &m_mutex, &until);
+    m_owner.store(::pthread_self(), std::memory_order_relaxed);
+    return outcome;
+}
+
 }  // namespace VELT

@@ -6,6 +6,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <ctime>
 
 #include <velt/Export.h>
 
@@ -27,6 +28,14 @@ public:
         ::pthread_mutex_unlock(&m_mutex);
     }
     bool Try();  // true: it was free and is held now, without the owner being noted; or the caller holds it already
+
+    // For the holder: the lock is free while the wait lasts. May end without a cause, so that a flag has to say more.
+    void Wait(pthread_cond_t& condition) {
+        m_owner.store(s_free, std::memory_order_relaxed);
+        ::pthread_cond_wait(&condition, &m_mutex);
+        m_owner.store(::pthread_self(), std::memory_order_relaxed);
+    }
+    int WaitUntil(pthread_cond_t& condition, std::time_t when);  // seconds of the day's clock; 0, or ETIMEDOUT
 
 private:
     static constexpr pthread_t s_free = static_cast<pthread_t>(-1);

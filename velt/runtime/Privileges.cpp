@@ -22,8 +22,6 @@ namespace {
 
 constexpr std::size_t kRecordBytes = 1024;  // a user or group whose record is larger counts as unknown
 
-bool IsNumber(std::string const& text) { return !text.empty() && IsAllDigits(text); }
-
 // A number that the system's type cannot hold is refused: cut to it, it might be the superuser's.
 int ChangeTo(int (*change)(unsigned), long id) {
     if (id <= static_cast<long>(std::numeric_limits<unsigned>::max())) return change(static_cast<unsigned>(id));
@@ -45,9 +43,10 @@ bool FindText(Config& config, std::string& text) {
 
 }  // namespace
 
+// The empty text is the number 0: it has nothing that is no digit.
 long Proxy::MapUID(char const* name) {
     if (!name) return -1;
-    if (IsNumber(name)) return std::strtol(name, nullptr, 10);
+    if (IsAllDigits(name)) return std::strtol(name, nullptr, 10);
     char buffer[kRecordBytes];
     passwd record{};
     passwd* found = nullptr;
@@ -57,7 +56,7 @@ long Proxy::MapUID(char const* name) {
 
 long Proxy::MapGID(char const* name) {
     if (!name) return -1;
-    if (IsNumber(name)) return std::strtol(name, nullptr, 10);
+    if (IsAllDigits(name)) return std::strtol(name, nullptr, 10);
     char buffer[kRecordBytes];
     group record{};
     group* found = nullptr;

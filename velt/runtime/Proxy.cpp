@@ -96,7 +96,8 @@ Proxy::Proxy()
       m_argv(nullptr),
       m_serviceType("tcp"),
       m_retryerArgument(nullptr),
-      m_forkedModelThreads(false) {
+      m_forkedModelThreads(false),
+      m_restarted(false) {
     s_pProxyInstance = this;
     ::umask(0);
     for (int const signal : {SIGPIPE, SIGXFSZ, SIGCHLD}) HandleSignal(signal, SIG_IGN);
@@ -199,13 +200,16 @@ void Proxy::SetProxyName(char const* name) {
 int Proxy::StartAsService() {
     std::fflush(nullptr);
     pid_t const service = ::fork();
-    if (service == -1) {
-        int const error = errno;
-        LogEvent(events::SERVICE_FORK_FAILED, [error] { return _find_errno(error); });
-        return -1;
-    }
+    int const error = errno;
     if (service > 0) std::exit(0);
-    LogEvent(events::SERVICE_STARTED, [] { return KORlog::InfoBag(QXPROP_VELT_PID(::getpid())); });
+    OpenEarlyLog();
+    if (service == -1) {
+        LogEvent(events::SERVICE_FORK_FAILED, [error] { return _find_errno(error); });
+    } else {
+        LogEvent(events::SERVICE_STARTED, [] { return KORlog::InfoBag(QXPROP_VELT_PID(::getpid())); });
+    }
+    QXlog::shutdownEvRep();
+    if (service == -1) return -1;
     ::setsid();
     DetachStandardStreams();
     return Supervise();
@@ -220,6 +224,7 @@ int Proxy::Supervise() {
         if (service <= 0) break;
         HandleSignal(SIGCHLD, SIG_DFL);
         WaitForEnd(service);
+        m_restarted = true;
     }
     HandleSignal(SIGCHLD, SIG_IGN);
     return ProxyMain();
@@ -273,11 +278,13 @@ std::vector<sockaddr_in*> Proxy::GetSvcBindings() { return s_pProxyInstance->m_s
 std::vector<std::string>& Proxy::GetInterfaces() { return s_pProxyInstance->m_interfaceNames; }
 
 void Proxy::SetHostInformation(std::string& shortName, std::string& fullName) {
+    if (!s_pProxyInstance) return;
     s_pProxyInstance->m_hostName = shortName;
     s_pProxyInstance->m_fullHostName = fullName;
 }
 
 std::string Proxy::GetProxyHostName(bool full) {
+    if (!s_pProxyInstance) return {};
     return full ? s_pProxyInstance->m_fullHostName : s_pProxyInstance->m_hostName;
 }
 

@@ -37,7 +37,7 @@ public:
     Proxy(Proxy const&) = delete;
     Proxy& operator=(Proxy const&) = delete;
 
-    // Usable from anywhere once the instance exists.
+    // Usable from anywhere once the instance exists. Without one the machine has no name, and is given none.
     static std::vector<sockaddr_in*> GetSvcBindings();  // the elements stay the proxy's
     static void AddSvcBinding(unsigned short port);     // this port on every configured address
     static std::vector<std::string>& GetInterfaces();
@@ -104,19 +104,22 @@ public:
     char const* m_retryerArgument;
     std::vector<std::string> m_interfaceNames;  // dotted, without 127.0.0.1
     bool m_forkedModelThreads;
+    bool m_restarted;  // the supervisor has started this service before
 
 private:
-    struct PoolSizes;
+    struct StreamSettings;
 
     void ReadInterfaces();
     void TakeOption(int option);
     void TakePositionals(int argc, char** argv);
     int Supervise();
+    void OpenLog();
+    void OpenEarlyLog();
     bool LoadFramework();
     bool LoadIdentities();
-    void ReadNetworkSettings(PoolSizes& sizes);
-    void ReadProcessSettings();
-    void SetUpStreams(PoolSizes const& sizes);
+    void ReadNetworkSettings(StreamSettings& streams);
+    void ReadProcessSettings(StreamSettings& streams);
+    void SetUpStreams(StreamSettings const& streams);
     void CreateServiceLoop();
     void ChangeGroup();
     void ChangeUser();

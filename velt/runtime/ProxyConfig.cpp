@@ -13,6 +13,7 @@
 #include <velt/runtime/TCPServiceLoop.h>
 #include <velt/scanning/Scanner.h>
 #include <velt/streams/BufferPool.h>
+#include <velt/streams/Qxtrans.h>
 #include <velt/streams/ScannerStream.h>
 #include <velt/streams/TCPStream.h>
 
@@ -33,21 +34,22 @@ void LoadNetPolicy(NetPolicy& policy, std::string const& path) {
 
 }  // namespace
 
-struct Proxy::PoolSizes {
+struct Proxy::StreamSettings {
     unsigned netBytes, netBuffers;
     unsigned scanBytes, scanBuffers;
+    std::string captures;  // the directory
 };
 
 // The framework's loader is the store behind every setting: it was loaded before.
 void Proxy::GetStandardConfig() {
     InitialiseLogging();
-    PoolSizes sizes;
-    ReadNetworkSettings(sizes);
-    ReadProcessSettings();
+    StreamSettings streams;
+    ReadNetworkSettings(streams);
+    ReadProcessSettings(streams);
     m_acceptCount = ReadSetting<VELTCFG::network::AcceptCount>(m_config);
-    sizes.scanBytes = ReadSetting<VELTCFG::scanning::MaxScanMem>(m_config) * kKiB;
-    sizes.scanBuffers = ReadSetting<VELTCFG::scanning::InitialScanMemPool>(m_config);
-    SetUpStreams(sizes);
+    streams.scanBytes = ReadSetting<VELTCFG::scanning::MaxScanMem>(m_config) * kKiB;
+    streams.scanBuffers = ReadSetting<VELTCFG::scanning::InitialScanMemPool>(m_config);
+    SetUpStreams(streams);
     LoadSvcBindings();
     Scanner::initialise(&m_config);
     LoadNetPolicy(m_insidePolicy, ConfigFileName("inside.txt"));
@@ -57,18 +59,18 @@ void Proxy::GetStandardConfig() {
     if (m_acceptCount == 0) m_acceptCount = 1;
 }
 
-void Proxy::ReadNetworkSettings(PoolSizes& sizes) {
+void Proxy::ReadNetworkSettings(StreamSettings& streams) {
     namespace network = VELTCFG::network;
     m_maxConnections = ReadSetting<network::MaxConnections>(m_config);
     m_connectTimeoutSeconds = ReadSetting<network::ConnectTimeout>(m_config);
     m_timeoutSeconds = ReadSetting<network::Timeout>(m_config);
     m_queueRatio = ReadSetting<network::QueueRatio>(m_config);
     m_maxQueuedConnections = ReadSetting<network::MaxQueuedConnections>(m_config);
-    sizes.netBytes = ReadSetting<network::NetMem>(m_config) * kKiB;
-    sizes.netBuffers = ReadSetting<network::InitialNetMemPool>(m_config);
+    streams.netBytes = ReadSetting<network::NetMem>(m_config) * kKiB;
+    streams.netBuffers = ReadSetting<network::InitialNetMemPool>(m_config);
 }
 
-void Proxy::ReadProcessSettings() {
+void Proxy::ReadProcessSettings(StreamSettings& streams) {
     namespace process = VELTCFG::process;
     m_idleTimeout = ReadSetting<process::IdleTimeout>(m_config);
     m_proxyIdleTimeout = ReadSetting<process::ProxyIdleTimeout>(m_config);
@@ -79,13 +81,15 @@ void Proxy::ReadProcessSettings() {
     m_refreshRate = ReadSetting<process::ProxyRefreshRate>(m_config);
     m_permThreads = ReadSetting<process::PermThreads>(m_config);
     m_handlerStackSize = ReadSetting<process::ConnectionHandlerStacksize>(m_config);
+    streams.captures = ReadSetting<process::TCPDebugDirectory>(m_config).str();
 }
 
 // The two pools take their arguments in opposite orders.
-void Proxy::SetUpStreams(PoolSizes const& sizes) {
-    ScannerStream::set_buffer_pool(sizes.scanBuffers, sizes.scanBytes);
+void Proxy::SetUpStreams(StreamSettings const& streams) {
+    ScannerStream::set_buffer_pool(streams.scanBuffers, streams.scanBytes);
     ScannerStream::set_spool_dir(m_scanDir);
-    TCPStream::set_pool(new BufferPool(sizes.netBytes, sizes.netBuffers));
+    TCPStream::set_pool(new BufferPool(streams.netBytes, streams.netBuffers));
+    TCPStream::set_debug_dir(streams.captures);
     m_timeoutMs = m_timeoutSeconds * kMsPerSecond;
     m_connectTimeoutMs = m_connectTimeoutSeconds * kMsPerSecond;
     TCPStream::set_default_timeout(m_timeoutMs);
@@ -103,9 +107,8 @@ void Proxy::CreateServiceLoop() {
 
 void Proxy::InitialiseLogging() {
     bool const enabled = ReadSetting<VELTCFG::process::LoggingEnabled>(m_config);
-    std::string const file = ConfigFileName(m_proxyName + "-logging.xml");
     try {
-        QXlog::init(m_logName.empty() ? m_proxyName : m_logName, file);
+        OpenLog();
         QXlog::initEvRep(0, 0);
         if (m_debugForeground && !m_runAsService) QXlog::detail::stdErrLogging(true);
         if (!m_loggingOn || !enabled) QXlog::detail::noLogging();
@@ -113,6 +116,19 @@ void Proxy::InitialiseLogging() {
         QXlog::detail::noLogging();
         std::cerr << "Failure during initialisation of the logging system: " << failure.what()
                   << "\nWill attempt to continue." << std::endl;
+    }
+}
+
+void Proxy::OpenLog() {
+    QXlog::init(m_logName.empty() ? m_proxyName : m_logName, ConfigFileName(m_proxyName + "-logging.xml"));
+}
+
+// For what is reported before the settings are read, which may turn the log off. A malformed file is told of then.
+void Proxy::OpenEarlyLog() {
+    if (!m_loggingOn) return;
+    try {
+        OpenLog();
+    } catch (KORtk::Exception const&) {
     }
 }
 
@@ -124,6 +140,8 @@ void Proxy::LoadSvcBindings() {
     for (auto const& address : addresses) {
         for (unsigned short const port : ports) AddSvcBinding(::inet_addr(address.str().c_str()), port);
     }
+    qxtrans_select(qxtrans_named(ReadSetting<VELTCFG::network::Interception>(m_config).str()));
+    qxtrans_init();
 }
 
 void Proxy::AddSvcBinding(unsigned short port) {

@@ -32,15 +32,15 @@ void WriteNumber(TCPStream& stream, char const* name, int value) {
     WriteLine(stream, name, {text, static_cast<std::size_t>(length)});
 }
 
-void Answer(TCPStream& stream) {
+}  // namespace
+
+void answer_request(TCPStream& stream) {
     char path[128] = "";
     read_request_info(stream.GetSocket(), path, sizeof path);
     if (std::string_view(path) != "/") throw ProxyHealthIOError(KORtk::Here(), "Unknown command");
     stream.write(kAnswer.data(), static_cast<unsigned>(kAnswer.size()));
     ProxyHealth::proxy_status(&stream);
 }
-
-}  // namespace
 
 // Never destroyed: a check may still be answered while the process exits.
 std::atomic<std::time_t> ProxyHealth::m_starttime{0};
@@ -69,7 +69,7 @@ void ProxyHealth::handle_request(TCPStream* stream) {
     if (!is_active()) return;
     stream->set_timeout(kTimeoutMs);
     try {
-        Answer(*stream);
+        answer_request(*stream);
     } catch (ProxyHealthIOError const&) {
         // Whoever asks wrongly gets no answer, and there is nothing to report of it.
     }

@@ -19,6 +19,7 @@
 #include <velt/logging/Events.h>
 #include <velt/logging/Keys.h>
 #include <velt/logging/Log.h>
+#include <velt/runtime/Notify.h>
 #include <velt/runtime/Proxy.h>
 #include <velt/runtime/ServiceLoop.h>
 #include <velt/scanning/Scanner.h>
@@ -29,8 +30,9 @@ namespace {
 
 constexpr int kSelectable = FD_SETSIZE;  // descriptors below this fit a select set
 
-// SIGHUP may arrive only while the monitor waits: one that came between the look at the stop flag and the wait would be
-// lost.
+// SIGHUP may arrive only where the monitor lets it: one that came between the look at the stop flag and the wait would
+// be lost. The wait alone is not enough, as it lets no signal in while a child is readable, and children that die at
+// once may always be.
 class HangupHeldBack {
 public:
     HangupHeldBack() {
@@ -43,6 +45,11 @@ public:
     HangupHeldBack(HangupHeldBack const&) = delete;
     HangupHeldBack& operator=(HangupHeldBack const&) = delete;
 
+    void LetIn() const {
+        sigset_t held;
+        ::sigprocmask(SIG_SETMASK, &m_before, &held);
+        ::sigprocmask(SIG_SETMASK, &held, nullptr);
+    }
     void Release() const { ::sigprocmask(SIG_SETMASK, &m_before, nullptr); }
     sigset_t const& before() const { return m_before; }
 
@@ -87,6 +94,7 @@ void ProxyMonitor::Service(int argc, char** argv, ServiceLoop* service, Config* 
     Proxy::s_pProxyInstance->SetUidAndGid();
     m_service->SetArguments(argc, argv);
     MonitorChildren();
+    NotifyStopping();
 }
 
 void ProxyMonitor::Process(ServiceLoop* service, int argc, char** argv) {
@@ -117,6 +125,7 @@ void ProxyMonitor::MonitorChildren() {
         }
         fd_set readable;
         if (WaitForChildren(readable, hangup.before()) > 0) HandleReadable(readable);
+        hangup.LetIn();
     }
 }
 

@@ -111,7 +111,7 @@ TEST_F(MonitorTest, RecordWithoutPipesClosesNothing) {
     EXPECT_NE(::fcntl(0, F_GETFD), -1);
 }
 
-TEST_F(MonitorTest, DescriptorThatDoesNotFitTheSetIsRefused) {
+TEST_F(MonitorTest, LastDescriptorThatFitsTheSetIsTakenAndTheNextRefused) {
     rlimit files{};
     ::getrlimit(RLIMIT_NOFILE, &files);
     if (files.rlim_max < 1100) GTEST_SKIP() << "not enough descriptors to be had";
@@ -119,16 +119,19 @@ TEST_F(MonitorTest, DescriptorThatDoesNotFitTheSetIsRefused) {
     files.rlim_cur = 1100;
     ::setrlimit(RLIMIT_NOFILE, &files);
     std::vector<int> filling;
-    while (filling.empty() || filling.back() < 1023) filling.push_back(velt_testing::Checked(::dup(0), "dup"));
+    while (filling.empty() || filling.back() < 1022) filling.push_back(velt_testing::Checked(::dup(0), "dup"));
+    auto const last = AddChild();
+    EXPECT_EQ((*last)->m_fromChild[0], 1023);
+    for (int const fd : {(*last)->m_fromChild[1], (*last)->m_toChild[0]}) ::close(fd);
     try {
         m_monitor.CreatePipes();
         ADD_FAILURE() << "a descriptor above 1023 was taken";
     } catch (Resource const& failure) {
         EXPECT_EQ(std::string(failure.what()).find("Maximum number of children created - FD_SETSIZE reached."), 0u);
     }
-    EXPECT_TRUE(m_monitor.m_children.empty());
+    EXPECT_EQ(m_monitor.m_children.size(), 1u);
     int const next = ::dup(0);
-    EXPECT_EQ(next, filling.back() + 1);
+    EXPECT_EQ(next, 1024);
     ::close(next);
     for (int const fd : filling) ::close(fd);
     ::setrlimit(RLIMIT_NOFILE, &before);
@@ -290,6 +293,7 @@ TEST_F(MonitorTest, ChildKeepsItsOwnEndsAndLosesThoseOfTheParent) {
             well = well && child->m_fromChild[0] == -1 && child->m_toChild[1] == -1;
         }
         well = well && ::fcntl(m_loop->m_parentReadFd, F_GETFD) != -1;
+        well = well && m_monitor.m_children.size() == static_cast<std::size_t>(created) + 1;  // its own and its elders'
         m_loop->WriteMsgToParent(well ? VELT::MSG_STOPPING : VELT::MSG_LEAVE);
         ::_exit(0);
     }

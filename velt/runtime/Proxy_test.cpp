@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
@@ -67,7 +68,10 @@ TEST_F(ProxyTest, NamesFollowTheOptionsAndTheRestIsTheHosts) {
     EXPECT_STREQ(m_proxy->m_argv[1], "second");
 }
 
+// In a process of its own: were it not enough, that process would end with success.
 TEST_F(ProxyTest, OptionAloneIsEnoughOfACommandLine) {
+    ::signal(SIGCHLD, SIG_DFL);
+    ASSERT_EXIT(::_exit(Process({"echo", "-d"}) == 0 ? 7 : 1), ::testing::ExitedWithCode(7), "^$");
     EXPECT_EQ(Process({"echo", "-d"}), 0);
     EXPECT_EQ(m_proxy->m_proxyName, "");
     EXPECT_EQ(m_proxy->m_productName, "");
@@ -98,10 +102,14 @@ TEST_F(ProxyTest, LastOptionThatNamesTheLogWins) {
 }
 
 TEST_F(ProxyTest, ForegroundAndSingleProcessGoTogether) {
-    Process({"echo", "-d", "-p", "mail", "product"});
-    EXPECT_FALSE(m_proxy->m_runAsService);
-    EXPECT_TRUE(m_proxy->m_singleProcess);
-    EXPECT_TRUE(m_proxy->m_debugForeground);
+    for (auto const& options : {std::pair("-d", "-p"), std::pair("-p", "-d")}) {
+        m_proxy->m_runAsService = true;
+        m_proxy->m_singleProcess = m_proxy->m_debugForeground = false;
+        Process({"echo", options.first, options.second, "mail", "product"});
+        EXPECT_FALSE(m_proxy->m_runAsService);
+        EXPECT_TRUE(m_proxy->m_singleProcess);
+        EXPECT_TRUE(m_proxy->m_debugForeground);
+    }
 }
 
 TEST_F(ProxyTest, UnknownLettersAreIgnored) {
@@ -351,6 +359,16 @@ TEST_F(IdentityChangeTest, ThatTheSystemRefusesIsReportedAndTheProcessRunsOn) {
     }
 }
 
+// The settings have a default, "uucp", which is for the page of settings and is never applied.
+TEST_F(IdentityChangeTest, WithoutSettingsTheProcessStaysWhoItIs) {
+    uid_t const user = ::geteuid();
+    gid_t const group = ::getegid();
+    m_proxy->SetUidAndGid();
+    EXPECT_EQ(::geteuid(), user);
+    EXPECT_EQ(::getegid(), group);
+    EXPECT_TRUE(m_events.Events().empty());
+}
+
 TEST_F(IdentityChangeTest, UnknownUserIsReportedAndUnknownGroupIsNot) {
     Is("GroupId", "no such group");
     Is("UserId", "no such user");
@@ -385,6 +403,8 @@ protected:
         return m_proxy->CheckDupSvcBinding(::inet_addr(address), static_cast<short>(port));
     }
     void Add(char const* address, unsigned short port) { m_proxy->AddSvcBinding(::inet_addr(address), port); }
+
+    velt_testing::EventCapture m_events;  // none is expected: what is dropped is dropped in silence
 };
 
 TEST_F(BindingTest, AnyAddressCoversLaterOnes) {
@@ -399,6 +419,12 @@ TEST_F(BindingTest, AnyAddressIsRefusedAfterASpecialOne) {
     EXPECT_EQ(Check("0.0.0.0", 25), 1);
     Add("0.0.0.0", 25);
     EXPECT_EQ(Proxy::GetSvcBindings().size(), 1u);
+}
+
+// The order of the questions shows in the answer: the same address is 2, also when it is that of all.
+TEST_F(BindingTest, AnyAddressTwiceIsTheSameAddress) {
+    Add("0.0.0.0", 25);
+    EXPECT_EQ(Check("0.0.0.0", 25), 2);
 }
 
 TEST_F(BindingTest, SameAddressAndPortAreRefusedWhateverThePort) {
@@ -457,10 +483,19 @@ TEST_F(ProxyTest, HostNameIsShortOrFull) {
     EXPECT_EQ(Proxy::GetProxyHostName(true), "gate.example.test");
 }
 
+TEST(ProxyInstance, IsNotNeededToAskForTheHostName) {
+    ASSERT_EQ(Proxy::s_pProxyInstance, nullptr);
+    std::string shortName = "gate", fullName = "gate.example.test";
+    Proxy::SetHostInformation(shortName, fullName);
+    EXPECT_EQ(Proxy::GetProxyHostName(false), "");
+    EXPECT_EQ(Proxy::GetProxyHostName(true), "");
+}
+
 TEST_F(ProxyTest, UsersAndGroupsAreNumbersOrKnownNames) {
     EXPECT_EQ(Proxy::MapUID(nullptr), -1);
     EXPECT_EQ(Proxy::MapGID(nullptr), -1);
-    EXPECT_EQ(Proxy::MapUID(""), -1);
+    EXPECT_EQ(Proxy::MapUID(""), 0);  // a text without a letter is a number
+    EXPECT_EQ(Proxy::MapGID(""), 0);
     EXPECT_EQ(Proxy::MapUID("0123"), 123);
     EXPECT_EQ(Proxy::MapGID("4294967294"), 4294967294L);
     EXPECT_EQ(Proxy::MapUID("root"), 0);
@@ -471,9 +506,11 @@ TEST_F(ProxyTest, UsersAndGroupsAreNumbersOrKnownNames) {
 
 TEST_F(ProxyTest, WithoutAUserOrGroupTheProcessStaysWhatItIs) {
     velt_testing::EventCapture events;
-    uid_t const before = ::getuid();
+    uid_t const user = ::getuid();
+    gid_t const group = ::getgid();
     m_proxy->SetUidAndGid();
-    EXPECT_EQ(::getuid(), before);
+    EXPECT_EQ(::getuid(), user);
+    EXPECT_EQ(::getgid(), group);
 }
 
 // --- direction ---

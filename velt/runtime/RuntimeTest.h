@@ -14,9 +14,7 @@
 
 #include <array>
 #include <cerrno>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -25,6 +23,7 @@
 #include <QXStats/QXCounter.h>
 #include <testing/EventCapture.h>
 #include <testing/TempRoot.h>
+#include <testing/Waiting.h>
 #include <velt/connection/Connection.h>
 #include <velt/runtime/Proxy.h>
 #include <velt/runtime/ProxyHealth.h>
@@ -92,45 +91,12 @@ inline bool Readable(int fd, int timeoutMs = 10000) {
 
 inline unsigned long CounterValue(char const* name) { return QXStats::QXCounter(name).value(); }
 
-// Waits for what another thread brings about; false after ten seconds.
-template <class Condition>
-bool Eventually(Condition condition) {
-    for (int i = 0; i < 10000; ++i) {
-        if (condition()) return true;
-        ::poll(nullptr, 0, 1);
-    }
-    return condition();
-}
-
-// Any thread may wait; opened once.
-class Door {
-public:
-    void Open() {
-        std::lock_guard const hold(m_mutex);
-        m_open = true;
-        m_changed.notify_all();
-    }
-    void Wait() {
-        std::unique_lock hold(m_mutex);
-        m_changed.wait(hold, [this] { return m_open; });
-    }
-    bool WaitSome() {
-        std::unique_lock hold(m_mutex);
-        return m_changed.wait_for(hold, std::chrono::seconds(10), [this] { return m_open; });
-    }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    bool m_open = false;
-};
-
 // A Proxy in a root of its own. It changes signals, umask and directory for the whole process: all are put back.
 class ProxyFixture : public ::testing::Test {
 protected:
     ProxyFixture() {
         for (std::size_t i = 0; i < kSignals.size(); ++i) ::sigaction(kSignals[i], nullptr, &m_signals[i]);
-        m_umask = ::umask(0);
+        m_umask = ::umask(S_IWGRP | S_IWOTH);
         m_proxy = new VELT::Proxy;
         VELT::TCPStream::set_default_timeout(10000);
         static auto& pool = *new VELT::BufferPool(4096, 0);

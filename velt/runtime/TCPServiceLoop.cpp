@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -19,6 +20,7 @@
 #include <velt/runtime/Proxy.h>
 #include <velt/runtime/ProxyHealth.h>
 #include <velt/runtime/Shutdown.h>
+#include <velt/streams/Qxtrans.h>
 #include <velt/streams/TCPStream.h>
 
 namespace VELT {
@@ -26,10 +28,23 @@ namespace VELT {
 namespace {
 
 constexpr int kBacklog = 20;
+constexpr int kBindRetryMs = 50;
+constexpr int kBindRetries = 60;  // three seconds
 
 QXStats::QXCounter& RecycleCounter() {
     static auto& counter = *new QXStats::QXCounter("recycle.con");
     return counter;
+}
+
+// The workers of the service before this one hold its ports until they have seen that their monitor is gone: a service
+// that was restarted waits for them. A first start finds out at once that a port is another program's.
+bool Bind(int fd, sockaddr_in const& address) {
+    int left = Proxy::s_pProxyInstance->m_restarted ? kBindRetries : 0;
+    while (::bind(fd, reinterpret_cast<sockaddr const*>(&address), sizeof address) == -1) {
+        if (errno != EADDRINUSE || left-- == 0) return false;
+        ::poll(nullptr, 0, kBindRetryMs);
+    }
+    return true;
 }
 
 // A throw-away session is how a protocol class sets up its statics.
@@ -104,6 +119,7 @@ int TCPServiceLoop::ListenToPort(sockaddr_in const* address, int& fd) {
     fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd == -1) return OpenFailed(*address, "socket", fd);
     int const on = 1;
+    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);  // every client's socket inherits it
     if (::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == -1) {
         OpenFailed(*address, "setsockopt", fd);
         return -1;
@@ -111,7 +127,8 @@ int TCPServiceLoop::ListenToPort(sockaddr_in const* address, int& fd) {
     boost::shared_ptr<ProxyHealth::ProxyPort> health;
     if (ProxyHealth::is_active()) health = ProxyHealth::listener(ntohs(address->sin_port));
     if (health) health->set_notok();
-    if (::bind(fd, reinterpret_cast<sockaddr const*>(address), sizeof *address) == -1) {
+    if (qxtrans_prepare_listener(fd) == -1) return OpenFailed(*address, "IP_TRANSPARENT", fd);
+    if (!Bind(fd, *address)) {
         return OpenFailed(*address, "bind", fd);
     }
     ::listen(fd, kBacklog);

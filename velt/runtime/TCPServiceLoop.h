@@ -82,12 +82,13 @@ private:
     void WatchParent();
     void HandleParentPipe(short events);
     void RestWithoutParent();
+    void WakeAll();
     void CloseParentRead();
     void ClosePipes();
     void AcceptReady(std::vector<pollfd>& watched);
     [[noreturn]] void ServeInChild(int fd);
 
-    int m_wakeFd;  // wakes the accepting threads at the end; -1: none
+    int m_wakeFd;  // readable once the threads have to look at the stop flag; -1: none
 };
 
 }  // namespace VELT

@@ -1,10 +1,18 @@
 #include <velt/runtime/TCPServiceLoop.h>
 
 #include <fcntl.h>
+#include <netinet/tcp.h>
+#include <sys/epoll.h>
 #include <sys/wait.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
+#include <chrono>
+#include <mutex>
 
+#include <testing/Exchanges.h>
+#include <testing/RefusedCalls.h>
 #include <velt/logging/Events.h>
 #include <velt/runtime/ConnThreadPool.h>
 #include <velt/runtime/RuntimeTest.h>
@@ -28,27 +36,33 @@ public:
     using TCPServiceLoop::TCPServiceLoop;
 };
 
-// What the sessions of these tests were told; the factory has no other way to its test.
+// What the sessions of these tests were told; the factory has no other way to its test. Every accepting thread tells.
 struct Told {
+    std::mutex mutex;  // guards the calls and the addresses while a worker runs
     std::vector<std::string> calls;
     sockaddr_in peer{}, destination{}, local{};
     bool transparent = true;
     std::atomic<int> workerId{0};
     std::atomic<int> started{0};
+    std::atomic<bool> refuse{false};
 };
 Told* s_told = nullptr;
 
 class EchoSession : public VELT::Connection {
 public:
     void InitialiseConnectionClass(bool transparent, VELT::Config&) override {
+        std::lock_guard const hold(s_told->mutex);
         s_told->calls.push_back(transparent ? "class transparent" : "class proxy");
     }
     void SetConnection(VELT::Config* config, VELT::TCPStream* stream, bool transparent, sockaddr_in& peer,
                        sockaddr_in& destination, sockaddr_in& local) override {
-        s_told->peer = peer;
-        s_told->destination = destination;
-        s_told->local = local;
-        s_told->transparent = transparent;
+        {
+            std::lock_guard const hold(s_told->mutex);
+            s_told->peer = peer;
+            s_told->destination = destination;
+            s_told->local = local;
+            s_told->transparent = transparent;
+        }
         Connection::SetConnection(config, stream, transparent, peer, destination, local);
     }
     void Run() override {
@@ -63,6 +77,7 @@ public:
 };
 
 VELT::Connection* MakeEcho(bool transparent) {
+    std::lock_guard const hold(s_told->mutex);
     s_told->calls.push_back(transparent ? "make transparent" : "make proxy");
     return new EchoSession;
 }
@@ -129,9 +144,77 @@ TEST_F(LoopTest, PortInUseIsReportedOnceAndTheOthersServe) {
     ::close(taken);
 }
 
+TEST_F(LoopTest, ClientsOfEveryPortHaveTheirSmallWritesSentAtOnce) {
+    Bind();
+    OpenLoop loop(&m_proxy->m_config);
+    int const client = velt_testing::ConnectTo(velt_testing::PortOf(loop.m_listenSockets[0]));
+    int const accepted = velt_testing::Checked(::accept(loop.m_listenSockets[0], nullptr, nullptr), "accept");
+    int noDelay = 0;
+    socklen_t size = sizeof noDelay;
+    velt_testing::Checked(::getsockopt(accepted, IPPROTO_TCP, TCP_NODELAY, &noDelay, &size), "getsockopt");
+    EXPECT_EQ(noDelay, 1);
+    ::close(accepted);
+    ::close(client);
+}
+
+TEST_F(LoopTest, NoExchangeWithAnAcceptedClientWaitsForADelayedAcknowledgement) {
+    Bind();
+    OpenLoop loop(&m_proxy->m_config);
+    velt_testing::Fd const client(velt_testing::ConnectTo(velt_testing::PortOf(loop.m_listenSockets[0])));
+    VELT::TCPStream accepted(velt_testing::Checked(::accept(loop.m_listenSockets[0], nullptr, nullptr), "accept"));
+    velt_testing::PlainEnd near(client.get());
+    velt_testing::StreamEnd far(accepted);
+    EXPECT_LT(velt_testing::ExchangeRatio(near, far), velt_testing::kNoWait);
+}
+
+TEST_F(LoopTest, RestartedServiceWaitsForThePortsOfItsPredecessor) {
+    m_proxy->m_restarted = true;
+    int const taken = velt_testing::Listening();
+    Bind("127.0.0.1", velt_testing::PortOf(taken));
+    std::thread predecessor([taken] {
+        ::poll(nullptr, 0, 200);
+        ::close(taken);
+    });
+    OpenLoop loop(&m_proxy->m_config);
+    predecessor.join();
+    EXPECT_EQ(loop.m_listenCount, 1);
+    EXPECT_TRUE(m_events.Names().empty());
+}
+
+TEST_F(LoopTest, RestartedServiceReportsAPortThatStaysTaken) {
+    m_proxy->m_restarted = true;
+    int const taken = velt_testing::Listening();
+    Bind("127.0.0.1", velt_testing::PortOf(taken));
+    Bind();
+    OpenLoop loop(&m_proxy->m_config);
+    EXPECT_EQ(loop.m_listenCount, 1);
+    EXPECT_EQ(m_events.Count(VELT::events::LISTEN_FAILED), 1u);
+    ::close(taken);
+}
+
 TEST_F(LoopTest, NoBindingAtAllIsNoReasonNotToStart) {
     OpenLoop loop(&m_proxy->m_config);
     EXPECT_EQ(loop.m_listenCount, 0);
+}
+
+TEST_F(LoopTest, EveryPortInUseIsNoReasonNotToStart) {
+    int const taken = velt_testing::Listening();
+    for (int i = 0; i < 2; ++i) Bind("127.0.0.1", velt_testing::PortOf(taken));
+    auto const begin = std::chrono::steady_clock::now();
+    OpenLoop loop(&m_proxy->m_config);
+    EXPECT_EQ(loop.m_listenCount, 0);
+    EXPECT_EQ(m_events.Count(VELT::events::LISTEN_FAILED), 2u);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(3)) << "a first start does not wait";
+    ::close(taken);
+}
+
+TEST_F(LoopTest, TwentyClientsMayStandInLine) {
+    Bind();
+    OpenLoop loop(&m_proxy->m_config);
+    tcp_info line{};
+    socklen_t length = sizeof line;
+    velt_testing::Checked(::getsockopt(loop.m_listenSockets[0], IPPROTO_TCP, TCP_INFO, &line, &length), "TCP_INFO");
+    EXPECT_EQ(line.tcpi_sacked, 20u);  // of a listening socket: how many may
 }
 
 TEST_F(LoopTest, HealthKnowsThePortsThatOpenedAndThoseThatDidNot) {
@@ -270,6 +353,18 @@ TEST_F(LoopTest, ChildExitIsWaitedForOnlyAtTheLimitAndOnlyOnce) {
     }));
 }
 
+TEST_F(LoopTest, WithoutProcessesOfItsOwnItWaitsForNobody) {
+    OpenLoop loop(&m_proxy->m_config);
+    ::signal(SIGCHLD, SIG_DFL);
+    m_proxy->m_maxConnections = 1;
+    pid_t const hostChild = ::fork();
+    if (hostChild == 0) ::_exit(0);
+    siginfo_t ended{};
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(hostChild), &ended, WEXITED | WNOWAIT), 0);
+    loop.CheckForChildExit(true);
+    EXPECT_EQ(::waitpid(hostChild, nullptr, 0), hostChild);
+}
+
 TEST_F(LoopTest, ChildrenOfTheHostDoNotTakeTheCountBelowNought) {
     OpenLoop loop(&m_proxy->m_config);
     ::signal(SIGCHLD, SIG_DFL);
@@ -354,6 +449,10 @@ protected:
         ::close(m_toChild[1]);
         m_toChild[1] = -1;
     }
+    // Its threads run and have opened what they need: from here on the worker opens nothing of its own.
+    void ServeOnEveryPort() {
+        for (unsigned short const port : m_ports) EXPECT_EQ(Echo(port, "up"), "up");
+    }
     void JoinWorker() {
         if (m_worker.joinable()) m_worker.join();
     }
@@ -372,11 +471,64 @@ protected:
 };
 
 TEST_F(ThreadedWorkerTest, ServesEveryPortOnThePool) {
+    unsigned long const queued = CounterValue("connections.queued"), ran = CounterValue("connections.ran");
     StartWorker();
     EXPECT_EQ(Echo(m_ports[0], "one"), "one");
     EXPECT_EQ(Echo(m_ports[1], "two"), "two");
     EXPECT_EQ(m_told.workerId, ::getpid());
-    EXPECT_EQ(CounterValue("connections.ran"), CounterValue("connections.queued"));
+    EXPECT_EQ(CounterValue("connections.queued") - queued, 2u);
+    EXPECT_EQ(CounterValue("connections.ran") - ran, 2u);
+}
+
+// The accepting thread makes the sessions: from the first one on, the system lets it watch no further socket.
+VELT::Connection* MakeEchoAndRefuseToWatch(bool transparent) {
+    if (!transparent && s_told->refuse.exchange(false)) {
+        velt_testing::RefuseCallWith(SYS_epoll_ctl, 1, EPOLL_CTL_ADD, ENOMEM);
+    }
+    return new EchoSession;
+}
+
+TEST_F(ThreadedWorkerTest, WorkerWithSiblingsServesOnThoughItsSocketCannotBeWatchedAnew) {
+    if (!velt_testing::CanRefuse()) GTEST_SKIP() << "no call can be refused here";
+    EXPECT_TRUE(velt_testing::InChild([this] {
+        m_proxy->m_acceptCount = 2;
+        StartWorker();
+        TCPServiceLoop::RegisterConnectionFactory(&MakeEchoAndRefuseToWatch);
+        m_told.refuse = true;
+        if (Echo(m_ports[0], "first") != "first") return false;
+        int const second = velt_testing::ConnectTo(m_ports[0]);
+        bool const served = ::write(second, "x", 1) == 1 && velt_testing::Readable(second);
+        ::close(second);
+        ParentGoes();
+        JoinWorker();
+        return served;
+    }));
+}
+
+// From the first session on, the thread that accepted it is given no further client of its port.
+VELT::Connection* MakeEchoAndRefuseToAccept(bool transparent) {
+    if (!transparent && s_told->refuse.exchange(false)) velt_testing::RefuseCall(SYS_accept4, ECONNABORTED);
+    return new EchoSession;
+}
+
+TEST_F(ThreadedWorkerTest, ClientThatTheSystemDoesNotGiveIsNoReasonToStopOrToReport) {
+    if (!velt_testing::CanRefuse()) GTEST_SKIP() << "no call can be refused here";
+    EXPECT_TRUE(velt_testing::InChild([this] {
+        StartWorker();
+        TCPServiceLoop::RegisterConnectionFactory(&MakeEchoAndRefuseToAccept);
+        m_told.refuse = true;
+        bool well = Echo(m_ports[0], "first") == "first";
+        int const waiting = velt_testing::ConnectTo(m_ports[0]);
+        for (int i = 0; i < 20; ++i) well = well && Echo(m_ports[1], "other") == "other";
+        well = well && !velt_testing::Readable(waiting, 0) && !ServiceLoop::shutdown;
+        ParentGoes();
+        JoinWorker();
+        ::close(waiting);
+        std::vector<std::string> const told = m_events.Names();
+        return well && m_loop->m_connectionCount == 21 && std::all_of(told.begin(), told.end(), [](auto const& name) {
+                   return name.starts_with("10003:");  // what sessions tell
+               });
+    }));
 }
 
 TEST_F(ThreadedWorkerTest, ParentThatGoesStopsTheWorkerWhichSaysSoAndClosesItsPipe) {
@@ -420,11 +572,53 @@ TEST_F(ThreadedWorkerTest, MessageFiveIsNotedAndTheWorkerGoesOn) {
 
 TEST_F(ThreadedWorkerTest, TornMessageClosesThePipeAndTheWorkerGoesOnWithoutAParent) {
     StartWorker();
+    ServeOnEveryPort();
     ASSERT_EQ(::write(m_toChild[1], "\0", 1), 1);
     ParentGoes();
     EXPECT_TRUE(Eventually([this] { return ::fcntl(m_toChild[0], F_GETFD) == -1; }));
     EXPECT_EQ(Echo(m_ports[1], "alone"), "alone");
     EXPECT_FALSE(ServiceLoop::shutdown);
+}
+
+// Whatever file has the number next is taken for the parent's pipe.
+TEST_F(ThreadedWorkerTest, NumberOfAClosedPipeIsStillWatched) {
+    StartWorker();
+    ServeOnEveryPort();
+    int const number = m_toChild[0];
+    ASSERT_EQ(::write(m_toChild[1], "\0", 1), 1);
+    ParentGoes();
+    ASSERT_TRUE(Eventually([number] { return ::fcntl(number, F_GETFD) == -1; }));
+    int other[2];
+    velt_testing::Checked(::pipe(other), "pipe");
+    if (other[0] != number) {
+        velt_testing::Checked(::dup2(other[0], number), "dup2");
+        ::close(other[0]);
+    }
+    if (other[1] != number) ::close(other[1]);
+    JoinWorker();
+    EXPECT_TRUE(ServiceLoop::shutdown);
+    ::close(number);
+}
+
+// A parent that never stops talking leaves no second in which nothing comes, and only then the count is looked at.
+TEST_F(ThreadedWorkerTest, CountIsLookedAtWhenASecondWasQuietAndNotAtEachConnection) {
+    m_proxy->m_refreshRate = 2;
+    StartWorker();
+    std::string talk;
+    while (talk.size() < 60000) talk.append("\0\0\x7f", 3);
+    std::atomic<bool> talking{true};
+    std::thread parent([&] {
+        while (talking) {
+            EXPECT_EQ(::write(m_toChild[1], talk.data(), talk.size()), static_cast<ssize_t>(talk.size()));
+        }
+    });
+    for (int i = 0; i < 6; ++i) EXPECT_EQ(Echo(m_ports[0], "x"), "x");
+    EXPECT_FALSE(ServiceLoop::shutdown);
+    talking = false;
+    parent.join();
+    JoinWorker();
+    ASSERT_EQ(m_events.Count(VELT::events::RECYCLE_CONNECTIONS), 1u);
+    EXPECT_EQ(velt_testing::NumberAt(m_events.Bag(VELT::events::RECYCLE_CONNECTIONS), "velt_max_connections"), 6);
 }
 
 TEST_F(ThreadedWorkerTest, RecyclingStopsAcceptingWithinASecondOrTwo) {
@@ -443,6 +637,29 @@ TEST_F(ThreadedWorkerTest, SocketGivenBackBecomesANewSession) {
     ::shutdown(client, SHUT_WR);
     EXPECT_EQ(velt_testing::ReadToEnd(client), "again");
     ::close(client);
+}
+
+TEST_F(ThreadedWorkerTest, SocketsGivenBackAreQueuedWithoutAWaitHoweverFullTheQueueIs) {
+    m_proxy->m_maxQueuedConnections = 1;
+    StartWorker();
+    int const busy = velt_testing::ConnectTo(m_ports[0]);
+    ASSERT_EQ(::write(busy, "a", 1), 1);
+    ASSERT_TRUE(velt_testing::Readable(busy));
+    std::array const given{velt_testing::ConnectedPair(), velt_testing::ConnectedPair(), velt_testing::ConnectedPair()};
+    velt_testing::Door returned;
+    std::thread host([&] {
+        for (auto const& pair : given) TCPServiceLoop::RecycleConnection(pair[1]);
+        returned.Open();
+    });
+    EXPECT_TRUE(returned.WaitSome());
+    ::close(busy);
+    for (auto const& pair : given) {
+        ::shutdown(pair[0], SHUT_WR);
+        EXPECT_EQ(velt_testing::ReadToEnd(pair[0]), "");
+        ::close(pair[0]);
+    }
+    host.join();
+    EXPECT_EQ(m_told.started, 4);
 }
 
 }  // namespace

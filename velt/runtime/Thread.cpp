@@ -1,8 +1,30 @@
 #include <velt/runtime/Thread.h>
 
+#include <signal.h>
 #include <velt/errors/Failures.h>
 
 namespace VELT {
+
+namespace {
+
+// The alarm is the business of the threads that the process began with: a new thread starts with it blocked.
+class AlarmBlocked {
+public:
+    AlarmBlocked() {
+        sigset_t alarm;
+        ::sigemptyset(&alarm);
+        ::sigaddset(&alarm, SIGALRM);
+        ::pthread_sigmask(SIG_BLOCK, &alarm, &m_before);
+    }
+    ~AlarmBlocked() { ::pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
+    AlarmBlocked(AlarmBlocked const&) = delete;
+    AlarmBlocked& operator=(AlarmBlocked const&) = delete;
+
+private:
+    sigset_t m_before;
+};
+
+}  // namespace
 
 Thread::Thread() { InitThreadHandle(m_handle); }
 
@@ -14,7 +36,10 @@ void Thread::StartThread(void* (*entry)(void*), void* argument, int stackSize, K
     PthreadAttrInit(&attributes, stackSize);
     if (kind == DETACHED) ::pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
     pthread_t handle;
-    int const error = PthreadCreate(&handle, &attributes, entry, argument);
+    int const error = [&] {
+        AlarmBlocked const inherited;
+        return PthreadCreate(&handle, &attributes, entry, argument);
+    }();
     ::pthread_attr_destroy(&attributes);
     if (error != 0) {
         throw FWException<fw_exception_tag::resource>(error, "StartThread failed to create a thread",

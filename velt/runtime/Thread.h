@@ -1,9 +1,10 @@
 // Thread and ThreadRunner: one thread of the system and the object that runs on it; and the thread and process calls of
 // the library, one call deep each.
 // Owner: whoever created the runner; it has to outlive its thread unless the thread deletes it.
-// Threads: started once, by the owner; a joinable thread is joined by its owner, the destructor never joins.
-// Units: stack sizes in bytes, given to the system unchanged; 0, and a size that the system rejects, mean its default.
-// Failure: a thread that cannot be started is an FWException<fw_exception_tag::resource>.
+// Threads: each has SIGALRM blocked, which is left to the thread that a process begins with; started once, by the
+// owner; a joinable thread is joined by its owner, the destructor never joins. Units: stack sizes in bytes, given to
+// the system unchanged; 0, and a size that the system rejects, mean its default. Failure: a thread that cannot be
+// started is an FWException<fw_exception_tag::resource>.
 #pragma once
 
 #include <pthread.h>
