@@ -1,4 +1,5 @@
-// Connecting the server end of a session: by name, over a list, and over a list that a caller may resume.
+// Connecting the server end of a session: by name, over a list, over a list that a caller may resume, and to where the
+// client meant to go.
 #include <KORtk/Exception.h>
 #include <velt/config_details/settings/connection.h>
 #include <velt/connection/Connection.h>
@@ -19,10 +20,19 @@ public:
 
     // True: connected. False: go on with the next address. Throws what the caller of the walk is to see.
     bool Try(KORnet::IPAddr const& address, unsigned short port, unsigned timeoutMs, bool checkLoopback, bool isLast) {
+        return Try(
+            [&] {
+                return std::make_unique<TCPStream>(address, port, m_session.m_server, static_cast<int>(timeoutMs),
+                                                   checkLoopback);
+            },
+            isLast);
+    }
+
+    // `make` connects a stream, or throws.
+    template <class Make>
+    bool Try(Make make, bool isLast) {
         try {
-            auto stream = std::make_unique<TCPStream>(address, port, m_session.m_server, static_cast<int>(timeoutMs),
-                                                      checkLoopback);
-            m_session.m_server.m_stream = stream.release();
+            m_session.m_server.m_stream = make().release();
         } catch (ConnectionFailure const& failure) {
             m_session.LogAttributes(failure.event, failure.text());
             if (isLast) throw;
@@ -102,6 +112,16 @@ bool Connection::Connect(std::vector<KORnet::TCPAddr> const& addresses, unsigned
         if (walk.Try(address, address.port(), attemptMs, checkLoopback, next == addresses.size())) return true;
     }
     return false;
+}
+
+bool Connection::ConnectAsClient(unsigned timeoutMs) {
+    LogAttributes(events::UPSTREAM_TRYING);
+    sockaddr_in server = m_server.m_address;
+    sockaddr_in client = m_source.m_address;
+    auto const make = [&] {
+        return std::make_unique<TCPStream>(&server, &client, nullptr, static_cast<int>(timeoutMs), true);
+    };
+    return Walk(*this, 1).Try(make, true);
 }
 
 }  // namespace VELT

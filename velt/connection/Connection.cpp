@@ -4,6 +4,7 @@
 #include <QXStats/QXCounter.h>
 #include <arpa/inet.h>
 #include <system/UUID.h>
+#include <unistd.h>
 #include <velt/logging/Events.h>
 #include <velt/logging/Keys.h>
 #include <velt/logging/Log.h>
@@ -38,7 +39,11 @@ QXStats::QXCounter* Connection::s_pNoMessages = nullptr;
 QXStats::QXCounter* Connection::s_pPolicyMessages[2] = {nullptr, nullptr};
 
 Connection::Connection()
-    : m_deviceAddress(), m_workerId(0), m_transparent(false), m_startTime(::time(nullptr)), m_parentConfig(nullptr) {}
+    : m_deviceAddress(),
+      m_workerId(::getpid()),
+      m_transparent(false),
+      m_startTime(::time(nullptr)),
+      m_parentConfig(nullptr) {}
 
 // What the host hung on the session goes first, while its configuration and its two ends still stand.
 Connection::~Connection() {
@@ -46,7 +51,9 @@ Connection::~Connection() {
     m_hostObject2.reset();
 }
 
+// A host may make another loop in place of the standard one: the counters are made once.
 void Connection::Initialise() {
+    if (s_pNoMessages) return;
     s_pNoMessages = new QXStats::QXCounter("messages");
     s_pPolicyMessages[0] = new QXStats::QXCounter("from_inside.messages");
     s_pPolicyMessages[1] = new QXStats::QXCounter("from_outside.messages");

@@ -101,7 +101,8 @@ public:
     bool ResolveIPAddress(TCPConnection& end);  // a reverse look-up into its host name; false: there is none
 
     // Writes a spooled message line by line in the dot-stuffed form of RFC 5321, without the final ".". -1: no output;
-    // 0: sent, or stopped by MailStreamCallback; otherwise the errno value of the write.
+    // 0: sent, or stopped by MailStreamCallback, or the message gives no more lines, also where its file cannot be
+    // read; otherwise the errno value of the write.
     int SendMailStream(ScannerStream* mail, TCPStream* out);
 
     // Splits at white space; always 0.
@@ -124,6 +125,15 @@ public:
     bool Connect(std::vector<KORnet::TCPAddr> const& addresses, unsigned& next, unsigned timeoutMs, bool checkLoopback,
                  unsigned budgetMs);
 
+    // Connects the server end of a transparent session to where its client meant to go, with the client's address as
+    // the one that the server sees. Throws as the others do, and FWException<io> where that address cannot be had.
+    bool ConnectAsClient(unsigned timeoutMs);
+
+    // Connects the server end of a transparent session as ConnectAsClient does, and carries bytes both ways, unseen and
+    // unchanged, until either side stops or both are silent for the process's timeout. Both streams are gone then. What
+    // cannot be connected closes the client: nothing is reported, and the caller cannot tell.
+    void TransparentPlug();
+
     // Moved by hosts, not by the library: messages, and those from inside (0) and from outside (1).
     static QXStats::QXCounter* s_pNoMessages;
     static QXStats::QXCounter* s_pPolicyMessages[2];
@@ -145,9 +155,11 @@ protected:
 private:
     friend class ConnThread;
     friend class ConnThreadPool;
+    friend class ScannerWatch;
     friend class TCPServiceLoop;
 
     class Walk;
+    bool ConnectUnseen();
     void LogAttributes(QXlog::Event const& event, std::string const& text = {}) const;
 };
 

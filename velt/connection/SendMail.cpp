@@ -40,17 +40,21 @@ struct LinePieces {
     }
 };
 
-// A signal that ends the wait of a vectored write makes it a success of less than all: the rest is sent again, as a
-// mail may not lose bytes in its middle.
+// What poll(2) fails with beside a signal.
+bool IsFailedWait(int error) { return error == ENOMEM || error == EINVAL || error == EFAULT; }
+
+// A wait of a vectored write that fails makes it a success of less than all. A mail may not lose bytes in its middle:
+// after a signal the rest is sent again, and any other failure is told.
 int SendLine(TCPStream& out, LinePieces& pieces) {
     for (;;) {
         unsigned sent = 0;
         errno = 0;
         int const result = out.writev(pieces.count, pieces.lengths.data(), pieces.buffers.data(), &sent);
-        bool const interrupted = errno == EINTR;
-        if (result != 0 || !interrupted) return result;
+        int const error = errno;
+        if (result != 0 || (error != EINTR && !IsFailedWait(error))) return result;
         pieces.Drop(sent);
         if (pieces.count == 0) return 0;
+        if (error != EINTR) return error;
     }
 }
 
