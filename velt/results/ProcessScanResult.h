@@ -7,11 +7,14 @@
 
 #include <KORlog/InfoBag.h>
 
+#include <string>
+
 #include <velt/Export.h>
 #include <velt/results/ScannerData.h>
 
 class IKORPropertyBag;
 class IKORScanResult;
+class IScanResultHandler;
 
 namespace VELT {
 
@@ -20,6 +23,14 @@ struct ScanOutput;
 
 class VELT_API ProcessScanResult {
 public:
+    // Chooses the folder of a dump. Any other value: "/tmp/" itself.
+    enum protocol : int {
+        SMTP = 0,  // "/tmp/smtp_result/"
+        HTTP = 1,  // "/tmp/http_result/"
+        POP3 = 2,  // "/tmp/pop3_result/"
+        FTP = 3,   // "/tmp/ftp_result/"
+    };
+
     static void Initialise();  // makes the counters; once, before any scan
 
     // True when the whole scan must be repeated by the fallback route: the format scanner gave up on an item that is
@@ -52,6 +63,11 @@ public:
 
     // True when the result is to be treated as a failed scan. Reports every error but those of level 0.
     bool isScannerError(Connection const& connection, IKORScanResult const* result, bool fatal15004);
+
+    // A debugging aid: what is known of one result goes into a new text file, which only this user may read. Nothing
+    // tells whether it could be written. The folder is made open to all: another user of the machine may empty it.
+    void DumpResult(IScanResultHandler const* handler, IKORScanResult const* result, ScannerData& data,
+                    ProcessScanResult::protocol protocol, std::string auditId);
 };
 
 }  // namespace VELT

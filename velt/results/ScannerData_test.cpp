@@ -7,7 +7,6 @@
 #include <vector>
 
 #include <testing/EventCapture.h>
-#include <velt/results/ScanStats.h>
 #include <velt/results/ScannerData.h>
 
 using velt_testing::Describe;
@@ -73,26 +72,4 @@ TEST(ScannerNames, OfARangeShareOneValueAndTellTheAntiVirusScanner) {
     KORlog::InfoBag none;
     EXPECT_FALSE(updateInfoFromData({map.end(), map.end()}, none));
     EXPECT_EQ(Describe(none), "scanner_names={}");
-}
-
-TEST(ScanStats, AreNamedByDirectionAndFinding) {
-    static SCAN_STATS plain;  // counters are never destroyed
-    EXPECT_EQ(plain.virus_detected, nullptr);
-    plain.Initialise(nullptr);
-    static SCAN_STATS prefixed;
-    prefixed.Initialise("from_outside");
-    EXPECT_EQ(plain.virus_detected->name(), "virus_detected");
-    EXPECT_EQ(plain.spam_detected->name(), "spam_detected");
-    EXPECT_EQ(plain.spam_belowthreshold->name(), "spam_belowthreshold");
-    EXPECT_EQ(plain.content_filter_detected->name(), "content_filter_detected");
-    EXPECT_EQ(plain.mail_filtering_detected->name(), "mail_filtering_detected");
-    EXPECT_EQ(plain.file_filtering_detected->name(), "file_filtering_detected");
-    EXPECT_EQ(prefixed.virus_detected->name(), "from_outside.virus_detected");
-    EXPECT_EQ(prefixed.file_filtering_detected->name(), "from_outside.file_filtering_detected");
-}
-
-TEST(ScanStats, CountNothingBeforeTheyAreMade) {
-    if (s_Totals.virus_detected) GTEST_SKIP() << "made by another test of this process";
-    CountFinding(true, &SCAN_STATS::virus_detected);
-    EXPECT_EQ(s_Totals.virus_detected, nullptr);
 }

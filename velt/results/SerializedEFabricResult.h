@@ -1,0 +1,81 @@
+// SerializedEFabricResult: a verdict that was read from its text form, or the empty one. To its readers it is what the
+// engines themselves would have given.
+// Owner: whoever called deserialize; an output that is given one owns it then. It owns its results: Release on one of
+// them would free it twice. Threads: unchanging once read; any. Failure: deserialize gives null, with the reason in
+// syslog where a word was unknown.
+#pragma once
+
+#include <eFabric/Result.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <velt/Export.h>
+#include <velt/results/ScanResult.h>
+
+namespace VELT {
+
+class BufferedStream;
+
+class VELT_API SerializedEFabricResult : public IScanResultHandler {
+public:
+    static SerializedEFabricResult* deserialize(BufferedStream* stream);  // a null stream gives the empty verdict
+
+    SerializedEFabricResult(BufferedStream* stream, bool& ok);
+    SerializedEFabricResult(SerializedEFabricResult const&) = delete;
+    SerializedEFabricResult& operator=(SerializedEFabricResult const&) = delete;
+
+    void ReportSpecificScanner(char const*) const override {}
+    void ResetReportSpecificScanner() const override {}
+    IKORScanResult const* FindFirstScanResult(long& pos) const override;  // the master is not among them
+    IKORScanResult const* FindNextScanResult(long& pos) const override;
+    bool IsModified() const override { return modified; }
+    bool IsTriggered() const override { return triggered; }
+    bool GetInfectionDescription(wchar_t* buffer, int size) const override;  // false: none, or it does not fit
+    bool GetInfectionDescription(DynBuf<wchar_t>&, char const*) const override { return false; }
+    // Always true. A separator stands behind each name; the first that does not fit ends the list.
+    bool GetInfectionNames(wchar_t* buffer, int size, wchar_t separator) const override;
+    bool GetInfectedComponentNames(wchar_t* buffer, int size, wchar_t separator) const override;
+    char const* GetMasterActionCode() const override { return action ? action->c_str() : nullptr; }
+    IKORScanResult const* GetMasterScanResult() const override { return master.get(); }
+    bool DidActionOccur(char const* name) const override;
+    bool GetActionList(char* buffer, unsigned& size, char separator, unsigned& count) const override;  // always true
+    IKORScanPolContextElement const* GetScanContextStart() const override { return nullptr; }
+    void const* GetPolicyStatement() const override { return nullptr; }
+
+private:
+    using Handler = bool (SerializedEFabricResult::*)(BufferedStream&, std::string const&);
+    struct Token {
+        char const* word;
+        Handler handler;
+    };
+    static Token const s_AsciiDecode[10];
+
+    bool decode_ascii_stream(BufferedStream& stream);
+    bool decode_triggered(BufferedStream& stream, std::string const& text);
+    bool decode_modified(BufferedStream& stream, std::string const& text);
+    bool decode_action(BufferedStream& stream, std::string const& text);
+    bool decode_infection_description(BufferedStream& stream, std::string const& text);
+    bool decode_infection_names(BufferedStream& stream, std::string const& text);
+    bool decode_infected_components(BufferedStream& stream, std::string const& text);
+    bool decode_actions(BufferedStream& stream, std::string const& text);
+    bool decode_master_result(BufferedStream& stream, std::string const& text);
+    bool decode_result(BufferedStream& stream, std::string const& text);
+    IKORScanResult const* at(long pos) const;
+
+    unsigned empty_bags;  // what its results may still make; see results::decode_property_bag
+
+    bool modified = false;
+    bool triggered = false;
+    std::string infection_description;
+    std::vector<std::string> infection_names;
+    std::vector<std::string> infected_components;
+    std::vector<std::string> actions;
+    std::optional<std::string> action;
+    std::unique_ptr<ScanResult> master;
+    std::vector<std::unique_ptr<ScanResult>> results;
+};
+
+}  // namespace VELT

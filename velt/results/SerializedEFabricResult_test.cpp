@@ -1,0 +1,366 @@
+// Verdicts that are read from their text form, and what they answer.
+#include <gtest/gtest.h>
+
+#include <cwchar>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <velt/results/SerialDecoding.h>
+#include <velt/results/SerializedEFabricResult.h>
+#include <velt/runtime/Proxy.h>
+#include <velt/streams/ScannerStream.h>
+
+using namespace VELT;
+using Verdict = std::unique_ptr<SerializedEFabricResult>;
+
+namespace {
+
+std::string Wide(std::wstring const& text) {
+    return std::to_string(text.size()) + "\n" +
+           std::string(reinterpret_cast<char const*>(text.data()), text.size() * sizeof(wchar_t));
+}
+
+class Text {
+public:
+    explicit Text(std::string const& text) : stream(65536u) {
+        stream.write(text.data(), static_cast<unsigned>(text.size()));
+        stream.seek(0, 0);
+    }
+    ScannerStream stream;
+};
+
+Verdict Read(std::string const& text) {
+    Text source(text);
+    return Verdict(SerializedEFabricResult::deserialize(&source.stream));
+}
+
+// The one result of a verdict whose section is this.
+class Section {
+public:
+    explicit Section(std::string const& lines) : verdict(Read("msr.sr.result\n" + lines)) {
+        long position = 0;
+        if (verdict) result = verdict->FindFirstScanResult(position);
+    }
+    bool ok() const { return result != nullptr; }
+    IKORProperty const* Property(char const* name) const {
+        return static_cast<IKORPropertyBag const*>(result->GetPropertyBag())->GetProperty(name);
+    }
+
+    Verdict verdict;
+    IKORScanResult const* result = nullptr;
+};
+
+std::wstring Names(SerializedEFabricResult const& verdict, int size) {
+    std::wstring buffer(static_cast<std::size_t>(size) + 4, L'#');
+    EXPECT_TRUE(verdict.GetInfectionNames(buffer.data(), size, L';'));
+    EXPECT_EQ(buffer.substr(static_cast<std::size_t>(size)), L"####");
+    return buffer.c_str();
+}
+
+}  // namespace
+
+TEST(ReadVerdict, OfNoStreamIsTheEmptyOne) {
+    for (Verdict const& verdict : {Verdict(SerializedEFabricResult::deserialize(nullptr)), Read(""), Read("\n"),
+                                   Read("\r\nmsr.triggered sl 1\n")}) {
+        ASSERT_NE(verdict, nullptr);
+        long position = 7;
+        EXPECT_FALSE(verdict->IsTriggered());
+        EXPECT_FALSE(verdict->IsModified());
+        EXPECT_EQ(verdict->FindFirstScanResult(position), nullptr);
+        EXPECT_EQ(position, 0);
+        EXPECT_EQ(verdict->FindNextScanResult(position), nullptr);
+        EXPECT_EQ(verdict->GetMasterActionCode(), nullptr);
+        EXPECT_EQ(verdict->GetMasterScanResult(), nullptr);
+        EXPECT_EQ(verdict->GetScanContextStart(), nullptr);
+        EXPECT_EQ(verdict->GetPolicyStatement(), nullptr);
+        EXPECT_FALSE(verdict->DidActionOccur(""));
+        EXPECT_EQ(Names(*verdict, 10), L"");
+        wchar_t buffer[4];
+        EXPECT_FALSE(verdict->GetInfectionDescription(buffer, 4));
+        DynBuf<wchar_t> dynamic;
+        EXPECT_FALSE(verdict->GetInfectionDescription(dynamic, ""));
+    }
+}
+
+TEST(ReadVerdict, HasTheFieldsOfItsLines) {
+    Verdict const verdict = Read(
+        "# comment\nmsr.triggered sl 1\r\nmsr.modified  sb   1\nmsr.action ss 6\nRE\nACTmsr.infection_description ss "
+        "3\n"
+        "badmsr.infection_names A one\nmsr.infection_names Btwo\nmsr.infected_components c\nmsr.actions DROP\n"
+        "msr.actions LOG\n");
+    ASSERT_NE(verdict, nullptr);
+    EXPECT_TRUE(verdict->IsTriggered());
+    EXPECT_TRUE(verdict->IsModified());
+    EXPECT_STREQ(verdict->GetMasterActionCode(), "RE\nACT");
+    EXPECT_EQ(Names(*verdict, 20), L"A one;Btwo;");
+    wchar_t buffer[20];
+    EXPECT_TRUE(verdict->GetInfectionDescription(buffer, 4));
+    EXPECT_STREQ(buffer, L"bad");
+    EXPECT_FALSE(verdict->GetInfectionDescription(buffer, 3));
+    EXPECT_TRUE(verdict->GetInfectedComponentNames(buffer, 20, L','));
+    EXPECT_STREQ(buffer, L"c,");
+    EXPECT_TRUE(verdict->DidActionOccur("LOG"));
+    EXPECT_FALSE(verdict->DidActionOccur("LO"));
+    EXPECT_FALSE(verdict->DidActionOccur("LOGS"));
+    EXPECT_STREQ(Read("msr.master.action ss 1\nX")->GetMasterActionCode(), "X");
+    EXPECT_STREQ(Read("msr.action ss 0\nmsr.triggered sl 1\n")->GetMasterActionCode(), "");
+}
+
+TEST(ReadVerdict, IsNoneWhereALineIsNotAsItShouldBe) {
+    for (char const* text :
+         {"msr.unknown sl 1\n", "unknown\n", "msr.triggered ss 1\n", "msr.triggered\n", "msr.modified sf 1\n",
+          "msr.action sl 1\n", "msr.action ss 5\nabc", "msr.action ss -1\n", "msr.action ss 99999999999999\nabc",
+          "msr.sr.result\nunknown 1\n", "msr.sr.result\ncleanstatus ss 1\n", "msr.sr.result\nerrorstatus sf 1\n",
+          "msr.sr.result\ninfecteditems ss 1\n", "msr.sr.result\nclassname ss 3\nab",
+          "msr.sr.result\ninfectionlist 2\nabcd", "msr.master.result\nproperty name sl 1\n",
+          "msr.sr.result\nscanpolcontext unknown 1\n", "msr.triggered sl 1\nmsr.s"}) {
+        // The last has no line end: it is no line.
+        EXPECT_EQ(Read(text) == nullptr, std::string(text) != "msr.triggered sl 1\nmsr.s") << text;
+    }
+}
+
+TEST(ReadVerdict, TrueIsAFirstByteOfOne) {
+    for (char const* yes : {"1", "10", "1x"})
+        EXPECT_TRUE(Read(std::string("msr.triggered sl ") + yes + "\n")->IsTriggered()) << yes;
+    for (char const* no : {"0", "2", "-1", "true", ""})
+        EXPECT_FALSE(Read(std::string("msr.triggered sl ") + no + "\n")->IsTriggered()) << no;
+}
+
+TEST(ReadVerdict, TheMasterIsNotAmongTheResults) {
+    Verdict const verdict = Read(
+        "msr.master.result\ninfecteditems sl 1\n\nmsr.sr.result\ninfecteditems sl 2\n\n"
+        "msr.sr.result\ninfecteditems sl 3\n\nmsr.modified sl 1\n\n");
+    ASSERT_NE(verdict, nullptr);
+    EXPECT_EQ(verdict->GetMasterScanResult()->InfectedItems(), 1);
+    long position = 9;
+    EXPECT_EQ(verdict->FindFirstScanResult(position)->InfectedItems(), 2);
+    EXPECT_EQ(verdict->FindNextScanResult(position)->InfectedItems(), 3);
+    EXPECT_EQ(position, 1);
+    EXPECT_EQ(verdict->FindNextScanResult(position), nullptr);
+    EXPECT_TRUE(verdict->IsModified());
+}
+
+TEST(ReadVerdict, WritesNoNameThatDoesNotFit) {
+    Verdict const verdict = Read("msr.infection_names abc\nmsr.infection_names \nmsr.infection_names de\n");
+    std::vector<std::wstring> const fits = {L"",     L"",      L"",      L"",      L"",
+                                            L"abc;", L"abc;;", L"abc;;", L"abc;;", L"abc;;de;"};
+    for (int size = 1; size < 10; ++size)
+        EXPECT_EQ(Names(*verdict, size), fits[static_cast<std::size_t>(size)]) << size;
+    EXPECT_TRUE(verdict->GetInfectionNames(nullptr, 0, L';'));
+}
+
+TEST(ReadVerdict, ListsTheActionsThatFit) {
+    Verdict const verdict = Read("msr.actions abc\nmsr.actions de\n");
+    struct Case {
+        unsigned size, written, count;
+        char const* text;
+    };
+    for (Case const& one : {Case{0, 0, 0, ""}, Case{4, 0, 0, ""}, Case{5, 4, 1, "abc;"}, Case{7, 4, 1, "abc;"},
+                            Case{8, 7, 2, "abc;de;"}, Case{99, 7, 2, "abc;de;"}}) {
+        char buffer[128] = "#";
+        unsigned size = one.size, count = 9;
+        EXPECT_TRUE(verdict->GetActionList(buffer, size, ';', count));
+        EXPECT_STREQ(buffer, one.text) << one.size;
+        EXPECT_EQ(size, one.written) << one.size;
+        EXPECT_EQ(count, one.count) << one.size;
+    }
+}
+
+TEST(ReadResult, HasTheFieldsOfItsSection) {
+    Section const section("infectionlist " + Wide(L"Eicar \x20ac") +
+                          "cleanstatus sl 2\n# comment\nerrorstatus sl 1\nclassname ss 5\nAV\nABinfecteditems sl 3\n"
+                          "scanpolcontext  scan_context_string " +
+                          Wide(L"a:b") + "scanpolcontext scan_context_component_name " + Wide(L"part") + "\n");
+    ASSERT_TRUE(section.ok());
+    EXPECT_STREQ(section.result->GetInfectionList(L'!'), L"Eicar \x20ac");
+    EXPECT_STREQ(section.result->GetInfectionList(L' '), L"Eicar \x20ac");
+    EXPECT_EQ(section.result->IsCleaned(), 2);
+    EXPECT_TRUE(section.result->GetScanErrorStatus());
+    EXPECT_STREQ(section.result->GetScannerClassName(), "AV\nAB");
+    EXPECT_EQ(section.result->InfectedItems(), 3);
+    IKORScanPolContextElement const* const place = section.result->GetScanPolContext();
+    ASSERT_NE(place, nullptr);
+    EXPECT_STREQ(place->GetComponentName(), L"part");
+    wchar_t buffer[8];
+    EXPECT_STREQ(place->GetScanContextString(buffer, 8, L' ', L':'), L"a:b");
+    EXPECT_STREQ(place->GetScanContextString(buffer, 3, L' ', L':'), L"a:");
+    EXPECT_EQ(place->GetParent(), nullptr);
+}
+
+TEST(ReadResult, WithoutALineHasNoSuchField) {
+    Section const section("\n");
+    ASSERT_TRUE(section.ok());
+    EXPECT_EQ(section.result->GetInfectionList(L' '), nullptr);
+    EXPECT_STREQ(section.result->GetScannerClassName(), "");
+    EXPECT_EQ(section.result->GetScanPolContext(), nullptr);
+    EXPECT_EQ(section.result->IsCleaned(), 0);
+    EXPECT_EQ(section.result->GetPropertyBag()->Size(), 0);
+    EXPECT_EQ(Section("infectionlist -1\n").result->GetInfectionList(L' '), nullptr);
+    EXPECT_STREQ(Section("infectionlist 0\n\n").result->GetInfectionList(L' '), L"");
+}
+
+TEST(ReadResult, EndsAtALineWithoutASpace) {
+    EXPECT_EQ(Section("infecteditems sl 4\nend\nmsr.modified sl 1\n").result->InfectedItems(), 4);
+    EXPECT_TRUE(Section("infecteditems sl 4\nend\nmsr.modified sl 1\n").verdict->IsModified());
+}
+
+TEST(ReadResult, APlaceIsThereEvenIfItsFieldFails) {
+    Text source("scanpolcontext scan_context_string 5\nab");
+    bool ok = true;
+    ScanResult const result(&source.stream, true, ok);
+    EXPECT_FALSE(ok);
+    EXPECT_NE(result.GetScanPolContext(), nullptr);
+    bool unread = true;
+    ScanResult const empty(&source.stream, false, unread);
+    EXPECT_FALSE(unread);
+    EXPECT_EQ(empty.GetScanPolContext(), nullptr);
+}
+
+TEST(ReadResult, HasNothingForTheFrameworksOwnProcessing) {
+    bool ok = false;
+    auto* const alone = new ScanResult(nullptr, true, ok);
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(alone->AddRef(), 0);
+    alone->Init();
+    wchar_t buffer[] = L"#";
+    alone->GetInfectionList(buffer, 2, L' ');
+    EXPECT_STREQ(buffer, L"#");
+    EXPECT_EQ(alone->GetInfectionList(L"a"), 0);
+    EXPECT_EQ(alone->Release(), 0);  // nobody else holds it
+
+    Section const section("scanpolcontext scan_context_component_name 0\n\n");
+    IKORScanPolContextElement const& place = *section.result->GetScanPolContext();
+    long position = 5;
+    EXPECT_FALSE(place.IsChildOf(&place));
+    EXPECT_EQ(place.GetComponentIndex(), 0);
+    EXPECT_EQ(place.GetComponentType(), 0);
+    EXPECT_EQ(place.GetParent(), nullptr);
+    EXPECT_EQ(place.GetFirstChild(position), nullptr);
+    EXPECT_EQ(place.GetNextChild(position), nullptr);
+    EXPECT_FALSE(place.CheckInContext("a", true, true));
+    EXPECT_EQ(place.GetInfectedStatus(), 0);
+    EXPECT_FALSE(place.IsTopLevel());
+    EXPECT_FALSE(place.StateReset());
+}
+
+TEST(ReadResult, AWrongCleanStatusIsZero) {
+    Text source("cleanstatus sl 2\ncleanstatus ss 1\n");
+    bool ok = true;
+    ScanResult const result(&source.stream, true, ok);
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(result.IsCleaned(), 0);
+    Text other("infecteditems sl 2\ninfecteditems ss 1\n");
+    ScanResult const kept(&other.stream, true, ok);
+    EXPECT_EQ(kept.InfectedItems(), 2);
+}
+
+TEST(ReadProperties, HaveTheirTypes) {
+    Section const section("property .t ss " + Wide(L"w\x20ac") +
+                          "property .l sl -5\nproperty .L sL 18446744073709551615\n" +
+                          "property .f sf 2.500000\nproperty .b sb 1\nproperty .e ss 0\nproperty .x sq 3\n\n");
+    ASSERT_TRUE(section.ok());
+    EXPECT_STREQ(section.Property("t")->GetWide(), L"w\x20ac");
+    EXPECT_STREQ(section.Property("e")->GetWide(), L"");
+    long number = 0;
+    unsigned long natural = 0;
+    double real = 0;
+    EXPECT_TRUE(section.Property("l")->GetLong(number));
+    EXPECT_EQ(number, -5);
+    EXPECT_TRUE(section.Property("b")->GetLong(number));
+    EXPECT_EQ(number, 1);
+    EXPECT_TRUE(section.Property("L")->GetULong(natural));
+    EXPECT_EQ(natural, 18446744073709551615ul);
+    EXPECT_TRUE(section.Property("f")->GetDouble(real));
+    EXPECT_EQ(real, 2.5);
+    EXPECT_EQ(section.Property("x")->GetType(), KORProp_None);
+}
+
+TEST(ReadProperties, OfSeveralElementsGrow) {
+    Section const section("property .m ml 1\nproperty .m ml 2\nproperty .s sl 1\nproperty .s sl 2\nproperty .t ms " +
+                          Wide(L"a") + "property .t ms " + Wide(L"b") + "property .L mL 3\nproperty .f mf 4\n\n");
+    ASSERT_TRUE(section.ok());
+    EXPECT_EQ(section.Property("m")->GetCount(), 2u);
+    EXPECT_EQ(section.Property("s")->GetCount(), 1u);
+    EXPECT_EQ(section.Property("t")->GetCount(), 2u);
+    EXPECT_STREQ(section.Property("t")->GetWideAt(1), L"b");
+    EXPECT_EQ(section.Property("L")->GetType(), KORProp_ULong);
+    EXPECT_EQ(section.Property("f")->GetType(), KORProp_Double);
+}
+
+TEST(ReadProperties, NestByTheirPaths) {
+    Section const section(
+        "property .one<0>.a sl 1\nproperty .one<0>.b sl 2\nproperty .many.a sl 1\nproperty .many.a sl 2\n"
+        "property .third<2>.a sl 9\nproperty .deep<0>.er.est sl 7\n\n");
+    ASSERT_TRUE(section.ok());
+    EXPECT_EQ(section.Property("one")->GetCount(), 1u);
+    EXPECT_EQ(section.Property("one")->GetBag()->Size(), 2);
+    EXPECT_EQ(section.Property("many")->GetCount(), 1u);
+    long number = 0;
+    section.Property("many")->GetBag()->GetProperty("a")->GetLong(number);
+    EXPECT_EQ(number, 2);  // of several written without an index the last one stays
+    EXPECT_EQ(section.Property("third")->GetCount(), 3u);
+    EXPECT_EQ(section.Property("third")->GetBagAt(2)->Size(), 1);
+    section.Property("deep")->GetBag()->GetProperty("er")->GetBag()->GetProperty("est")->GetLong(number);
+    EXPECT_EQ(number, 7);
+}
+
+TEST(ReadProperties, ThatAreBrokenHarmNobody) {
+    EXPECT_EQ(Section("property .t ss 5\nab").Property("t")->GetType(), KORProp_None);
+    EXPECT_EQ(Section("property .t ss -5\n\n").Property("t")->GetType(), KORProp_None);
+    EXPECT_EQ(Section("property .t<4000000000>.a sl 1\n\n").Property("t")->GetCount(), 4096u);
+    EXPECT_EQ(Section("property .t sl 1\nproperty .t.a sl 1\n\n").Property("t")->GetType(), KORProp_Bag);
+    EXPECT_EQ(Section("property .t sl 1\nproperty .t<1>.a sl 1\n\n").Property("t")->GetCount(), 2u);
+}
+
+TEST(ReadProperties, OfAVerdictShareWhatTheirIndicesMayMake) {
+    Verdict const verdict = Read(
+        "msr.sr.result\nproperty .t<4094>.a sl 1\n\nmsr.sr.result\nproperty .t<2>.a sl 1\nproperty .u<9>.a sl 1\n"
+        "property .u<9>.b<0>.c sl 1\n\n");
+    ASSERT_NE(verdict, nullptr);
+    long position = 0;
+    EXPECT_EQ(verdict->FindFirstScanResult(position)->GetPropertyBag()->GetProperty("t")->GetCount(), 4095u);
+    IKORPropertyBag& second = *verdict->FindNextScanResult(position)->GetPropertyBag();
+    EXPECT_EQ(second.GetProperty("t")->GetCount(), 2u);  // the last one that was left, and its own
+    EXPECT_EQ(second.GetProperty("u")->GetCount(), 2u);
+    EXPECT_EQ(second.GetProperty("u")->GetBagAt(0)->Size(), 1);
+    EXPECT_EQ(second.GetProperty("u")->GetBagAt(1)->GetProperty("b")->GetCount(), 1u);
+}
+
+TEST(ReadProperties, TheSystemNameGetsThisProcesssInFront) {
+    new Proxy;
+    std::string host = "here", full = "here.example";
+    Proxy::SetHostInformation(host, full);
+    Section const section("property .QX_PROPERTIES<0>.QX_SYSTEM_NAME ss " + Wide(L"there") + "\n");
+    ASSERT_TRUE(section.ok());
+    EXPECT_STREQ(section.Property("QX_PROPERTIES")->GetBag()->GetProperty("QX_SYSTEM_NAME")->GetNarrow(), "here_there");
+    delete Proxy::s_pProxyInstance;
+}
+
+TEST(ReadProperties, TheSystemNameHasNothingInFrontWhereNoProxyIs) {
+    ASSERT_EQ(Proxy::s_pProxyInstance, nullptr);
+    Section const section("property .QX_PROPERTIES<0>.QX_SYSTEM_NAME ss " + Wide(L"there") + "\n");
+    ASSERT_TRUE(section.ok());
+    EXPECT_STREQ(section.Property("QX_PROPERTIES")->GetBag()->GetProperty("QX_SYSTEM_NAME")->GetNarrow(), "_there");
+}
+
+TEST(Tags, AreTwoCharactersBehindBlanks) {
+    struct Case {
+        char const* text;
+        results::SerialType type;
+        bool multi;
+        char const* value;
+    };
+    using results::SerialType;
+    for (Case const& one : {Case{"ss 5", SerialType::String, false, "5"},
+                            Case{"\t\x80 ml  x", SerialType::Long, true, "x"}, Case{"sL", SerialType::ULong, false, ""},
+                            Case{"xf1", SerialType::Double, true, "1"}, Case{"sb 1", SerialType::Long, false, "1"},
+                            Case{"sq 1", SerialType::None, false, "q 1"}, Case{"s", SerialType::None, false, ""},
+                            Case{"", SerialType::None, true, ""}, Case{"   ", SerialType::None, true, ""}}) {
+        char const* text = one.text;
+        results::SerialTag const tag = results::get_type(text);
+        EXPECT_EQ(tag.type, one.type) << one.text;
+        EXPECT_EQ(tag.multi, one.multi) << one.text;
+        EXPECT_STREQ(text, one.value) << one.text;
+    }
+}
