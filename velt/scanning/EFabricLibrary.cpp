@@ -87,6 +87,10 @@ void write_efabric_error(char const* function, int line, char const* text, IKORE
     }
 }
 
+void debug_wide_log(char const* function, int line, wchar_t const* text) {
+    ::syslog(kPriority, "%s:%d ERROR %s", function, line, Narrow(text).c_str());
+}
+
 void pre_fork_init_filedescriptors() {
     if (s_scandotdat >= 0) return;
     for (int descriptor = 0; descriptor < kDescriptorsSearched; ++descriptor) {

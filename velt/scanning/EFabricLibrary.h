@@ -15,6 +15,7 @@ public:
 };
 
 void write_efabric_error(char const* function, int line, char const* text, IKORError const& error);
+void debug_wide_log(char const* function, int line, wchar_t const* text);
 
 // The file "scan.dat" that an engine keeps open across fork: each process that scans opens it anew under the same
 // descriptor number, so that no two processes share a file position.

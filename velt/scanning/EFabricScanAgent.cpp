@@ -1,9 +1,13 @@
 #include <velt/scanning/EFabricScanAgent.h>
 
 #include <QXStats/QXCounter.h>
+#include <signal.h>
+#include <sys/stat.h>
 #include <system/UUID.h>
+#include <unistd.h>
 #include <velt/Config.h>
 #include <velt/config_details/settings/process.h>
+#include <velt/results/SerializedEFabricResult.h>
 #include <velt/runtime/Clock.h>
 #include <velt/scanning/EFabricLibrary.h>
 #include <velt/scanning/StreamTransport.h>
@@ -11,6 +15,7 @@
 #include <array>
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 namespace VELT {
@@ -19,14 +24,21 @@ namespace {
 
 constexpr char const* kAntiVirusSwitch = "Settings:KORAVScanner:Kortex Anti-Virus Settings";
 constexpr unsigned kTimeSlots = 4;
+constexpr unsigned kSpoolSeconds = 10;  // for the item of a thread that crashed
+constexpr mode_t kSpoolMask = 0077;     // it is for the operator's eyes
 
 // The current time rotates through the slots, so that a reader that has just taken the pointer still reads a whole one.
 std::array<ScanTime, kTimeSlots> s_ScanTimes;
 std::atomic<ScanTime*> s_ScanTime{&s_ScanTimes[0]};
 bool s_threadedclock = false;  // the clock thread refreshes the time; set at start-up
 
+// The record of the scan under way on a thread. Until it is made nothing of it is asked: the crash handler may be
+// first.
 pthread_key_t s_scanner_key;
+std::once_flag s_scanner_key_once;
 std::atomic<bool> s_scanner_key_made{false};
+
+std::unique_ptr<SerializedEFabricResult const> s_NullResult;  // the empty verdict
 QXStats::QXCounter* s_pscans = nullptr;
 
 void Rotate(long now) {
@@ -71,6 +83,41 @@ private:
     bool m_on;
 };
 
+// A crash handler's work comes to an end: it hangs no longer than the alarm allows, even where the crash was in the
+// allocator that it needs itself. A thread that crashes meanwhile, or in the work itself, is turned away.
+class LastWork {
+public:
+    LastWork() : m_entered(!s_underWay.exchange(true)) {
+        if (!m_entered) return;
+        ::signal(SIGALRM, SIG_DFL);
+        sigset_t alarmOnly;
+        ::sigemptyset(&alarmOnly);
+        ::sigaddset(&alarmOnly, SIGALRM);
+        ::pthread_sigmask(SIG_UNBLOCK, &alarmOnly, &m_before);
+        ::alarm(kSpoolSeconds);
+        m_mask = ::umask(kSpoolMask);
+    }
+    ~LastWork() {
+        if (!m_entered) return;
+        ::umask(m_mask);
+        ::alarm(0);
+        ::pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
+        s_underWay = false;
+    }
+    LastWork(LastWork const&) = delete;
+    LastWork& operator=(LastWork const&) = delete;
+    explicit operator bool() const { return m_entered; }
+
+private:
+    static std::atomic<bool> s_underWay;
+
+    bool m_entered;
+    sigset_t m_before = {};
+    mode_t m_mask = 0;
+};
+
+std::atomic<bool> LastWork::s_underWay{false};
+
 // Hands the session's attributes to the framework, which owns them from then on.
 void GiveAttributes(ScanContext& context) {
     if (!context.connection_attributes) return;
@@ -91,6 +138,7 @@ bool EFabricScanAgent::load(std::string const& config, std::string const& name, 
 }
 
 void EFabricScanAgent::initialise(Config* config) {
+    if (!s_NullResult) s_NullResult.reset(SerializedEFabricResult::deserialize(nullptr));
     s_threadedclock = ReadSetting<VELTCFG::process::ForkedModelThreads>(*config);
 }
 
@@ -98,10 +146,7 @@ void EFabricScanAgent::start() {
     long const now = static_cast<long>(Clock::getTime());
     for (ScanTime& slot : s_ScanTimes) slot.Set(now, ST_LOCAL);
     Rotate(now);
-    if (!s_scanner_key_made) {
-        ::pthread_key_create(&s_scanner_key, nullptr);
-        s_scanner_key_made = true;
-    }
+    std::call_once(s_scanner_key_once, [] { s_scanner_key_made = ::pthread_key_create(&s_scanner_key, nullptr) == 0; });
     post_fork_init_filedescriptors();
 }
 
@@ -123,6 +168,8 @@ void EFabricScanAgent::segv() {
     if (!s_scanner_key_made) return;
     auto const* const record = static_cast<EFabricThreadRecord*>(::pthread_getspecific(s_scanner_key));
     if (!record || !record->scanning || !record->context || !record->context->data) return;
+    LastWork const work;
+    if (!work) return;
     char const* const policy = record->policy.c_str();
     std::string const path = record->owner->segvPrefix() + "_" + (policy ? policy : "") + "_" + UUID::get();
     record->context->data->spool_to_disk(path.c_str());
@@ -152,7 +199,7 @@ bool EFabricScanAgent::set_scan_policy(InternedString const& policy) {
 // The thread's scan thread object, with the context's policy, at the time asked for.
 bool EFabricScanAgent::prepare(ScanContext* scanContext, long time) {
     context = scanContext;
-    if (!engine || !engine->getPolicyLoader()) return false;
+    if (!context || !engine || !engine->getPolicyLoader()) return false;
     tls = engine->load_tls_info();
     if (!tls->scan_thread || !set_scan_policy(context->policy)) return false;
     scan_time.Set(time != 0 ? time : static_cast<long>(s_ScanTime.load(std::memory_order_acquire)->Get()), ST_LOCAL);
@@ -199,6 +246,7 @@ int EFabricScanAgent::scan(unsigned int index, ScanOutput*& output, bool fallbac
 
     IScanObject* const object = CreateScanObject(input, context->identities[index], fallback);
     if (!object) return -1;
+    result->setResult(object, nullptr);  // released with it, also when an engine throws
     {
         ScanUnderWay const mark(*tls, context);
         result->setResult(object, object->Scan(result->output_in_input ? nullptr : &out, &scan_time));

@@ -19,6 +19,15 @@ namespace {
 EFabricScanContext* s_ScanContext = nullptr;
 Lock s_ScanThreadLock;  // making the scan thread objects, one thread at a time
 
+// The lock is given back also when the framework throws.
+IScanThread* MakeScanThread(eFabric::IPolicyLoader& loader, InternedString const& policy) {
+    struct Turn {
+        Turn() { s_ScanThreadLock.Acquire(); }
+        ~Turn() { s_ScanThreadLock.Release(); }
+    } const turn;
+    return loader.createScanThread(policy);
+}
+
 std::wstring Widen(std::string const& path) { return KORtk::Utf8Array(path).wstr(); }
 
 // Runs when a thread ends. Nobody else holds the record: agents belong to the thread, and its scans have ended.
@@ -40,8 +49,7 @@ EFabricScanContext::EFabricScanContext(std::string const& product, std::string c
                                        char const* engineXml, bool& loaded)
     : product_config(product), segv_prefix(Proxy::s_pProxyInstance->m_scanDir + "/segv/" + name) {
     s_ScanContext = this;
-    ::pthread_key_create(&tls_key, remove_efabric_tls);
-    loaded = create_policy_loader(antispam, engineXml);
+    loaded = ::pthread_key_create(&tls_key, remove_efabric_tls) == 0 && create_policy_loader(antispam, engineXml);
 }
 
 bool EFabricScanContext::create_policy_loader(bool antispam, char const* engineXml) {
@@ -108,9 +116,7 @@ EFabricThreadRecord* EFabricScanContext::load_tls_info() {
     }
     if (record->scan_thread) return record;
 
-    s_ScanThreadLock.Acquire();
-    record->scan_thread = loader->createScanThread(default_policy);
-    s_ScanThreadLock.Release();
+    record->scan_thread = MakeScanThread(*loader, default_policy);
     if (record->scan_thread)
         record->scan_thread->SetTimeSource(Clock::getTime);
     else

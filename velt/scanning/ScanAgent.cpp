@@ -1,9 +1,14 @@
 #include <velt/scanning/ScanAgent.h>
 
+#include <velt/Config.h>
+#include <velt/config_details/settings/scanning.h>
+#include <velt/scanning/DebugScanAgent.h>
 #include <velt/scanning/EFabricScanAgent.h>
+#include <velt/scanning/NullScanAgent.h>
 #include <velt/scanning/ScanContext.h>
 
 #include <cstring>
+#include <string_view>
 
 namespace VELT {
 
@@ -11,14 +16,31 @@ ScanAgent* (*ScanAgent::s_ScanAgent)() = nullptr;
 
 ScanAgent* ScanAgent::get() { return s_ScanAgent ? s_ScanAgent() : nullptr; }
 
+// The names are compared as they stand: another spelling is another kind, and every other kind is the real one.
 void ScanAgent::initialise(Config* config) {
     EFabricScanAgent::initialise(config);
-    s_ScanAgent = []() -> ScanAgent* { return EFabricScanAgent::get(); };
+    NullScanAgent::initialise(config);
+    s_ScanAgent = EFabricScanAgent::get;
+    char const* const text = ReadSetting<VELTCFG::scanning::ScannerAgent>(*config).c_str();
+    std::string_view const kind = text ? text : "";
+    if (kind == "debug") {
+        DebugScanAgent::initialise(config);
+        s_ScanAgent = DebugScanAgent::get;
+    }
+    if (kind == "null") s_ScanAgent = NullScanAgent::get;
 }
 
-void ScanAgent::start() { EFabricScanAgent::start(); }
+void ScanAgent::start() {
+    EFabricScanAgent::start();
+    NullScanAgent::start();
+    DebugScanAgent::start();
+}
 
-void ScanAgent::set_time(long now) { EFabricScanAgent::set_time(now); }
+void ScanAgent::set_time(long now) {
+    EFabricScanAgent::set_time(now);
+    NullScanAgent::set_time(now);
+    DebugScanAgent::set_time(now);
+}
 
 void ScanAgent::segv() { EFabricScanAgent::segv(); }
 

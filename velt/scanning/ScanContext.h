@@ -66,7 +66,7 @@ struct VELT_API ScanOutput {
     ScanOutput(ScanOutput const&) = delete;
     ScanOutput& operator=(ScanOutput const&) = delete;
 
-    IScanResultHandler const* result = nullptr;  // the verdict; owned by the derived output
+    IScanResultHandler const* result = nullptr;  // the verdict; owned by the derived output, if there is one
     InternedString identity;
     KORPropertyBag properties;        // as they stand after the scan
     bool output_in_input = false;     // the content after the scan is in the input stream

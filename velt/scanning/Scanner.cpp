@@ -4,11 +4,16 @@
 #include <QXlog/QXlog.h>
 #include <signal.h>
 #include <unistd.h>
+#include <velt/connection/Connection.h>
+#include <velt/errors/Failures.h>
+#include <velt/ldap/LDAPQuery.h>
 #include <velt/lookup/Resolver.h>
 #include <velt/runtime/Clock.h>
+#include <velt/runtime/MemCheck.h>
 #include <velt/runtime/Proxy.h>
 #include <velt/scanning/ScanAgent.h>
 #include <velt/scanning/ScanContext.h>
+#include <velt/scanning/ScannerThread.h>
 #include <velt/streams/TCPStream.h>
 
 #include <cstdlib>
@@ -20,6 +25,8 @@ namespace {
 
 constexpr unsigned kLeastStackForEngines = 0x80000;  // bytes
 constexpr unsigned kFinishSeconds = 2;
+constexpr int kDrainStepMs = 500;
+constexpr int kDrainSteps = 60;
 
 QXStats::QXCounter* s_pInlineScans = nullptr;
 QXStats::QXCounter* s_pNullScans = nullptr;
@@ -50,10 +57,14 @@ void Scanner::initialise(Config* config) {
     Resolver::initialise(config);
     ScanAgent::initialise(config);
     Proxy::CheckStackSize();
+    ScannerWatch::initialise(config);
     ScannerInline::initialise(config);
+    ScannerThread::initialise(config);
     ScannerNull::initialise(config);
     ScannerWrapper::initialise(config);
+    LDAPQuery::initialise(config);
     TCPStream::initialise(config);
+    MemCheck::initialise(config);
 }
 
 void Scanner::start(bool force, bool threaded) {
@@ -62,18 +73,27 @@ void Scanner::start(bool force, bool threaded) {
     ::setpgrp();
     ScanAgent::start();
     ScannerInline::start();
+    ScannerThread::start();
     ScannerNull::start();
     ScannerWrapper::start();
+    ScannerWatch::start();
+    LDAPQuery::start();
     [[maybe_unused]] static Clock* clock = nullptr;  // kept for the life of the process
     clock = new Clock(threaded);
     Resolver::start();
     if (threaded) QXlog::goAsyncEvRep(0);
 }
 
+// A long queue of reports that a slow sink takes one by one is no hang; one that stands still is left to the alarm.
 void Scanner::finish() {
+    QXlog::detail::drain(kDrainStepMs, kDrainSteps);
     struct sigaction action = {};
     action.sa_handler = KillGroup;
     ::sigaction(SIGALRM, &action, nullptr);
+    sigset_t alarmOnly;
+    ::sigemptyset(&alarmOnly);
+    ::sigaddset(&alarmOnly, SIGALRM);
+    ::pthread_sigmask(SIG_UNBLOCK, &alarmOnly, nullptr);  // whoever started this process may have left it blocked
     ::alarm(kFinishSeconds);
     QXlog::detail::noLogging();
     QXlog::shutdownEvRep();
@@ -83,10 +103,17 @@ void Scanner::finish() {
 
 // --- ScannerWrapper ---
 
-ScannerWrapper::ScannerWrapper(ScanContext* scanContext) : inner(ScannerInline::get(scanContext)) {
-    if (!inner) inner = ScannerNull::get(scanContext);
-    set_context(scanContext);
+// A thread that the system refuses is a thread that is not to be had.
+Scanner* ScannerWrapper::Choose(ScanContext* context) {
+    try {
+        if (Scanner* const pooled = ScannerThread::get(context)) return pooled;
+    } catch (FWException<fw_exception_tag::resource> const&) {
+    }
+    if (Scanner* const own = ScannerInline::get(context)) return own;
+    return ScannerNull::get(context);
 }
+
+ScannerWrapper::ScannerWrapper(ScanContext* scanContext) : inner(Choose(scanContext)) { set_context(scanContext); }
 
 ScannerWrapper::~ScannerWrapper() { delete inner; }
 
@@ -110,6 +137,22 @@ bool ScannerWrapper::is_av_enabled() {
 bool ScannerWrapper::is_streaming_media() { return inner->is_streaming_media(); }
 
 // --- ScannerInline ---
+
+namespace {
+
+// The watch over one scan, which also ends with an exception out of an engine.
+class Watched {
+public:
+    Watched(ScannerWatch& watch, Connection* session) : m_watch(watch) { m_watch.startscan(session); }
+    ~Watched() { m_watch.endscan(); }
+    Watched(Watched const&) = delete;
+    Watched& operator=(Watched const&) = delete;
+
+private:
+    ScannerWatch& m_watch;
+};
+
+}  // namespace
 
 bool ScannerInline::s_disabled = false;
 
@@ -141,10 +184,18 @@ int ScannerInline::setup_scan(unsigned int& count) {
 }
 
 int ScannerInline::scan(unsigned int index, ScanOutput*& output, bool fallback) {
-    return agent ? agent->scan(index, output, fallback) : -1;
+    if (!agent) return -1;
+    describe_item({context->policy, index < context->identities.size() ? context->identities[index] : InternedString(),
+                   context->data});
+    Watched const watched(*this, context->connection);
+    return agent->scan(index, output, fallback);
 }
 
 bool ScannerInline::is_streaming_media() { return false; }
+
+void ScannerInline::callbackscan() {
+    if (context->connection) context->connection->ScannerCallback();
+}
 
 // --- ScannerNull ---
 

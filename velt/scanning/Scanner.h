@@ -6,6 +6,7 @@
 #pragma once
 
 #include <velt/Export.h>
+#include <velt/scanning/ScannerWatch.h>
 
 namespace VELT {
 
@@ -54,12 +55,13 @@ public:
 
 private:
     explicit ScannerWrapper(ScanContext* scanContext);
+    static Scanner* Choose(ScanContext* context);
 
     Scanner* inner;  // owned
 };
 
-// Scans on the session's own thread.
-class VELT_API ScannerInline : public Scanner {
+// Scans on the session's own thread, under the watch. setup_scan is not watched.
+class VELT_API ScannerInline : public Scanner, public ScannerWatch {
 public:
     static Scanner* get(ScanContext* context);  // null when disabled
     static void initialise(Config* config);     // disabled when connection threads have a stack too small for engines
@@ -69,6 +71,7 @@ public:
     int setup_scan(unsigned int& count) override;
     int scan(unsigned int index, ScanOutput*& output, bool fallback) override;
     bool is_streaming_media() override;
+    void callbackscan() override;
 
 private:
     ScannerInline();

@@ -2,12 +2,11 @@
 
 #include <QXStats/QXCounter.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <utility>
 
@@ -187,21 +186,6 @@ TEST(ScanChainBeforeStart, AnAgentWithoutAFrameworkScansNothing) {
     EXPECT_TRUE(agent->is_av_scan_enabled(&context, 0));
 }
 
-TEST_F(ScanChain, StartsNothingInTheParentOfAForkedModel) {
-    world.proxy().m_forkedModel = true;
-    world.proxy().m_maxConnections = 2;
-    ::signal(SIGCHLD, SIG_DFL);
-    pid_t const child = ::fork();
-    if (child == 0) {
-        Scanner::start(false, false);
-        ::_exit(::getsid(0) == ::getpid() ? 1 : 0);
-    }
-
-    int status = -1;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-}
-
 // --- Loading the framework ---
 
 TEST_F(EngineAdapter, GivesTheFrameworkItsPathsAndItsBag) {
@@ -254,6 +238,18 @@ TEST_F(EngineAdapter, AFallbackScanRunsTheAntiVirusEngineAloneAndTheNextScanAllA
     auto const again = CallsOf(0, false);
     ASSERT_GE(again.size(), 2u);
     EXPECT_EQ(again[1], "select 1 all");
+}
+
+TEST_F(EngineAdapter, AnEngineThatThrowsLeavesNothingBehind) {
+    script.scan = [](eFabric::IStreamTransport&, eFabric::IStreamTransport*) -> IScanResultHandler const* {
+        throw std::runtime_error("broken engine");
+    };
+    EXPECT_THROW(Scan(0, true), std::runtime_error);
+    EXPECT_EQ(output, nullptr);
+    EXPECT_EQ(script.Calls().back(), "release object");
+    EXPECT_EQ(context.properties.GetProperty("ES_FORCEDHOST"), nullptr);
+    script.scan = nullptr;
+    EXPECT_EQ(Scan(0, false), 0);
 }
 
 TEST_F(EngineAdapter, AFallbackLeavesNoForcedHostBehindWhateverComesOfIt) {

@@ -36,12 +36,16 @@ public:
     void setExternalBag(IKORPropertyBag* bag) { external_bag = bag; }
 
 private:
-    void setBaseSize();
-
     KORPropertyBag bag;
     IKORPropertyBag* external_bag = nullptr;
     ScannerStream* stream;
+
+protected:
+    void setBaseSize();  // from the base; Base_None has elements of no size, and none are read or written then
+
     eFabric::RecommendedBaseType base = eFabric::Base_Byte;
+
+private:
     std::uint16_t base_size = 1;
     bool read_only = false;
     bool modified = false;

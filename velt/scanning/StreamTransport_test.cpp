@@ -96,4 +96,33 @@ TEST_F(StreamTransportTest, AnswersTheExternalBagOnceThereIsOne) {
     EXPECT_TRUE(transport.CanReportLength());
 }
 
+TEST_F(StreamTransportTest, ElementsOfABaseOfNoneHaveNoSize) {
+    struct Open : StreamTransport {
+        using StreamTransport::StreamTransport;
+        void BeNone() {
+            base = eFabric::Base_None;
+            setBaseSize();
+        }
+    } none(stream);
+    none.BeNone();
+    ASSERT_TRUE(none.seek(0));
+    EXPECT_EQ(none.read(buffer, 4), 0u);
+    EXPECT_EQ(none.write(buffer, 4), 0u);
+    EXPECT_EQ(none.tell(), 0u);
+    EXPECT_EQ(none.size(), 16u);
+}
+
+// Cutting at the cursor asks a derived transport for both of its steps.
+TEST_F(StreamTransportTest, CuttingAtTheCursorGoesThroughWhatIsOverridden) {
+    struct Derived : StreamTransport {
+        using StreamTransport::StreamTransport;
+        unsigned long tell() override { return 7; }
+        bool setsize(unsigned long size) override { return asked = size, true; }
+        unsigned long asked = 0;
+    } derived(stream);
+    EXPECT_TRUE(derived.seteof());
+    EXPECT_EQ(derived.asked, 7u);
+    EXPECT_EQ(stream.size(), 16u);
+}
+
 }  // namespace
