@@ -1,5 +1,7 @@
 #include "Channel.h"
 
+#include <sys/socket.h>
+
 #include <cerrno>
 
 #include <velt/streams/TCPStream.h>
@@ -16,6 +18,17 @@ constexpr std::size_t kMaxGathered = 8192;  // bytes of replies that wait for co
 bool Channel::Flush() {
     if (m_replies.empty()) return true;
     int const error = m_stream.write(m_replies.data(), static_cast<unsigned>(m_replies.size()));
+    m_replies.clear();
+    return error == 0;
+}
+
+// Not where input is left unread: closing resets such a connection, and what has not gone by then is lost.
+bool Channel::FlushLast() {
+    char* unread = nullptr;
+    if (m_replies.empty() || m_stream.buffereddata(unread) != 0) return Flush();
+    unsigned sent = 0;
+    int const error =
+        m_stream.SendDataFlagged(m_replies.data(), static_cast<unsigned>(m_replies.size()), MSG_MORE, &sent);
     m_replies.clear();
     return error == 0;
 }

@@ -24,7 +24,8 @@ public:
     explicit Channel(VELT::TCPStream& stream) : m_stream(stream) {}
 
     void Say(Reply const& reply) { m_replies += reply.wire(); }
-    bool Flush();  // false: the client is gone
+    bool Flush();      // false: the client is gone
+    bool FlushLast();  // the same before the stream is closed: the last words and the end share a packet
 
     // The next line, up to its LF and with its CR. It lives until the next operation on the stream. Flushes first
     // unless a line is there already. The whole line has to come within the stream's timeout.

@@ -1,6 +1,8 @@
 #include "Channel.h"
 
 #include <gtest/gtest.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -12,6 +14,7 @@
 #include <velt/streams/TCPStream.h>
 
 #include "Receiver.h"
+#include "testing/Sockets.h"
 
 namespace smtp {
 namespace {
@@ -62,6 +65,50 @@ TEST_F(ClientTalk, AnswersAGroupOfCommandsByOneWrite) {
     ASSERT_EQ(channel.ReadLine(line), Input::Line);
     EXPECT_EQ(line, "THREE\r");
     EXPECT_EQ(ClientHears(), "250 2.0.0 one\r\n250 2.0.0 two\r\n");
+}
+
+// Over the network, where the last words may wait for the end of the connection.
+class LastWords : public ClientTalk {
+protected:
+    void SetUp() override {
+        ClientTalk::SetUp();
+        Leave();
+        velt_testing::Listener listener;
+        m_client = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        ASSERT_EQ(::connect(m_client, velt_testing::Generic(listener.address()), sizeof(sockaddr_in)), 0);
+        m_stream = std::make_unique<VELT::TCPStream>(::accept(listener.fd(), nullptr, nullptr));
+        m_stream->set_timeout(2000);
+    }
+    void SayTheLast(std::string const& input) {
+        Channel channel(*m_stream);
+        ClientSays(input);
+        std::string_view line;
+        ASSERT_EQ(channel.ReadLine(line), Input::Line);
+        channel.Say({221, "2.0.0", "bye"});
+        ASSERT_TRUE(channel.FlushLast());
+    }
+    std::string HeardToTheEnd() {
+        std::string heard;
+        char buffer[256];
+        while (ssize_t const got = ::recv(m_client, buffer, sizeof buffer, 0)) {
+            if (got < 0) return heard + " and a failure";
+            heard.append(buffer, static_cast<std::size_t>(got));
+        }
+        return heard;
+    }
+};
+
+TEST_F(LastWords, ArriveWithTheEnd) {
+    SayTheLast("QUIT\r\n");
+    m_stream.reset();
+    EXPECT_EQ(HeardToTheEnd(), "221 2.0.0 bye\r\n");
+}
+
+TEST_F(LastWords, DoNotWaitForAnEndThatWillLoseThem) {
+    SayTheLast("QUIT\r\nand more\r\n");
+    int heldBack = -1;
+    ASSERT_EQ(::ioctl(m_stream->GetSocket(), SIOCOUTQNSD, &heldBack), 0);
+    EXPECT_EQ(heldBack, 0);
 }
 
 TEST_F(ClientTalk, SkipsALineThatIsTooLongAndGoesOnBehindIt) {

@@ -2,7 +2,6 @@
 
 #include <KORtk/Exception.h>
 #include <QXlog/Names.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 
 #include <algorithm>
@@ -168,17 +167,23 @@ Reply Delivery::Addresses(std::string const& route, std::vector<KORnet::TCPAddr>
     return {250, "", ""};
 }
 
+// A transparent session has one address, and never leads back here.
+bool Delivery::ConnectNext(std::vector<KORnet::TCPAddr> const& addresses, unsigned& next) {
+    unsigned const timeoutMs = VELT::Proxy::s_pProxyInstance->m_connectTimeoutMs;
+    if (m_settings.transparent && m_settings.showsClient) {
+        return next++ < addresses.size() && m_session.ConnectAsClient(timeoutMs);
+    }
+    bool const checkLoop = m_settings.transparent || m_settings.relayHost.empty() || IsOwnPort(m_settings.relayPort);
+    return m_session.Connect(addresses, next, timeoutMs, checkLoop, 0);
+}
+
 // Goes through the addresses until a server greets. A server that is there but refuses mail is passed over too.
 Reply Delivery::Walk(std::vector<KORnet::TCPAddr> const& addresses) {
     Reply last{451, "4.4.1", "next server cannot be reached"};
     VELT::TCPConnection& server = m_session.getServerConnection();
-    bool const checkLoop = m_settings.relayHost.empty() || IsOwnPort(m_settings.relayPort);
-    unsigned const timeoutMs = VELT::Proxy::s_pProxyInstance->m_connectTimeoutMs;
     unsigned next = 0;
     try {
-        while (m_session.Connect(addresses, next, timeoutMs, checkLoop, 0)) {
-            int const on = 1;
-            ::setsockopt(server.m_stream->GetSocket(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        while (ConnectNext(addresses, next)) {
             ++Count().upstreamConnects;
             m_upstream = std::make_unique<Upstream>(*server.m_stream, m_settings.upstream);
             last = m_upstream->Greet(m_settings.greetingName);

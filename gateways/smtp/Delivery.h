@@ -52,6 +52,7 @@ private:
     std::vector<Reply> Send(std::string const& route, Shipment const& shipment);
     Reply Reach(std::string const& route);
     Reply Addresses(std::string const& route, std::vector<KORnet::TCPAddr>& out) const;
+    bool ConnectNext(std::vector<KORnet::TCPAddr> const& addresses, unsigned& next);
     Reply Walk(std::vector<KORnet::TCPAddr> const& addresses);
     bool ClientIsThere();
     void Report(Shipment const& shipment, std::vector<Reply> const& replies) const;

@@ -1,9 +1,11 @@
 // The part of SmtpSession that begins with DATA: receive, scan, deliver, answer.
 #include <KORnet/Addr.h>
 #include <QXlog/Names.h>
+#include <eFabric/SessionNames.h>
 
 #include <algorithm>
 #include <ctime>
+#include <iterator>
 
 #include <velt/streams/TCPStream.h>
 
@@ -35,6 +37,32 @@ Reply ReplyTo(Fault fault) {
         if (row.fault == fault) return row.reply;
     }
     return {};
+}
+
+// What is counted and reported of a scan; in the order of Verdict::Outcome.
+struct ScanOutcome {
+    char const* name;
+    QXStats::QXCounter Counters::*counter;
+    QXlog::Event const* event;  // null: the message's own event tells
+};
+
+ScanOutcome const kOutcomes[] = {
+    {"clean", &Counters::scansClean, nullptr},
+    {"acted", &Counters::scansActed, nullptr},
+    {"failed", &Counters::scansFailed, &events::SCAN_FAILED},
+    {"null", &Counters::scansNull, &events::NOT_SCANNED},
+};
+
+ScanOutcome const& OutcomeOf(Verdict const& verdict) { return kOutcomes[static_cast<std::size_t>(verdict.outcome)]; }
+
+// "clean=1 acted=1": those that there were.
+template <class Numbers>
+KORlog::InfoBag OutcomesBag(Numbers const& numbers) {
+    KORlog::InfoBag bag;
+    for (std::size_t i = 0; i < std::size(kOutcomes); ++i) {
+        if (numbers[i] != 0) bag |= KORlog::Key{kOutcomes[i].name}(static_cast<unsigned long>(numbers[i]));
+    }
+    return bag;
 }
 
 }  // namespace
@@ -101,8 +129,18 @@ void SmtpSession::TakeMessage() {
     Abandon();
 }
 
+void SmtpSession::getConnectionAttributes(IKORPropertyBag* bag) {
+    namespace names = eFabric::session;
+    bag->NewProperty(names::kSender)->SetNarrow(m_message.senderText().c_str());
+    auto* const recipients = bag->NewProperty(names::kRecipients);
+    for (Recipient const& one : m_message.recipients) recipients->AddNarrow(one.address.c_str());
+    bag->NewProperty(names::kClientAddress)->SetNarrow(m_source.m_addressText.c_str());
+    bag->NewProperty(names::kClientName)->SetNarrow(Printable(m_hello).c_str());
+}
+
 Reply SmtpSession::ScanAndDeliver() {
     m_scan.connection = this;
+    m_scan.connection_attributes = new VELT::ScanConnectionAttributes(this);
     m_scan.data = m_message.spool.get();
     std::vector<Verdict> const verdicts = ScanMessage(*this, m_scan);
     ReportVerdicts(verdicts);
@@ -112,29 +150,36 @@ Reply SmtpSession::ScanAndDeliver() {
     return Deliver(verdicts);
 }
 
+// Each scan that was asked for moves one counter; the one that says nothing about the message has one event, too.
 void SmtpSession::ReportVerdicts(std::vector<Verdict> const& verdicts) {
-    auto const noteFailure = [&](char const* identity, std::string const& why) {
-        ++Count().scansFailed;
-        Note(events::SCAN_FAILED, [&](KORlog::InfoBag& bag) {
-            bag |= QXlog::names::QXPROP_SCAN_IDENTITY(identity);
-            bag |= names::FINDING(why);
-        });
-    };
-    if (verdicts.empty()) noteFailure("", "no scanner took the message");
     for (Verdict const& verdict : verdicts) {
-        if (verdict.fate == Verdict::Fate::Defer) noteFailure(verdict.identity.c_str(), verdict.finding);
-        if (verdict.fate != Verdict::Fate::Refuse) continue;
-        m_finding = verdict.finding;
-        std::vector<Recipient> refused;
-        std::copy_if(m_message.recipients.begin(), m_message.recipients.end(), std::back_inserter(refused),
-                     [&](Recipient const& one) { return one.identity == verdict.identity; });
-        for (std::size_t i = 0; i < refused.size(); ++i) ++Count().recipientsRefused;
-        Note(events::RECIPIENTS_REFUSED, [&](KORlog::InfoBag& bag) {
-            bag |= names::RECIPIENTS(ListOf(refused));
-            bag |= names::FINDING(verdict.finding);
-            bag |= QXlog::names::QXPROP_SCAN_IDENTITY(verdict.identity.c_str());
-        });
+        ScanOutcome const& outcome = OutcomeOf(verdict);
+        ++(Count().*outcome.counter);
+        if (verdict.disclaimer && verdict.rewritten) ++Count().disclaimersAdded;
+        ++m_outcomes[static_cast<std::size_t>(verdict.outcome)];
+        if (outcome.event) ReportUnscanned(*outcome.event, verdict);
+        if (verdict.fate == Verdict::Fate::Refuse) ReportRefused(verdict);
     }
+}
+
+void SmtpSession::ReportUnscanned(QXlog::Event const& event, Verdict const& verdict) const {
+    Note(event, [&](KORlog::InfoBag& bag) {
+        bag |= QXlog::names::QXPROP_SCAN_IDENTITY(verdict.identity.c_str());
+        bag |= names::FINDING(verdict.finding);
+    });
+}
+
+void SmtpSession::ReportRefused(Verdict const& verdict) {
+    m_finding = verdict.finding;
+    std::vector<Recipient> refused;
+    std::copy_if(m_message.recipients.begin(), m_message.recipients.end(), std::back_inserter(refused),
+                 [&](Recipient const& one) { return one.identity == verdict.identity; });
+    for (std::size_t i = 0; i < refused.size(); ++i) ++Count().recipientsRefused;
+    Note(events::RECIPIENTS_REFUSED, [&](KORlog::InfoBag& bag) {
+        bag |= names::RECIPIENTS(ListOf(refused));
+        bag |= names::FINDING(verdict.finding);
+        bag |= QXlog::names::QXPROP_SCAN_IDENTITY(verdict.identity.c_str());
+    });
 }
 
 Reply SmtpSession::Deliver(std::vector<Verdict> const& verdicts) {
@@ -190,6 +235,7 @@ void SmtpSession::ReportMessage(Reply const& reply) {
         bag |= names::SENDER(m_message.senderText());
         bag |= names::RECIPIENTS(ListOf(m_message.recipients));
         bag |= names::SIZE(m_message.size);
+        bag |= names::SCANS(OutcomesBag(m_outcomes));
         if (!m_finding.empty()) bag |= names::FINDING(m_finding);
         if (reply.group() != 2) bag |= names::REPLY(OneLine(reply));
     });

@@ -1,7 +1,6 @@
 #include "SmtpSession.h"
 
 #include <KORtk/Exception.h>
-#include <netinet/tcp.h>
 
 #include <algorithm>
 #include <charconv>
@@ -43,9 +42,8 @@ void SmtpSession::InitialiseConnectionClass(bool, VELT::Config&) { Count(); }
 
 void SmtpSession::Start() {
     ++Count().sessions;
-    int const on = 1;
-    ::setsockopt(m_source.m_stream->GetSocket(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     m_settings.emplace(GetConfig());
+    if (m_transparent) m_settings->RelayTo(m_server);
     m_channel.emplace(*m_source.m_stream);
     m_delivery.emplace(*this, *m_settings);
     try {
@@ -55,7 +53,7 @@ void SmtpSession::Start() {
     } catch (KORtk::Exception const&) {
         End({421, "4.3.0", "internal error"});
     }
-    m_channel->Flush();
+    m_lastReply.code == 221 ? m_channel->FlushLast() : m_channel->Flush();
     m_delivery->Close();
     Note(events::SESSION, [&](KORlog::InfoBag& bag) {
         bag |= names::COUNT(m_accepted);
@@ -136,6 +134,7 @@ void SmtpSession::Abandon() {
     m_message = Message{};
     m_scan.Reset();
     m_finding.clear();
+    m_outcomes = {};
 }
 
 void SmtpSession::Ehlo(Command const& command) {

@@ -29,6 +29,7 @@ class SmtpSession : public ReportingSession {
 public:
     void Start() override;
     void InitialiseConnectionClass(bool transparent, VELT::Config& config) override;
+    void getConnectionAttributes(IKORPropertyBag* bag) override;  // the envelope, for the scan engines
 
 private:
     struct VerbRow {
@@ -68,6 +69,8 @@ private:
     Reply Deliver(std::vector<Verdict> const& verdicts);
     Reply TellSender(std::vector<RecipientFate> const& fates, Reply const& accepted);
     void ReportVerdicts(std::vector<Verdict> const& verdicts);
+    void ReportUnscanned(QXlog::Event const& event, Verdict const& verdict) const;
+    void ReportRefused(Verdict const& verdict);
     void ReportMessage(Reply const& reply);
     std::string ReceivedFor() const;
 
@@ -88,7 +91,8 @@ private:
     Reply m_lastReply;
     Message m_message;
     VELT::ScanContext m_scan;
-    std::string m_finding;  // of the last verdict that refused
+    std::string m_finding;                    // of the last verdict that refused
+    std::array<unsigned, 4> m_outcomes = {};  // of the message's scans, by Verdict::Outcome
 };
 
 }  // namespace smtp

@@ -1,5 +1,6 @@
 #include "SmtpSettings.h"
 
+#include <velt/connection/TCPConnection.h>
 #include <velt/runtime/Proxy.h>
 
 #include "core/Reply.h"
@@ -49,6 +50,7 @@ UpstreamTimeouts Timeouts(VELT::Config& config) {
 SessionSettings::SessionSettings(VELT::Config& config)
     : relayHost(Text<S::RelayHost>(config)),
       relayPort(ReadSetting<S::RelayPort>(config)),
+      showsClient(Text<S::TransparentSource>(config) != "gateway"),
       greetingName(OwnName(config)),
       acceptDomains(Patterns(config)),
       deferDifferentIdentity(Text<S::DifferentIdentity>(config) == "defer"),
@@ -66,5 +68,11 @@ SessionSettings::SessionSettings(VELT::Config& config)
       minDataRate(ReadSetting<S::MinDataRate>(config)),
       dataTimeoutMs(Milliseconds<S::DataTimeout>(config)),
       upstream(Timeouts(config)) {}
+
+void SessionSettings::RelayTo(VELT::TCPConnection const& server) {
+    transparent = true;
+    relayHost = server.m_addressText;
+    relayPort = server.m_port;
+}
 
 }  // namespace smtp

@@ -40,6 +40,16 @@ struct defaults_GreetingName {
 };
 using GreetingName = cfg::unbounded<attrname_GreetingName, VELT::CharBuf, defaults_GreetingName>;
 
+struct attrname_TransparentSource {
+    static constexpr SettingText text{"smtp", "TransparentSource", "",
+                                      "Whose address the server sees of an intercepted session: \"client\", or "
+                                      "\"gateway\"."};
+};
+struct defaults_TransparentSource {
+    static constexpr char const* value = "client";
+};
+using TransparentSource = cfg::unbounded<attrname_TransparentSource, VELT::CharBuf, defaults_TransparentSource>;
+
 struct listname_AcceptDomains {
     static constexpr SettingText text{"smtp", "AcceptDomains", "patterns",
                                       "Recipient domains that clients from outside may send to; wildcards * and ?. "
@@ -176,13 +186,17 @@ struct attrname_UpstreamFinalTimeout {
 using UpstreamFinalTimeout =
     cfg::bounded<attrname_UpstreamFinalTimeout, unsigned, cfg::integral_bounds<unsigned, 600, 1, 3600>>;
 
-using Settings =
-    cfg::setting_list<RelayHost, RelayPort, GreetingName, AcceptDomains, DifferentIdentity, RefusedText, UncheckedText,
-                      MaxCommandLine, MaxTextLine, MaxHeaderSize, MaxMessageSize, MaxRecipients, MaxErrors,
-                      MaxIdleCommands, MaxHops, CommandTimeout, DataTimeout, MinDataRate, UpstreamGreetingTimeout,
-                      UpstreamCommandTimeout, UpstreamDataTimeout, UpstreamBlockTimeout, UpstreamFinalTimeout>;
+using Settings = cfg::setting_list<RelayHost, RelayPort, GreetingName, AcceptDomains, DifferentIdentity, RefusedText,
+                                   UncheckedText, MaxCommandLine, MaxTextLine, MaxHeaderSize, MaxMessageSize,
+                                   MaxRecipients, MaxErrors, MaxIdleCommands, MaxHops, CommandTimeout, DataTimeout,
+                                   MinDataRate, UpstreamGreetingTimeout, UpstreamCommandTimeout, UpstreamDataTimeout,
+                                   UpstreamBlockTimeout, UpstreamFinalTimeout, TransparentSource>;
 
 }  // namespace VELTCFG::smtp
+
+namespace VELT {
+class TCPConnection;
+}
 
 namespace smtp {
 
@@ -198,8 +212,13 @@ struct UpstreamTimeouts {
 struct SessionSettings {
     explicit SessionSettings(VELT::Config& config);
 
+    // The session was intercepted on its way to this server: no other one is its relay.
+    void RelayTo(VELT::TCPConnection const& server);
+
     std::string relayHost;
     unsigned short relayPort;
+    bool transparent = false;
+    bool showsClient;  // to the server of a transparent session
     std::string greetingName;
     std::vector<std::string> acceptDomains;
     bool deferDifferentIdentity;

@@ -14,10 +14,12 @@ namespace fs = std::filesystem;
 
 constexpr std::chrono::hours kOldEnough{1};  // longer than any message takes from its first byte to its answer
 
+// A stream without an id has nothing before the suffix.
+bool IsSpoolFile(std::string const& name) { return name.ends_with(".in") || name.ends_with(".out"); }
+
 bool IsStale(fs::directory_entry const& entry) {
     std::error_code error;
-    fs::path const extension = entry.path().extension();
-    if (extension != ".in" && extension != ".out") return false;
+    if (!IsSpoolFile(entry.path().filename())) return false;
     if (!entry.is_regular_file(error) || entry.is_symlink(error)) return false;
     auto const written = entry.last_write_time(error);
     return !error && fs::file_time_type::clock::now() - written > kOldEnough;

@@ -35,6 +35,7 @@ protected:
 TEST_F(Sweeping, RemovesOldSpoolFilesAndNothingElse) {
     File("old.in", minutes(90));
     File("old.out", minutes(90));
+    File(".in", minutes(90));
     File("young.in", minutes(30));
     File("old.txt", minutes(90));
     fs::create_directory(m_folder / "segv");
@@ -42,6 +43,7 @@ TEST_F(Sweeping, RemovesOldSpoolFilesAndNothingElse) {
     SweepSpool(m_folder.string());
     EXPECT_FALSE(Exists("old.in"));
     EXPECT_FALSE(Exists("old.out"));
+    EXPECT_FALSE(Exists(".in"));
     for (char const* kept : {"young.in", "old.txt", "segv", "link.in"}) EXPECT_TRUE(Exists(kept)) << kept;
 }
 

@@ -1,5 +1,7 @@
 #include "Upstream.h"
 
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <memory>
@@ -116,8 +118,9 @@ bool Upstream::alive() {
     return m_usable && m_stream.IsStillConnected() && m_stream.buffereddata(data) == 0;
 }
 
+// The stream is closed next: the word and the end share a packet.
 void Upstream::Quit() {
-    if (m_usable) m_stream.SendDataNonBlocked("QUIT\r\n", 6);
+    if (m_usable) ::send(m_stream.GetSocket(), "QUIT\r\n", 6, MSG_DONTWAIT | MSG_NOSIGNAL | MSG_MORE);
     m_usable = false;
 }
 

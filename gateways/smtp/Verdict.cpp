@@ -1,20 +1,27 @@
 #include "Verdict.h"
 
+#include <cxxabi.h>
 #include <eFabric/Result.h>
 
 #include <algorithm>
+#include <exception>
 #include <iterator>
+#include <new>
 #include <string_view>
+#include <typeinfo>
 
 #include <velt/connection/Connection.h>
 #include <velt/results/ProcessScanResult.h>
 #include <velt/scanning/Scanner.h>
 #include <velt/streams/ScannerStream.h>
 
+#include "SmtpCounters.h"
 #include "core/Reply.h"
 
 namespace smtp {
 namespace {
+
+using Outcome = Verdict::Outcome;
 
 struct ActionRow {
     std::string_view action;
@@ -36,8 +43,11 @@ ActionRow const* FindAction(std::string_view action) {
     return row == std::end(kActions) ? nullptr : row;
 }
 
+constexpr long kDisclaimerAdded = 5;
+
 struct Findings {
     bool scannerFailed = false;
+    bool disclaimer = false;
     std::string text;
 };
 
@@ -46,23 +56,32 @@ std::string TextOf(VELT::ScannerData const& data) {
     return data.className ? Printable(*data.className) : "unnamed finding";
 }
 
-// Lets the library count and report every result, and takes the name of the one that decided.
+// Lets the library count and report a result, and takes its name if it is the one that decided.
+void ReadResult(VELT::Connection& session, VELT::ScanOutput const& output, IKORScanResult const* one,
+                Findings& findings) {
+    VELT::ScannerData data;
+    bool const processed =
+        VELT::ProcessScanResult().ProcessScannerTypes(session, output.identity.c_str(), one, data, true);
+    // An error that the library only reports is one all the same: that engine has not looked.
+    findings.disclaimer |= data.infoType == kDisclaimerAdded;
+    if (!processed || one->GetScanErrorStatus()) {
+        findings.scannerFailed = true;
+    } else if (one == output.result->GetMasterScanResult() || findings.text.empty()) {
+        findings.text = TextOf(data);
+    }
+}
+
+// A verdict in its text form has the result that decided beside the others, engines have it among them.
 Findings ReadResults(VELT::Connection& session, VELT::ScanOutput const& output) {
     Findings findings;
-    VELT::ProcessScanResult process;
-    IKORScanResult const* const master = output.result->GetMasterScanResult();
+    IKORScanResult const* unread = output.result->GetMasterScanResult();
     long position = 0;
     for (IKORScanResult const* one = output.result->FindFirstScanResult(position); one;
          one = output.result->FindNextScanResult(position)) {
-        VELT::ScannerData data;
-        bool const processed = process.ProcessScannerTypes(session, output.identity.c_str(), one, data, true);
-        // An error that the library only reports is one all the same: that engine has not looked.
-        if (!processed || one->GetScanErrorStatus()) {
-            findings.scannerFailed = true;
-        } else if (one == master || findings.text.empty()) {
-            findings.text = TextOf(data);
-        }
+        ReadResult(session, output, one, findings);
+        if (one == unread) unread = nullptr;
     }
+    if (unread) ReadResult(session, output, unread, findings);
     return findings;
 }
 
@@ -71,10 +90,12 @@ void Settle(Verdict& verdict, Verdict::Fate fate, std::string finding) {
     verdict.finding = std::move(finding);
 }
 
+bool IsRewritten(VELT::ScanOutput const& output) { return output.result->IsModified() || output.input_modified; }
+
 // The content that goes on. A rewriting action without rewritten content must not let the original through.
 void TakeContent(Verdict& verdict, bool mustBeRewritten) {
     VELT::ScanOutput const& output = *verdict.output;
-    bool const rewritten = output.result->IsModified() || output.input_modified;
+    bool const rewritten = IsRewritten(output);
     if (rewritten && output.output && output.output->size()) verdict.rewritten = output.output;
     if (rewritten != (verdict.rewritten != nullptr)) {
         Settle(verdict, Verdict::Fate::Defer, "rewritten message is missing");
@@ -83,12 +104,44 @@ void TakeContent(Verdict& verdict, bool mustBeRewritten) {
     }
 }
 
+bool HasFinding(VELT::ScanOutput const& output) {
+    char const* const action = output.result->GetMasterActionCode();
+    return (action && *action) || output.result->IsTriggered();
+}
+
+// An agent that looks at nothing gives a result without a word, and no content. Engines give content at least.
+bool SaysNothing(VELT::ScanOutput const& output) {
+    long position = 0;
+    return !output.output && !HasFinding(output) && !IsRewritten(output) && !output.result->GetMasterScanResult() &&
+           !output.result->FindFirstScanResult(position);
+}
+
+// What there is to judge: the verdict of somebody who has looked, by the policy of this identity.
+bool IsVerdict(Verdict& verdict) {
+    VELT::ScanOutput const* const output = verdict.output.get();
+    if (!output || !output->result) {
+        Settle(verdict, Verdict::Fate::Defer, "no verdict");
+    } else if (SaysNothing(*output)) {
+        Settle(verdict, Verdict::Fate::Defer, "nobody looked at the message");
+        verdict.outcome = Outcome::Null;
+    } else if (!(output->identity == verdict.identity)) {
+        Settle(verdict, Verdict::Fate::Defer, "verdict for another identity");
+    } else {
+        return true;
+    }
+    return false;
+}
+
 void Judge(VELT::Connection& session, Verdict& verdict) {
-    if (!verdict.output || !verdict.output->result) return Settle(verdict, Verdict::Fate::Defer, "no verdict");
+    if (!IsVerdict(verdict)) return;
     Findings const findings = ReadResults(session, *verdict.output);
     char const* const action = verdict.output->result->GetMasterActionCode();
     verdict.finding = findings.text;
     verdict.fate = action && *action ? FateOfAction(action) : Verdict::Fate::Pass;
+    verdict.disclaimer = findings.disclaimer;
+    // What every mail is given is no finding.
+    bool const changed = IsRewritten(*verdict.output) && !findings.disclaimer;
+    if (HasFinding(*verdict.output) || changed) verdict.outcome = Outcome::Acted;
     if (verdict.fate == Verdict::Fate::Refuse) return;
     if (findings.scannerFailed) return Settle(verdict, Verdict::Fate::Defer, "scan engine reported an error");
     if (verdict.fate == Verdict::Fate::Defer) {
@@ -101,11 +154,22 @@ void Judge(VELT::Connection& session, Verdict& verdict) {
     TakeContent(verdict, row && row->rewrites);
 }
 
+// An output in the hands of a scanner, which may delete it, replace it or throw.
+struct LentOutput {
+    using Owner = decltype(Verdict::output);
+
+    explicit LentOutput(Owner& owner) : home(owner), output(owner.release()) {}
+    ~LentOutput() { home.reset(output); }
+    LentOutput(LentOutput const&) = delete;
+    LentOutput& operator=(LentOutput const&) = delete;
+
+    Owner& home;
+    VELT::ScanOutput* output;
+};
+
 bool ScanOnce(VELT::Scanner& scanner, unsigned index, Verdict& verdict, bool fallback) {
-    VELT::ScanOutput* output = verdict.output.release();  // a fallback deletes the output it is given
-    int const result = scanner.scan(index, output, fallback);
-    verdict.output.reset(output);
-    return result == 0 && output;
+    LentOutput lent(verdict.output);
+    return scanner.scan(index, lent.output, fallback) == 0 && lent.output;
 }
 
 // The engines gave up on a message that is too large or too deep: the signatures look at it as it is. What they find
@@ -115,6 +179,7 @@ void Fallback(VELT::Connection& session, VELT::Scanner& scanner, unsigned index,
     Verdict::Fate const limitFate = verdict.rewritten ? Verdict::Fate::Refuse : verdict.fate;
     std::string const limitFinding = verdict.finding;
     verdict.rewritten = nullptr;
+    verdict.output.reset();  // one scanner would delete it, another lose it
     if (!ScanOnce(scanner, index, verdict, true)) return Settle(verdict, Verdict::Fate::Defer, "fallback scan failed");
     Judge(session, verdict);
     if (verdict.fate == Verdict::Fate::Pass && limitFate != Verdict::Fate::Pass)
@@ -129,22 +194,79 @@ void ScanIdentity(VELT::Connection& session, VELT::Scanner& scanner, unsigned in
     Judge(session, verdict);
 }
 
+// Runs a step of a scan. What it throws is a failure of that scan, and of nothing else.
+template <class Step>
+void Guarded(Verdict& verdict, Step&& step) {
+    try {
+        step();
+    } catch (abi::__forced_unwind&) {  // the thread is being cancelled
+        throw;
+    } catch (std::bad_alloc const&) {
+        Settle(verdict, Verdict::Fate::Defer, "out of memory");
+    } catch (std::exception const& failure) {
+        Settle(verdict, Verdict::Fate::Defer, "scan failed: " + Printable(failure.what()));
+    } catch (...) {
+        Settle(verdict, Verdict::Fate::Defer, "scan failed");
+    }
+}
+
+// A finding whose action has the client try again is a scan that failed.
+void SetOutcome(Verdict& verdict) {
+    if (verdict.fate == Verdict::Fate::Defer) {
+        if (verdict.outcome != Outcome::Null) verdict.outcome = Outcome::Failed;
+        verdict.rewritten = nullptr;
+    } else if (verdict.outcome != Outcome::Acted) {
+        verdict.outcome = Outcome::Clean;
+    }
+}
+
+// As many of the context's identities, from the first on, as one scanner takes. None: nobody would scan.
+unsigned ScanSome(VELT::Connection& session, VELT::ScanContext& context, Verdict* verdicts) {
+    std::unique_ptr<VELT::Scanner> const scanner(VELT::Scanner::get(&context));
+    unsigned count = 0;
+    if (!scanner || scanner->setup_scan(count) != 0 || count > context.identities.size()) return 0;
+    for (unsigned index = 0; index < count; ++index) {
+        verdicts[index].outcome = Outcome::Failed;  // until something can be said
+        Guarded(verdicts[index], [&] { ScanIdentity(session, *scanner, index, verdicts[index]); });
+        SetOutcome(verdicts[index]);
+    }
+    return count;
+}
+
 }  // namespace
+
+void Verdict::Drop::operator()(VELT::ScanOutput* output) const {
+    if (output && typeid(*output) == typeid(VELT::ScanOutput)) {
+        delete output->result;
+        delete output->output;
+    }
+    delete output;
+}
 
 Verdict::Fate FateOfAction(char const* action) {
     ActionRow const* const row = FindAction(action);
     return row ? row->fate : Verdict::Fate::Defer;
 }
 
+// A scanner may take one identity only: the next ones have a scanner of their own.
 std::vector<Verdict> ScanMessage(VELT::Connection& session, VELT::ScanContext& context) {
-    std::unique_ptr<VELT::Scanner> const scanner(VELT::Scanner::get(&context));
-    unsigned count = 0;
-    if (!scanner || scanner->setup_scan(count) != 0 || count != context.identities.size()) return {};
-    std::vector<Verdict> verdicts(count);
-    for (unsigned index = 0; index < count; ++index) {
-        verdicts[index].identity = context.identities[index];
-        ScanIdentity(session, *scanner, index, verdicts[index]);
+    std::vector<InternedString> const identities = context.identities;
+    std::vector<Verdict> verdicts(identities.size());
+    for (std::size_t i = 0; i < verdicts.size(); ++i) {
+        verdicts[i].identity = identities[i];
+        ++Count().scansAsked;
     }
+    std::size_t done = 0;
+    Verdict rest;
+    rest.finding = "no scanner took the message";
+    Guarded(rest, [&] {
+        for (unsigned count = 1; count != 0 && done < verdicts.size(); done += count) {
+            context.identities.assign(identities.begin() + static_cast<std::ptrdiff_t>(done), identities.end());
+            count = ScanSome(session, context, &verdicts[done]);
+        }
+    });
+    context.identities = identities;
+    for (; done < verdicts.size(); ++done) Settle(verdicts[done], rest.fate, rest.finding);
     return verdicts;
 }
 
