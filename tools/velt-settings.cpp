@@ -6,9 +6,13 @@
 #include <gateways/smtp/SmtpSettings.h>
 #include <velt/config_details/listing.h>
 #include <velt/config_details/settings/connection.h>
+#include <velt/config_details/settings/debug_scan_agent.h>
+#include <velt/config_details/settings/logretryer.h>
 #include <velt/config_details/settings/network.h>
 #include <velt/config_details/settings/process.h>
+#include <velt/config_details/settings/quarantineretryer.h>
 #include <velt/config_details/settings/scanning.h>
+#include <velt/config_details/settings/smtpretryer.h>
 
 namespace {
 
@@ -45,7 +49,8 @@ void PrintHead() {
                  "A setting stands in the policy store under a policy, a section and a key. Policy `base` is one for "
                  "all; the others have an `_in` and an `_out` form, by the direction of the session.\n\n"
                  "An absent setting, and one that cannot be converted, is its default. A number outside its range is "
-                 "the nearer end of the range. A list that is absent is empty. Nothing of this is reported.\n";
+                 "the nearer end of the range. A list that is absent is empty. Nothing of this is reported; "
+                 "`velt-policy check` tells of it.\n";
 }
 
 }  // namespace
@@ -53,9 +58,13 @@ void PrintHead() {
 int main() {
     PrintHead();
     PrintSection("connection", Describe(VELTCFG::connection::Settings{}));
+    PrintSection("debug_scan_agent", Describe(VELTCFG::debug_scan_agent::Settings{}));
+    PrintSection("logretryer", Describe(VELTCFG::logretryer::Settings{}));
     PrintSection("network", Describe(VELTCFG::network::Settings{}));
     PrintSection("process", Describe(VELTCFG::process::Settings{}));
+    PrintSection("quarantineretryer", Describe(VELTCFG::quarantineretryer::Settings{}));
     PrintSection("scanning", Describe(VELTCFG::scanning::Settings{}));
     PrintSection("smtp", Describe(VELTCFG::smtp::Settings{}));
+    PrintSection("smtpretryer", Describe(VELTCFG::smtpretryer::Settings{}));
     return std::cout.flush() ? 0 : 1;
 }
