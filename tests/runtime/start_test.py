@@ -35,7 +35,7 @@ class Start(echo_case.EchoCase):
             self.configure(settings)
             self.launch()
             self.wait_event(10000, 54)
-            failures = self.events(10001, 60)
+            failures = self.wait_event(10001, 60)
             self.assertEqual(len(failures), 1)
             self.assertEqual(failures[0]["values"]["velt_listen_port"], busy)
             self.assertEqual(failures[0]["values"]["velt_socket_operation"], "bind")
@@ -55,7 +55,7 @@ class Start(echo_case.EchoCase):
 
     def test_unknown_user_is_reported_and_the_daemon_runs_on_as_it_was(self):
         daemon = self.start(process={"UserId": "nobody-of-this-name", "GroupId": "nor-of-this"})
-        self.assertEqual(self.events(10000, 56)[0]["values"]["velt_id"], "nobody-of-this-name")
+        self.assertEqual(self.wait_event(10000, 56)[0]["values"]["velt_id"], "nobody-of-this-name")
         self.assertEqual(self.events(10000, 57) + self.events(10000, 58), [])
         self.assertEqual(os.stat(f"/proc/{daemon.workers()[0]}").st_uid, os.getuid())
 
@@ -91,7 +91,7 @@ class Start(echo_case.EchoCase):
         identities = '<identities version="1">\n  <identity name="staff">{}</identity>\n</identities>\n'
         rules = '<rules version="1"><policy name="content_in"><identity name="staff"/></policy></rules>\n'
         for expression, report in (('eto IS "a" and', r"identities\.xml:2:40: the expression ends"),
-                                   ('eto IS "regex:("', r"identities\.xml:2:3: identity 'staff' has a value")):
+                                   ('eto IS "regex:("', r"identities\.xml:2:26: identity 'staff' has a value")):
             with self.subTest(expression):
                 self.configure({}, rules=rules)
                 self.root.write("identities.xml", identities.format(expression))
@@ -156,42 +156,26 @@ class Service(echo_case.EchoCase):
     """Without -d the daemon detaches: launcher, supervisor, monitor, workers."""
 
     def start_service(self):
-        daemon = self.start(options=())
-        self.assertEqual(daemon.wait(), 0)
-        return daemon
-
-    def parent_of(self, pid):
-        with open(f"/proc/{pid}/stat") as stat:
-            return int(stat.read().rsplit(")", 1)[1].split()[1])
-
-    def monitor(self, worker):
-        return self.parent_of(worker)
-
-    def end_service(self, supervisor, monitor):
-        os.kill(supervisor, signal.SIGKILL)
-        os.kill(monitor, signal.SIGHUP)
-        self.wait_all_gone()
+        self.assertEqual(self.start(options=()).wait(), 0)
 
     def test_launcher_leaves_and_the_service_serves(self):
         self.start_service()
-        worker = self.events(10000, 54)[0]["values"]["velt_pid"]
-        monitor = self.parent_of(worker)
-        supervisor = self.parent_of(monitor)
         with self.connect() as client:
             self.assertEqual(client.ask("hello"), "hello")
-        self.assertEqual(os.readlink(f"/proc/{monitor}/fd/0"), "/dev/null")
-        self.end_service(supervisor, monitor)
+        self.assertEqual(os.readlink(f"/proc/{self.monitor()}/fd/0"), "/dev/null")
+        self.stop_service()
 
     def test_hangup_of_the_monitor_restarts_the_service(self):
         self.start_service()
-        worker = self.events(10000, 54)[0]["values"]["velt_pid"]
-        monitor = self.parent_of(worker)
-        supervisor = self.parent_of(monitor)
+        monitor, workers = self.monitor(), self.workers()
+        self.expect_end(monitor)
         os.kill(monitor, signal.SIGHUP)
         self.wait_event(10000, 46, count=2)
         self.wait_event(10000, 54, count=2)
-        worker = self.events(10000, 54)[1]["values"]["velt_pid"]
-        self.end_service(supervisor, self.parent_of(worker))
+        self.wait_gone(workers[0])
+        self.assertEqual(harness.process_fields(self.monitor())[1], self.supervisor())
+        self.assertEqual(harness.process_fields(self.wait_worker()[0])[1], self.monitor())
+        self.stop_service()
 
 
 if __name__ == "__main__":

@@ -79,16 +79,44 @@ class Workers(echo_case.EchoCase):
             load.wait_done(10)
         self.assertEqual(load.errors, [])
 
+    def test_worker_above_its_memory_limit_is_replaced_and_cuts_no_session(self):
+        self.start(network={"MaxConnections": 8}, process={"MemoryLimit": 1, "MemoryLimitRate": 1})
+        with echo_case.Load(self.port) as load:
+            self.wait_event(10000, 70, count=2)
+            load.wait_done(10)
+        self.assertEqual(load.errors, [])
+        first = self.events(10000, 54)[0]["values"]["velt_pid"]
+        retired = harness.wait_until(lambda: [one for one in self.events(10000, 70) if one["pid"] == first],
+                                     "what the first worker says at its end")[0]
+        self.assertEqual(retired["values"]["velt_memory_size_limit"], 1)
+        self.assertGreater(retired["values"]["velt_memory_size"], 1)
+
     def test_session_of_a_retiring_worker_runs_on_beside_its_replacement(self):
         self.start(network={"MaxConnections": 8}, process={"ProxyRefreshRate": 1})
         with self.connect() as old:
             self.assertEqual(old.ask("one"), "one")
             with self.connect() as second:
                 self.assertEqual(second.ask("two"), "two")
+            self.wait_event(10000, 71)
             self.wait_event(10000, 54, count=2)
             with self.connect() as new:
                 self.assertEqual(new.ask("three"), "three")
             self.assertEqual(old.ask("still here"), "still here")
+
+    def test_no_client_waits_in_one_worker_while_another_has_a_free_thread(self):
+        self.start(network={"AcceptCount": 3, "MaxConnections": 8}, process={"PermThreads": 8})
+        self.wait_until_all_accept()
+        clients = [self.connect() for _ in range(12)]
+        for number, client in enumerate(clients):
+            self.assertEqual(client.ask(f"client {number}"), f"client {number}")
+
+    def wait_until_all_accept(self):
+        """Until each worker has served somebody: it reports its start before it accepts."""
+        def all_served():
+            with self.connect() as client:
+                self.assertEqual(client.ask("who"), "who")
+            return {event["pid"] for event in self.events(10003, 68)} >= set(self.workers())
+        harness.wait_until(all_served, "a session of each worker")
 
     def _refused(self):
         try:

@@ -2,7 +2,9 @@
 import random
 import unittest
 
-from smtp_case import BOARD, DELIVERED, EICAR, NOTIFIED, NOT_NOTIFIED, PHRASE, REFUSED, SENDER, STAFF, SmtpCase, body, nested, with_attachment
+from smtp_case import (BOARD, CLEANED, DEFERRED, DELIVERED, EICAR, FAILED, FILE_HIT, NOTIFIED, NOT_NOTIFIED, PHRASE,
+                       POLICY_REFUSED, REFUSED, RULE_HIT, SCAN_FAILED, SENDER, STAFF, VIRUS, SmtpCase, body, nested,
+                       with_attachment, zipped)
 
 
 class Delivery(SmtpCase):
@@ -65,6 +67,7 @@ class Delivery(SmtpCase):
 
     def test_eight_bit_mail_is_declared_and_not_forced_on_a_server_that_takes_none(self):
         self.begin()
+        self.provokes(FAILED, REFUSED)
         content = b"Subject: x\r\n\r\ngr\xc3\xbc\xc3\x9f\r\n"
         self.assertRegex(self.client().mail(content), r"^250 ")
         self.assertIn("BODY=8BITMIME", self.sink.wait_messages(1)[0].parameters)
@@ -73,11 +76,26 @@ class Delivery(SmtpCase):
 
     def test_a_finding_refuses_the_message_by_name_and_audit_id(self):
         self.begin()
+        self.provokes(VIRUS, POLICY_REFUSED)
         reply = self.client().mail(body(EICAR))
         self.assertRegex(reply, r"^554 5\.7\.1 .*EICAR")
         event = self.noted(REFUSED)[0]
         self.assertIn(event["values"]["audit_id"], reply)
         self.assertEqual(self.sink.messages, [])
+
+    def test_a_finding_in_an_archive_refuses_the_message_and_a_clean_archive_arrives_as_it_was(self):
+        self.begin()
+        self.provokes(VIRUS, POLICY_REFUSED, REFUSED)
+        self.assertRegex(self.client().mail(with_attachment(zipped(zipped(EICAR, "in.zip")))), r"^554 5\.7\.1 .*EICAR")
+        content = with_attachment(zipped("hello" * 1000))
+        self.assertRegex(self.client().mail(content), r"^250 ")
+        self.assertEqual(self.content_of(self.sink.wait_messages(1)[0]), content)
+
+    def test_an_archive_that_cannot_be_read_refuses_the_message(self):
+        self.begin()
+        self.provokes(FILE_HIT, POLICY_REFUSED, REFUSED)
+        archive = zipped("".join(map(str, range(2000))))
+        self.assertRegex(self.client().mail(with_attachment(archive[:len(archive) // 2])), r"^554 5\.7\.1 ")
 
     def test_one_scan_and_one_transaction_serve_all_recipients_of_the_same_content(self):
         self.begin()
@@ -88,6 +106,7 @@ class Delivery(SmtpCase):
 class TwoIdentities(SmtpCase):
     def test_some_get_the_message_and_the_sender_is_told_of_the_others(self):
         self.begin()
+        self.provokes(RULE_HIT, POLICY_REFUSED)
         content = body(f"News of {PHRASE}.")
         self.assertRegex(self.client().mail(content, [STAFF, BOARD]), r"^250 ")
         mail, report = self.sink.wait_messages(2)
@@ -102,17 +121,20 @@ class TwoIdentities(SmtpCase):
 
     def test_the_empty_sender_gets_no_notification(self):
         self.begin()
+        self.provokes(RULE_HIT, POLICY_REFUSED)
         self.assertRegex(self.client().mail(body(PHRASE), [STAFF, BOARD], sender=""), r"^250 ")
         self.noted(NOT_NOTIFIED)
         self.assertEqual([one.recipients for one in self.sink.messages], [[BOARD]])
 
     def test_all_refused_is_a_refusal(self):
         self.begin()
+        self.provokes(VIRUS, POLICY_REFUSED, REFUSED)
         self.assertRegex(self.client().mail(body(EICAR), [STAFF, BOARD]), r"^554 5\.7\.1 ")
         self.assertEqual(self.sink.messages, [])
 
     def test_defer_gives_each_identity_a_transaction_of_its_own(self):
         self.begin(smtp={"DifferentIdentity": "defer"})
+        self.provokes(RULE_HIT, POLICY_REFUSED, REFUSED)
         client = self.client()
         client.hello()
         replies = client.envelope([STAFF, BOARD, "dora@inside.example"])
@@ -128,6 +150,7 @@ class Rewritten(SmtpCase):
 
     def test_what_the_engine_rewrote_goes_on_in_the_form_of_smtp(self):
         self.begin()
+        self.provokes(CLEANED)
         self.assertRegex(self.client().mail(with_attachment(EICAR), [STAFF, BOARD]), r"^250 ")
         for stored in self.sink.wait_messages(1):
             self.assertNotIn(b"WDVPIVAlQEFQ", stored.content)
@@ -139,6 +162,7 @@ class Rewritten(SmtpCase):
 class TooDeep(SmtpCase):
     def test_the_action_of_the_limit_decides_when_the_signatures_find_nothing(self):
         self.begin()
+        self.provokes(FILE_HIT, POLICY_REFUSED, REFUSED)
         self.assertRegex(self.client().mail(nested(2)), r"^250 ")
         self.assertRegex(self.client().mail(nested(12)), r"^554 5\.7\.1 ")
         self.assertEqual(len(self.sink.messages), 1)
@@ -149,6 +173,7 @@ class TooDeepButLogged(SmtpCase):
 
     def test_what_the_signatures_find_decides(self):
         self.begin()
+        self.provokes(FILE_HIT, VIRUS, POLICY_REFUSED, REFUSED)
         self.assertRegex(self.client().mail(nested(12)), r"^250 ")
         self.assertRegex(self.client().mail(nested(12, EICAR)), r"^554 5\.7\.1 .*EICAR")
         self.assertEqual(len(self.sink.messages), 1)
@@ -159,6 +184,7 @@ class LoggedOnly(SmtpCase):
 
     def test_an_action_that_only_logs_lets_the_message_pass(self):
         self.begin()
+        self.provokes(RULE_HIT)
         content = body(PHRASE)
         self.assertRegex(self.client().mail(content), r"^250 ")
         self.assertEqual(self.content_of(self.sink.wait_messages(1)[0]), content)
@@ -169,6 +195,7 @@ class UnknownAction(SmtpCase):
 
     def test_an_action_that_nobody_knows_lets_nothing_pass(self):
         self.begin()
+        self.provokes(RULE_HIT, SCAN_FAILED, DEFERRED)
         self.assertRegex(self.client().mail(body(PHRASE)), r"^451 4\.7\.1 ")
         self.assertEqual(self.sink.messages, [])
 

@@ -1,15 +1,13 @@
 """Clients and next servers that mean harm, or that nobody thought of."""
 import contextlib
-import os
 import shutil
-import signal
 import socket
 import threading
 import unittest
 
 import harness
-from smtp_case import (BOARD, EICAR, GONE, PHRASE, REFUSED, SCAN_FAILED, SENDER, SPOOL_FAILED, STAFF, SmtpCase, body,
-                       with_attachment)
+from smtp_case import (BOARD, CLEANED, DEFERRED, EICAR, ENGINE_FAILED, FAILED, GONE, PHRASE, POLICY_REFUSED, REFUSED,
+                       RULE_HIT, SCAN_FAILED, SENDER, SPOOL_FAILED, STAFF, VIRUS, SmtpCase, body, with_attachment)
 
 
 def reset(client):
@@ -35,11 +33,13 @@ class Flood(SmtpCase):
 
     def test_a_slow_command_ends_when_its_time_is_over(self):
         self.begin(smtp={"CommandTimeout": 1})
+        self.provokes(GONE)
         client = self.client()
         self.assertRegex(self.drip(client, "N"), r"^421 4\.4\.2 ")
 
     def test_a_slow_message_ends_when_its_time_is_over(self):
         self.begin(smtp={"DataTimeout": 1})
+        self.provokes(GONE)
         client = self.client()
         client.hello()
         client.envelope()
@@ -122,6 +122,7 @@ class Edges(SmtpCase):
 class Gone(SmtpCase):
     def test_a_client_that_resets_before_the_answer_will_come_again_and_gets_nothing_twice(self):
         self.begin()
+        self.provokes(FAILED, DEFERRED)
         client = self.client()
 
         def meanwhile(_):
@@ -151,11 +152,13 @@ class Gone(SmtpCase):
 class NextServer(SmtpCase):
     def test_it_greets_byte_by_byte(self):
         self.begin(smtp={"UpstreamGreetingTimeout": 1})
+        self.provokes(FAILED, DEFERRED)
         self.serve(lambda connection, ended: self.drip(connection, ended, b"2"))
         self.assertRegex(self.client().mail(), r"^451 4\.4\.2 ")
 
     def test_it_greets_without_end(self):
         self.begin(smtp={"UpstreamGreetingTimeout": 1})
+        self.provokes(FAILED, DEFERRED)
         self.serve(lambda connection, ended: self.drip(connection, ended, b"220-" + b"x" * 100 + b"\r\n", 0))
         self.assertRegex(self.client().mail(), r"^451 4\.[45]\.[02] ")
 
@@ -179,6 +182,7 @@ class NextServer(SmtpCase):
 
     def test_its_name_is_unknown(self):
         self.begin(smtp={"RelayHost": "no-such-host.invalid"})
+        self.provokes(FAILED, DEFERRED)
         self.assertRegex(self.client().mail(), r"^451 4\.4\.3 ")
         self.assert_nothing_left()
 
@@ -199,6 +203,7 @@ class Routed(SmtpCase):
 class Spool(SmtpCase):
     def test_a_directory_that_is_gone_defers_and_the_gateway_goes_on(self):
         self.begin(scanning={"MaxScanMem": 1})
+        self.provokes(DEFERRED)
         folder = self.root.path / "scandir" / self.proxy
         shutil.rmtree(folder, ignore_errors=True)
         (self.root.path / "scandir").rename(self.root.path / "away")
@@ -220,6 +225,7 @@ class BadRule(SmtpCase):
 
     def test_a_rule_that_cannot_be_used_defers_all_that_it_would_judge(self):
         self.begin()
+        self.provokes(ENGINE_FAILED, DEFERRED)
         self.assertRegex(self.client().mail(), r"^451 4\.7\.1 ")
         self.noted(SCAN_FAILED)
         self.assertRegex(self.client().mail(recipients=[STAFF, BOARD]), r"^451 4\.7\.1 ")
@@ -235,6 +241,7 @@ class LongTexts(SmtpCase):
 
     def test_the_audit_id_stands_in_the_answer_all_the_same(self):
         self.begin(smtp={"RefusedText": "r" * 300})
+        self.provokes(RULE_HIT, POLICY_REFUSED)
         reply = self.client().mail(body(PHRASE))
         self.assertRegex(reply, r"^554 5\.7\.1 r+: n+ \([0-9A-Za-z-]+\)$")
         self.assertLessEqual(len(reply), 510)
@@ -246,6 +253,7 @@ class Cleaned(SmtpCase):
 
     def test_what_can_be_taken_out_is_and_what_cannot_is_refused(self):
         self.begin()
+        self.provokes(CLEANED, VIRUS, POLICY_REFUSED, REFUSED)
         self.assertRegex(self.client().mail(with_attachment(EICAR)), r"^250 ")
         stored = self.sink.wait_messages(1)[0]
         self.assertNotIn(b"WDVPIVAlQEFQ", stored.content)
@@ -256,7 +264,7 @@ class Cleaned(SmtpCase):
 
 class Killed(SmtpCase):
     def test_the_port_never_refuses_while_workers_are_killed(self):
-        daemon = self.begin(network={"AcceptCount": 2})
+        self.begin(network={"AcceptCount": 2})
         stop, refused, served = threading.Event(), [], []
 
         def load():
@@ -275,10 +283,9 @@ class Killed(SmtpCase):
             thread.start()
         try:
             for _ in range(3):
-                victims = harness.wait_until(lambda: len(daemon.workers()) >= 2 and daemon.workers(), "workers")
-                for victim in victims:
-                    os.kill(victim, signal.SIGKILL)
-                harness.wait_until(lambda: len(set(daemon.workers()) - set(victims)) >= 2, "new workers")
+                for victim in self.wait_worker(2):
+                    self.kill_worker(victim)
+                self.wait_worker(2)
         finally:
             stop.set()
             for thread in threads:

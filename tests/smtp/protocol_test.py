@@ -1,7 +1,7 @@
 """What a client may say, and what it is told: syntax, order, limits, line ends."""
 import unittest
 
-from smtp_case import ABUSE, DENIED, LOOP, SENDER, STAFF, SmtpCase, body
+from smtp_case import (ABUSE, DENIED, FAILED, GONE, LED_BACK, LOOP, REFUSED, SENDER, STAFF, SmtpCase, body)
 
 
 class Protocol(SmtpCase):
@@ -15,6 +15,7 @@ class Protocol(SmtpCase):
 
     def test_commands_out_of_order(self):
         self.begin()
+        self.provokes(GONE)
         client = self.client()
         self.assertRegex(client.ask(f"MAIL FROM:<{SENDER}>"), r"^503 5\.5\.1 ")
         client.hello()
@@ -41,6 +42,7 @@ class Protocol(SmtpCase):
 
     def test_a_size_that_is_announced_too_large_is_refused_at_once(self):
         self.begin(smtp={"MaxMessageSize": 1})
+        self.provokes(GONE)
         client = self.client()
         client.hello()
         for size in ("1025", "99999999999999999999999999"):
@@ -49,6 +51,7 @@ class Protocol(SmtpCase):
 
     def test_limits_on_a_message(self):
         self.begin(smtp={"MaxMessageSize": 8, "MaxHeaderSize": 2, "MaxHops": 3})
+        self.provokes(REFUSED)
         client = self.client()
         cases = ((body("x" * 76 + "\r\n" + ("y" * 76 + "\r\n") * 110), r"552 5\.3\.4 "),
                  (b"A: b\r\n" * 400 + b"\r\n", r"552 5\.3\.4 header"),
@@ -82,6 +85,7 @@ class Protocol(SmtpCase):
 
     def test_a_client_that_stays_silent_is_sent_away(self):
         self.begin(smtp={"CommandTimeout": 1})
+        self.provokes(GONE)
         client = self.client()
         self.assertRegex(client.read(), r"^421 4\.4\.2 ")
         self.assertEqual(client.read(), "")
@@ -90,6 +94,7 @@ class Protocol(SmtpCase):
 class Relaying(SmtpCase):
     def test_clients_from_outside_reach_the_domains_that_are_served(self):
         self.begin(smtp={"AcceptDomains": ["inside.example", "*.inside.example"]})
+        self.provokes(GONE)
         client = self.client()
         client.hello()
         replies = client.envelope(["bob@INSIDE.example", "c@board.inside.example", "d@elsewhere.example", "Postmaster"])
@@ -107,6 +112,7 @@ class MailExchangers(SmtpCase):
 
     def test_an_exchanger_on_this_machine_is_refused(self):
         self.begin(smtp={"RelayHost": ""})
+        self.provokes(LED_BACK, FAILED, LOOP, REFUSED, GONE)
         self.assertRegex(self.client().mail(recipients=["bob@[127.0.0.1]"]), r"^554 5\.4\.6 ")
         self.assertRegex(self.client().mail(recipients=["bob@[IPv6:::1]"]), r"^554 5\.4\.4 ")
         self.assertRegex(self.client().mail(recipients=["Postmaster"]), r"^550 5\.1\.2 ")
@@ -116,6 +122,7 @@ class MailExchangers(SmtpCase):
 class NoOpenRelay(SmtpCase):
     def test_clients_from_outside_reach_nobody_unless_a_domain_is_served(self):
         self.begin(smtp={"RelayHost": ""})
+        self.provokes(GONE)
         self.assertRegex(self.client().mail(), r"^550 5\.7\.1 ")
         self.noted(DENIED)
 
@@ -125,6 +132,7 @@ class Smuggling(SmtpCase):
 
     def test_no_sequence_but_one_ends_a_message(self):
         self.begin(smtp={"MaxErrors": 100})
+        self.provokes(REFUSED)
         inner = b"MAIL FROM:<evil@x.example>\r\nRCPT TO:<bob@inside.example>\r\nDATA\r\nSubject: evil\r\n\r\nx\r\n"
         for end in self.ENDS:
             client = self.client()

@@ -1,16 +1,19 @@
 """What the scenarios of the mail gateway share: a gateway with two identities, a mail server behind it, a raw client."""
 import base64
+import io
 import os
 import pathlib
 import socket
 import sys
+import zipfile
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "testing"))
 
 import harness  # noqa: E402
 import mail_sink  # noqa: E402
 
-STAFF, BOARD, SENDER = "bob@inside.example", "carol@board.inside.example", "alice@outside.example"
+STAFF, BOARD, SALES = "bob@inside.example", "carol@board.inside.example", "dave@sales.inside.example"
+SENDER = "alice@outside.example"
 PHRASE = "project nightingale"
 EICAR = r"X5O!P%@AP[4\PZX54(P^)7CC)7}$" + "EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*"
 
@@ -27,15 +30,23 @@ POLICIES = """
     <identity name="board">
       <settings section="KORContentScanner"><set name="Enabled">false</set></settings>
     </identity>
+    <identity name="sales"/>
   </policy>
   <policy name="content_out" base="content"/>
 """
 
-IDENTITIES = '<identities version="1">\n  <identity name="board">eto IS "*@board.*"</identity>\n</identities>\n'
+IDENTITIES = ('<identities version="1">\n  <identity name="board">eto IS "*@board.*"</identity>\n'
+              '  <identity name="sales">eto IS "*@sales.*"</identity>\n</identities>\n')
 
-ACCEPTED, REFUSED, DEFERRED, DELIVERED, FAILED = (60000, 2), (60000, 3), (60000, 4), (60000, 6), (60000, 7)
+ENDED = (60000, 1)
+ACCEPTED, REFUSED, DEFERRED, POLICY_REFUSED = (60000, 2), (60000, 3), (60000, 4), (60000, 5)
+DELIVERED, FAILED = (60000, 6), (60000, 7)
 NOTIFIED, NOTIFICATION_LOST, NOT_NOTIFIED, SCAN_FAILED = (60000, 8), (60000, 9), (60000, 10), (60000, 11)
 ABUSE, SPOOL_FAILED, GONE, LOOP, DENIED = (60000, 12), (60000, 13), (60000, 14), (60000, 15), (60000, 16)
+SWEPT, NOT_SCANNED = (60000, 17), (60000, 18)
+UNREACHED, LED_BACK, CLEANED, VIRUS = (12000, 7), (12000, 12), (180000, 145), (180000, 146)
+RULE_HIT, FILE_HIT, ENGINE_FAILED = (180001, 146), (180003, 146), (180007, 189)
+SPAM_FOUND, SPAM_BELOW, MAIL_HIT = (180002, 161), (180002, 206), (180004, 146)
 
 
 def body(text="hello", subject="test"):
@@ -44,11 +55,20 @@ def body(text="hello", subject="test"):
 
 def with_attachment(content):
     """A MIME message of a text and a base64 attachment."""
-    coded = base64.encodebytes(content.encode()).replace(b"\n", b"\r\n")
+    content = content if isinstance(content, bytes) else content.encode()
+    coded = base64.encodebytes(content).replace(b"\n", b"\r\n")
     return (b"Subject: test\r\nMIME-Version: 1.0\r\nContent-Type: multipart/mixed; boundary=b\r\n\r\n"
             b"--b\r\nContent-Type: text/plain\r\n\r\nSee below.\r\n.dot\r\n"
             b"--b\r\nContent-Type: application/octet-stream; name=a.com\r\nContent-Transfer-Encoding: base64\r\n\r\n" +
             coded + b"--b--\r\n")
+
+
+def zipped(content, name="a.com"):
+    """A zip archive with one file."""
+    made = io.BytesIO()
+    with zipfile.ZipFile(made, "w", zipfile.ZIP_DEFLATED) as archive:
+        archive.writestr(name, content)
+    return made.getvalue()
 
 
 def nested(depth, inner="innermost"):
@@ -119,6 +139,8 @@ class Client:
 
 class SmtpCase(harness.DaemonCase):
     program = os.environ["VELT_SMTP"]
+    routine = {**harness.ROUTINE, ENDED: "each session says so", ACCEPTED: "a client was told that its message is taken",
+               DELIVERED: "the next server took a message"}
     proxy = "smtp"
     av, phrase, limit = "DENY", "DENY", "DENY"
 
@@ -142,6 +164,11 @@ class SmtpCase(harness.DaemonCase):
         made = Client(self.port)
         self.addCleanup(made.close)
         return made
+
+    def provokes(self, *events):
+        """What this test brings about beside the routine."""
+        for event in events:
+            self.expect(*event)
 
     def noted(self, event, count=1):
         return self.wait_event(*event, count=count)
