@@ -1,14 +1,18 @@
-// The parser of DNS messages against the one of the system's resolver library.
+// The parser of DNS messages, from the header to the list of exchangers, against the system's resolver library.
 #include <arpa/nameser.h>
 
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <map>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include <velt/lookup/Resolver.h>
 
 #include "fuzz/Input.h"
+#include "fuzz/NameText.h"
 
 using velt_fuzz::Require;
 
@@ -22,6 +26,96 @@ public:
     }
 };
 
+// What the answer to an MX query says, read by the system's library: exchangers by name.
+struct Exchanger {
+    int preference;
+    std::vector<in_addr_t> addresses;
+};
+using Exchangers = std::map<std::string, Exchanger>;
+constexpr unsigned kLimit = 10;
+constexpr int kMalformed = -1;
+
+// The target of a record, as text; empty where it is not one.
+std::string Target(ns_msg& reference, ns_rr const& record, std::size_t offset) {
+    unsigned char labels[NS_MAXCDNAME];
+    unsigned char const* const at = record.rdata + offset;
+    if (ns_name_unpack(ns_msg_base(reference), ns_msg_end(reference), at, labels, sizeof labels) < 0) return {};
+    auto const size = static_cast<std::size_t>(ns_msg_end(reference) - ns_msg_base(reference));
+    return velt_fuzz::Walked(ns_msg_base(reference), at) < size ? velt_fuzz::NameText(labels) : std::string();
+}
+
+// 0, or that it is malformed: then the rest does not matter.
+int ReadExchangers(ns_msg& reference, Exchangers& found) {
+    for (int i = 0; i < ns_msg_count(reference, ns_s_an); ++i) {
+        ns_rr record;
+        if (ns_parserr(&reference, ns_s_an, i, &record) != 0) return kMalformed;
+        if (record.type != ns_t_mx) continue;
+        std::string const name = record.rdlength < 3 ? "" : Target(reference, record, 2);
+        if (name.empty()) return kMalformed;
+        if (name.size() > 255) continue;
+        if (found.size() >= kLimit) return 0;
+        int const preference = record.rdata[0] << 8 | record.rdata[1];
+        auto const [place, isNew] = found.try_emplace(name, Exchanger{preference, {}});
+        place->second.preference = std::min(place->second.preference, preference);
+    }
+    return 0;
+}
+
+int ReadAddresses(ns_msg& reference, Exchangers& found) {
+    for (int i = ns_msg_count(reference, ns_s_ar) - 1; i >= 0; --i) {
+        ns_rr record;
+        if (ns_parserr(&reference, ns_s_ar, i, &record) != 0) return kMalformed;
+        auto const owner = found.find(record.name);
+        if (record.type != ns_t_a || record.rdlength < 4 || owner == found.end()) continue;
+        in_addr_t address;
+        std::memcpy(&address, record.rdata, sizeof address);
+        owner->second.addresses.push_back(address);
+    }
+    return 0;
+}
+
+void LeaveOutOwn(Exchangers& found, std::string const& own) {
+    auto const self = found.find(own);
+    if (self == found.end()) return;
+    int const preference = self->second.preference;
+    for (auto each = found.begin(); each != found.end();)
+        each = each->second.preference >= preference ? found.erase(each) : std::next(each);
+}
+
+void CheckExchangers(GivenAnswer& parser, ns_msg& reference) {
+    VELT::Resolver::s_excludedhosts = {"localhost", "a.test"};
+    VELT::Resolver::Lookup lookup;
+    int const code = parser.parse_mx_query(&lookup, kLimit);
+    Exchangers expected;
+    bool const good = ReadExchangers(reference, expected) == 0 && ReadAddresses(reference, expected) == 0;
+    Require((code == 0) == good, "exchangers or none");
+    if (!good) return;
+    for (std::string const& own : VELT::Resolver::s_excludedhosts) LeaveOutOwn(expected, own);
+    Require(lookup.size() == expected.size(), "as many exchangers");
+    int before = 0;
+    for (VELT::Resolver::Record const& record : lookup) {
+        auto const same = expected.find(record.name);
+        Require(same != expected.end() && same->second.preference == record.preference, "the same exchanger");
+        Require(record.preference >= before, "in the order of preference");
+        before = record.preference;
+        std::vector<in_addr_t> addresses;
+        for (auto const& node : record.addresses) addresses.push_back(node.address.s_addr);
+        Require(addresses == same->second.addresses, "the same addresses in the same order");
+    }
+}
+
+// A name in a record's data: what points to an alias, a server or an exchanger.
+void CheckTarget(ns_msg& reference, ns_rr const& record) {
+    bool const hasName = record.type == ns_t_ptr || record.type == ns_t_cname || record.type == ns_t_ns;
+    std::size_t const offset = record.type == ns_t_mx ? 2 : 0;
+    if (!(hasName || record.type == ns_t_mx) || record.rdlength <= offset) return;
+    char text[1026];
+    int const length = VELT::Resolver::ns_name_uncompress2(ns_msg_base(reference), ns_msg_end(reference),
+                                                           record.rdata + offset, text, sizeof text);
+    std::string const expected = Target(reference, record, offset);
+    Require(length < 0 || expected == text, "the same target");
+}
+
 void CheckRecord(GivenAnswer& parser, ns_msg& reference, ns_sect section, int index) {
     ns_rr record;
     ns_rr expected;
@@ -32,31 +126,7 @@ void CheckRecord(GivenAnswer& parser, ns_msg& reference, ns_sect section, int in
     Require(record.type == expected.type && record.rr_class == expected.rr_class, "the same type");
     Require(record.ttl == expected.ttl && record.rdlength == expected.rdlength, "the same fields");
     Require(section == ns_s_qd || record.rdata == expected.rdata, "the same data");
-}
-
-// The bytes that a name which is known to be right goes over.
-std::size_t Walked(unsigned char const* message, unsigned char const* at) {
-    std::size_t seen = 0;
-    while (*at != 0) {
-        bool const pointer = *at >= 0xC0;
-        seen += pointer ? 2u : *at + 1u;
-        at = pointer ? message + (at[0] & 0x3F) * 256 + at[1] : at + *at + 1;
-    }
-    return seen;
-}
-
-void CheckNames(unsigned char const* bytes, std::size_t size) {
-    unsigned char const* const end = bytes + size;
-    for (unsigned char const* at = bytes; at < end; ++at) {
-        unsigned char labels[NS_MAXCDNAME];
-        unsigned char expected[NS_MAXCDNAME];
-        int const length = VELT::Resolver::ns_name_unpack2(bytes, end, at, labels, sizeof labels);
-        int const reference = ns_name_unpack(bytes, end, at, expected, sizeof expected);
-        bool const overlong = reference > 0 && Walked(bytes, at) >= size;  // counts as a loop here already
-        Require(length == reference || (length == -1 && overlong), "the same length");
-        char text[1026];
-        if (length > 0) Require(VELT::Resolver::ns_name_ntop2(labels, text, sizeof text) > 0, "a text for each name");
-    }
+    if (section != ns_s_qd) CheckTarget(reference, record);
 }
 
 }  // namespace
@@ -65,7 +135,6 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
     if (size > 2048) return 0;
     std::unique_ptr<unsigned char[]> const bytes(new unsigned char[size]);
     std::copy(data, data + size, bytes.get());
-    CheckNames(bytes.get(), size);
     GivenAnswer parser;
     ns_msg reference;
     int const code = parser.Take(bytes.get(), size);
@@ -78,8 +147,6 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
         for (int index = count; index >= 0; --index)
             CheckRecord(parser, reference, static_cast<ns_sect>(section), index);
     }
-    VELT::Resolver::s_excludedhosts = {"localhost", "a.test"};
-    VELT::Resolver::Lookup lookup;
-    if (parser.parse_mx_query(&lookup, 10) == 0) Require(lookup.size() <= 10, "no more than the limit");
+    CheckExchangers(parser, reference);
     return 0;
 }

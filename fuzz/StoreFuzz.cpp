@@ -49,7 +49,9 @@ bool EveryAtomHolds(AtomicValue const&, AtomicValue const&, AtomicValue const&, 
 
 void Identities(std::string const& text) {
     try {
-        for (auto const& entry : qxid::ParseIdentities("identities", text)) {
+        auto const list = qxid::ParseIdentities("identities", text);
+        for (auto const& error : list.errors) CheckError(error);
+        for (auto const& entry : list.entries) {
             if (!entry.expression) continue;
             bool const holds = entry.expression->holds(&EveryAtomHolds, nullptr);
             Require(holds == entry.expression->holds(&EveryAtomHolds, nullptr), "an expression is stable");
