@@ -1,5 +1,6 @@
 // What a reader of settings pays, with the real store under it: the price of the names, the slot, the store's look-up,
-// the clamping; beside one look-up in a hash table of the four pointers that the store is asked with.
+// the clamping; beside one look-up in a hash table of the four pointers that the store is asked with, without a lock
+// and with one that readers share.
 #include <benchmark/benchmark.h>
 #include <eFabric/Policy.h>
 
@@ -7,7 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <new>
+#include <shared_mutex>
 #include <string>
 #include <tuple>
 #include <unordered_map>
@@ -16,9 +17,9 @@
 #include <velt/config_details/settings/network.h>
 #include <velt/config_details/settings/process.h>
 
-namespace {
+#include "benchmarks/Allocations.h"
 
-thread_local unsigned long s_allocations = 0;
+namespace {
 
 using VELT::Config;
 
@@ -68,9 +69,8 @@ void Measure(benchmark::State& state, Read read) {
     World& world = World::get();
     if (!world.good) return state.SkipWithError("the store did not load");
     benchmark::DoNotOptimize(read(world.config));
-    unsigned long const before = s_allocations;
+    CountedAllocations const counted(state);
     for (auto _ : state) benchmark::DoNotOptimize(read(world.config));
-    state.counters["allocations"] = static_cast<double>(s_allocations - before);
 }
 
 void Setting_read(benchmark::State& state) {
@@ -104,12 +104,22 @@ struct PointerHash {
     }
 };
 
+using Key = std::tuple<void const*, void const*, void const*, void const*>;
+using Table = std::unordered_map<Key, unsigned, PointerHash>;
+
+char const kTexts[64] = {};
+
+Table TableOfPointers() {
+    Table table;
+    for (int i = 0; i < 32; ++i) table[{&kTexts[i % 9], &kTexts[i % 3], &kTexts[i % 5], &kTexts[i]}] = 60u + i;
+    return table;
+}
+
+Key const kKey{&kTexts[7], &kTexts[1], &kTexts[2], &kTexts[7]};
+
 void Setting_hashLookup(benchmark::State& state) {
-    static char const texts[64] = {};
-    std::unordered_map<std::tuple<void const*, void const*, void const*, void const*>, unsigned, PointerHash> table;
-    for (int i = 0; i < 32; ++i) table[{&texts[i % 9], &texts[i % 3], &texts[i % 5], &texts[i]}] = 60u + i;
-    auto key = std::make_tuple(static_cast<void const*>(&texts[7]), static_cast<void const*>(&texts[1]),
-                               static_cast<void const*>(&texts[2]), static_cast<void const*>(&texts[7]));
+    Table const table = TableOfPointers();
+    Key key = kKey;
     for (auto _ : state) {
         benchmark::DoNotOptimize(key);
         benchmark::DoNotOptimize(table.find(key)->second);
@@ -117,12 +127,16 @@ void Setting_hashLookup(benchmark::State& state) {
 }
 BENCHMARK(Setting_hashLookup);
 
-}  // namespace
-
-[[gnu::noinline]] void* operator new(std::size_t size) {
-    ++s_allocations;
-    if (void* const memory = std::malloc(size)) return memory;
-    throw std::bad_alloc();
+void Setting_lockedHashLookup(benchmark::State& state) {
+    Table const table = TableOfPointers();
+    std::shared_mutex mutex;
+    Key key = kKey;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(key);
+        std::shared_lock<std::shared_mutex> const hold(mutex);
+        benchmark::DoNotOptimize(table.find(key)->second);
+    }
 }
-[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+BENCHMARK(Setting_lockedHashLookup);
+
+}  // namespace

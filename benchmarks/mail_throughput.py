@@ -1,110 +1,44 @@
 #!/usr/bin/env python3
-"""Mail through the gateway, side by side with no gateway at all and with clamsmtp and clamd on the same signature.
+"""Mail through the gateway, side by side with other filters before the same clamd, and with that engine alone.
 
-usage: mail_throughput.py BUILD_DIR        RUNS, SESSIONS in the environment; FULL=1 for the long counts
+usage: mail_throughput.py BUILD_DIR [NAME...]    SESSIONS, RUNS, SECONDS in the environment; FULL=1 for all filters
 
-The load is Postfix's smtp-source, the next hop its smtp-sink, one message per connection, all on the loopback of a
-network namespace of its own. CPU is that of the filter with its engine, user and system, per message. The goal is a third
-of what clamsmtp and clamd use at five times their rate; the exit status is that of the CPU alone, with room. Rates are
-judged by the reader, as they drift with the machine.
+Each message is a session of its own, with 4 KiB of text or an attachment of 256 KiB; the load waits for each answer. All
+stand on the loopback of a network namespace of their own and take turns in each round; figures are medians. The engine
+alone is asked by as many clients as there are sessions, each over one connection; clamd has a processor for itself. CPU is
+user and system, per message: of the filter's processes, and of clamd. `slowest` is the longest message of all rounds.
+
+The exit status is that of CPU ratios alone, with room. Rates and times are judged by the reader, as they drift with the
+machine; the goals are printed beside them.
 """
 import base64
+import contextlib
+import json
 import os
 import pathlib
 import random
-import signal
 import smtplib
-import socket
 import statistics
 import subprocess
 import sys
-import tempfile
 import time
 
-SINK, GATEWAY, CLAMSMTP = 7400, 7401, 7402
-SESSIONS = os.environ.get("SESSIONS", "16")
-RUNS = int(os.environ.get("RUNS", "3"))
+import mail_filters
+import relays
+
 FULL = bool(os.environ.get("FULL"))
-COUNTS = {4 << 10: 8000 if FULL else 3000, 256 << 10: 1600 if FULL else 600}
-SLOW_PEER = 8  # clamsmtp waits for delayed acknowledgements: it gets a share of the messages
-CPU_GOAL, CPU_GATE = 1 / 3, 0.45  # the gate leaves room for a machine that does other things meanwhile
-TICK = os.sysconf("SC_CLK_TCK")
-SIGNATURE = b"velt-throughput-signature-0123456789"
+SESSIONS = [int(n) for n in os.environ.get("SESSIONS", "1 4 16" if FULL else "16").split()]
+RUNS = int(os.environ.get("RUNS", "3" if FULL else "2"))
+SECONDS = float(os.environ.get("SECONDS", "2" if FULL else "0.7"))
+SIZES = {"4 KiB": 4 << 10, "256 KiB": 256 << 10}
+ENGINE, NONE, ALONE, OURS = "engine alone", "no filter", "velt-smtp", "velt-smtp + clamd"
+CLAMSMTP, MILTER, RSPAMD = "clamsmtp + clamd", "Postfix + clamav-milter", "Postfix + rspamd"
+NAMES = (ENGINE, NONE, ALONE, OURS, CLAMSMTP, MILTER, RSPAMD) if FULL else (ENGINE, ALONE, OURS, CLAMSMTP)
 WORDS = "the mail of this day carries plain words to read and a few lines more".split()
-children = []
-
-
-def isolate():
-    """Runs the script again in a network namespace of its own."""
-    if os.environ.get("VELT_ISOLATED"):
-        return
-    setup = "ip link set lo up; sysctl -qw net.core.somaxconn=4096; exec \"$@\""
-    flags = "-n" if os.geteuid() == 0 else "-Urn"
-    os.execvpe("unshare", ["unshare", flags, "sh", "-c", setup, "sh", sys.executable, *sys.argv],
-               dict(os.environ, VELT_ISOLATED="1"))
-
-
-def start(command, **kwargs):
-    child = subprocess.Popen(command, stdin=subprocess.DEVNULL, start_new_session=True, **kwargs)
-    children.append(child)
-    return child
-
-
-def stop(child):
-    """Ends a child and all that it started, by their pids."""
-    for pid in [child.pid, *descendants(child.pid)]:  # the supervisor first: it would start the rest again
-        try:
-            os.kill(pid, signal.SIGKILL)
-        except ProcessLookupError:
-            pass
-    child.wait()
-    children.remove(child)
-
-
-def stat(pid):
-    try:
-        return pathlib.Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()
-    except OSError:
-        return None
-
-
-def descendants(pid):
-    parents = {}
-    for entry in os.listdir("/proc"):
-        fields = stat(entry) if entry.isdigit() else None
-        if fields:
-            parents.setdefault(int(fields[1]), []).append(int(entry))
-    found, todo = [], [pid]
-    while todo:
-        todo += (more := parents.get(todo.pop(), []))
-        found += more
-    return found
-
-
-def cpu_seconds(*leaders):
-    total = 0
-    for leader in leaders:
-        for pid in [leader, *descendants(leader)]:
-            fields = stat(pid)
-            if fields:
-                total += sum(int(f) for f in fields[11:15])
-    return total / TICK
-
-
-def wait_until(ready, what, seconds=30):
-    deadline = time.monotonic() + seconds
-    while not ready():
-        if time.monotonic() > deadline:
-            raise RuntimeError(f"timed out: {what}")
-        time.sleep(0.02)
-
-
-def port_answers(port):
-    try:
-        socket.create_connection(("127.0.0.1", port), 1).close()
-        return True
-    except OSError:
-        return False
+MANY = 16  # sessions, for which rates are promised
+SLOW_PEERS = ("4 KiB", 4)  # where the others wait for delayed acknowledgements
+MOST = 20000  # messages of a round
+PATIENCE_MS = 120000  # a connection that a full queue has dropped is made again after seconds
 
 
 def plain_text(size):
@@ -127,193 +61,161 @@ def message(size, payload=None):
             + base64.encodebytes(raw).decode() + "--b0--\n")
 
 
-def start_gateway(build, work):
-    root = work / "root"
-    config = root / "config/qxxmlconf"
-    (config / "efabric").mkdir(parents=True)
-    for folder in ("scandir", "run", "opt/KORAqxs/avengine/dat"):
-        (root / folder).mkdir(parents=True)
-    (root / "opt/KORAqxs/avengine/dat/signatures.db").write_text(f"Throughput.Test : {SIGNATURE.hex()}\n")
-    (config / "inside.txt").write_text("NETWORK 127.0.0.0/8\n")
-    (config / "outside.txt").write_text("NETWORK *\n")
-    # One report or two a message, as the other filters make, and not the whole course of a session.
-    (config / "bench-logging.xml").write_text('<logging version="1"><sink type="json" file="/dev/null"/>'
-                                              '<events default="off"><event number="60000" switch="on"/></events>'
-                                              '</logging>\n')
-    (config / "rules.xml").write_text(f"""<rules version="1">
-  <policy name="base">
-    <settings section="network">
-      <list name="BindAddress"><item>127.0.0.1</item></list><list name="BindPorts"><item>{GATEWAY}</item></list>
-      <set name="MaxConnections">64</set><set name="ForbidReverseLookups">true</set><set name="NetMem">64</set>
-    </settings>
-    <settings section="process"><set name="MonitorHealth">false</set><set name="PermThreads">16</set></settings>
-    <settings section="scanning"><set name="MaxScanMem">1024</set></settings>
-    <settings section="smtp">
-      <set name="RelayHost">127.0.0.1</set><set name="RelayPort">{SINK}</set><set name="GreetingName">bench.test</set>
-    </settings>
-  </policy>
-  <policy name="content"><actions><action>LOG</action><action>DENY</action></actions>
-    <settings section="KORAVScanner"><set name="Enabled">true</set><set name="Action">DENY</set></settings></policy>
-  <policy name="content_in" base="content"/>
-  <policy name="content_out" base="content"/>
-</rules>
-""")
-    log = open(work / "gateway.log", "wb")
-    launcher = start([build / "bin/velt-smtp", "bench", "bench"], stdout=log, stderr=log,
-                     env=dict(os.environ, VELT_ROOT=str(root)))
-    launcher.wait()
-    children.remove(launcher)
-    return [Service(root)]
+class Engine:
+    """clamd itself: its clients speak to it over its socket."""
+    filter_pids = []
 
-
-class Service:
-    """The gateway as a service: its supervisor, which goes on when the process that started it has ended."""
-
-    def __init__(self, root):
-        mark = f"VELT_ROOT={root}".encode()
-
-        def mine(pid):
-            try:
-                return mark in pathlib.Path(f"/proc/{pid}/environ").read_bytes().split(b"\0")
-            except OSError:
-                return False
-
-        def supervisor():
-            pids = [int(p) for p in os.listdir("/proc") if p.isdigit() and mine(p)]
-            tops = [p for p in pids if stat(p) and int(stat(p)[1]) not in pids]
-            return tops[0] if tops else None
-
-        wait_until(supervisor, "the supervisor")
-        self.pid = supervisor()
-        children.append(self)
-
-    def wait(self):
-        wait_until(lambda: not pathlib.Path(f"/proc/{self.pid}").exists() or stat(self.pid)[0] == "Z", "the end")
-
-
-def start_clamsmtp(_, work):
-    database = work / "db"
-    database.mkdir()
-    (database / "test.ndb").write_text(f"Throughput.Test:0:*:{SIGNATURE.hex()}\n")
-    os.chmod(work, 0o755)
-    (work / "clamd.conf").write_text(f"""DatabaseDirectory {database}
-LocalSocket {work}/clamd.sock
-LocalSocketMode 666
-Foreground yes
-MaxThreads 16
-StreamMaxLength 64M
-DisableCache yes
-TemporaryDirectory {work}
-SelfCheck 0
-""")
-    (work / "clamsmtpd.conf").write_text(f"""OutAddress: 127.0.0.1:{SINK}
-Listen: 127.0.0.1:{CLAMSMTP}
-ClamAddress: {work}/clamd.sock
-TempDirectory: {work}
-Action: bounce
-""")
-    quiet = {"stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
-    clamd = start(["clamd", "-c", work / "clamd.conf"], **quiet)
-    wait_until((work / "clamd.sock").exists, "clamd")
-    return [clamd, start(["clamsmtpd", "-d", "1", "-f", work / "clamsmtpd.conf"], **quiet)]
-
-
-FILTERS = {"no gateway": (SINK, None), "velt-smtp": (GATEWAY, start_gateway),
-           "clamsmtp + clamd": (CLAMSMTP, start_clamsmtp)}
-
-
-def sink_has(log):
-    with open(log, "rb") as counter:
-        counter.seek(max(0, os.path.getsize(log) - 200))
-        return int((b"mesg=0" + counter.read()).rpartition(b"mesg=")[2].split()[0])
-
-
-def send(port, path, count, sink_log):
-    """Sends so many messages; gives the seconds until the sink has them all."""
-    had, begin = sink_has(sink_log), time.monotonic()
-    subprocess.run(["smtp-source", "-s", SESSIONS, "-m", str(count), "-F", path, "-f", "a@alpha.test", "-t",
-                    "b@beta.test", f"inet:127.0.0.1:{port}"], check=True, timeout=300)
-    wait_until(lambda: sink_has(sink_log) - had >= count, f"messages at the sink through port {port}", 60)
-    return time.monotonic() - begin
+    def __init__(self, clamd):
+        self.target = ("scan", "--socket", clamd.socket)
 
 
 def answer_to_infected(port):
     try:
-        with smtplib.SMTP("127.0.0.1", port, "client.alpha.test", 20) as smtp:
-            smtp.sendmail("a@alpha.test", "b@beta.test", message(0, SIGNATURE))
+        with smtplib.SMTP("127.0.0.1", port, "client.alpha.test", 30) as smtp:
+            smtp.sendmail("a@alpha.test", "b@beta.test", message(0, mail_filters.SIGNATURE))
         return "passed"
     except smtplib.SMTPResponseException as refused:
         return f"{refused.smtp_code} {refused.smtp_error.decode()}"[:48]
 
 
-def measure(build, name, paths, sink_log, work):
-    port, begin = FILTERS[name]
-    folder = work / name.replace(" ", "")
-    folder.mkdir()
-    leaders = begin(build, folder) if begin else []
-    wait_until(lambda: port_answers(port), name)
-    answer = answer_to_infected(port) if begin else "-"
-    if begin and answer == "passed":
-        raise RuntimeError(f"{name} passes the signature")
-    figures = {}
-    for size, path in paths.items():
-        count = COUNTS[size] // (SLOW_PEER if begin is start_clamsmtp else 1)
-        send(port, path, 40, sink_log)
-        rates, costs = [], []
+class Bench:
+    def __init__(self, build, work, stack, names):
+        self.build, self.work = build, work
+        self.clamd = stack.enter_context(mail_filters.Clamd(self.folder("clamd")))
+        self.sink = stack.enter_context(mail_filters.Sink(self.folder("sink")))
+        self.servers = {}
+        for name in names:
+            server = self.make(name)
+            self.servers[name] = server if name == ENGINE or name == NONE else stack.enter_context(server)
+        self.answers = {name: answer_to_infected(server.port) for name, server in self.servers.items()
+                        if name not in (ENGINE, NONE)}
+        passed = [name for name, answer in self.answers.items() if answer == "passed"]
+        if passed:
+            raise SystemExit(f"the signature passes {passed}")
+
+    def folder(self, name):
+        path = self.work / "".join(c for c in name if c.isalnum())
+        path.mkdir()
+        path.chmod(0o755)
+        return path
+
+    def make(self, name):
+        if name in (ENGINE, NONE):
+            return Engine(self.clamd) if name == ENGINE else self.sink
+        folder = self.folder(name)
+        if name in (ALONE, OURS):
+            return mail_filters.Gateway(self.build, folder, self.sink, self.clamd if name == OURS else None)
+        make = {CLAMSMTP: mail_filters.Clamsmtp, MILTER: mail_filters.ClamavMilter, RSPAMD: mail_filters.Rspamd}[name]
+        return make(folder, self.sink, self.clamd)
+
+    def load(self, server, sessions, path, count):
+        """The load's own figures, with the rate at which the next server got the messages."""
+        target = getattr(server, "target", None) or ("mail", "--timeout-ms", PATIENCE_MS, "--to",
+                                                       f"127.0.0.1:{server.port}")
+        had, begin = self.sink.count(), time.monotonic()
+        words = (self.build / "bin/velt_load", *target, "--file", path, "--clients", sessions, "--sessions", count)
+        shown = subprocess.run([str(word) for word in words], capture_output=True, text=True, check=True)
+        result = json.loads(shown.stdout)
+        if result["failed"]:
+            raise SystemExit(f"messages to {target} failed: {result}")
+        if target[0] == "mail":
+            relays.harness.wait_until(lambda: self.sink.count() - had >= count, "the messages at the sink", 60)
+            result["rate"] = count / max(result["seconds"], time.monotonic() - begin - 0.02)
+        return result
+
+    def measure(self, server, sessions, path, count):
+        before = mail_filters.cpu_seconds(server.filter_pids), mail_filters.cpu_seconds([self.clamd.process.pid])
+        result = self.load(server, sessions, path, count)
+        own = mail_filters.cpu_seconds(server.filter_pids) - before[0]
+        engine = mail_filters.cpu_seconds([self.clamd.process.pid]) - before[1]
+        latency = result["latency_us"]
+        return {"rate": result["rate"], "own": own / count * 1e3, "engine": engine / count * 1e3,
+                **{key: latency[key] / 1e3 for key in ("p50", "p99", "max")}}
+
+    def rounds(self, sessions, path):
+        """The figures by filter; the first few messages of each tell how many a round has."""
+        counts = {}
+        for name, server in self.servers.items():
+            self.load(server, sessions, path, 2 * sessions)
+            rate = self.load(server, sessions, path, 4 * sessions)["rate"]
+            counts[name] = max(4 * sessions, min(MOST, int(rate * SECONDS)))
+        rounds = {name: [] for name in self.servers}
         for _ in range(RUNS):
-            before = cpu_seconds(*(c.pid for c in leaders))
-            rates.append(count / send(port, path, count, sink_log))
-            costs.append((cpu_seconds(*(c.pid for c in leaders)) - before) / count * 1e3)
-        figures[size] = (statistics.median(rates), statistics.median(costs))
-    for child in reversed(leaders):
-        stop(child)
-    return figures, answer
+            for name, server in self.servers.items():
+                rounds[name].append(self.measure(server, sessions, path, counts[name]))
+        return {name: {key: (max if key == "max" else statistics.median)(one[key] for one in figures)
+                       for key in figures[0]} for name, figures in rounds.items()}
 
 
-def verdict(ratio):
-    if ratio > CPU_GATE:
-        return f"   ABOVE THE GATE OF {CPU_GATE}"
-    return "" if ratio <= CPU_GOAL else "   above the goal of a third"
+def show(title, table, answers):
+    print(f"\n{title}, load average {os.getloadavg()[0]:.1f}")
+    columns = {"rate": "messages/s", "own": "own CPU ms", "engine": "engine CPU ms", "p50": "p50 ms", "p99": "p99 ms",
+               "max": "slowest"}
+    unknown = {"own": (ENGINE, NONE), "engine": (NONE, ALONE)}
+    print(" " * 25 + "".join(f"{title:>14}" for title in columns.values()) + "   signature")
+    for name, row in table.items():
+        cells = ("-" if name in unknown.get(key, ()) else f"{row[key]:.{0 if key == 'rate' else 3}f}" for key in columns)
+        print(f"{name:<25}" + "".join(f"{cell:>14}" for cell in cells) + f"   {answers.get(name, '')}")
 
 
-def report(results):
-    print(f"\nMail, {SESSIONS} sessions, median of {RUNS}")
-    print(f"{'filter':<18}{'size':>9}{'messages/s':>12}{'CPU ms each':>13}   answer to the signature")
-    for name, (figures, answer) in results.items():
-        for size, (rate, cost) in figures.items():
-            shown = f"{cost:.2f}" if cost else "-"
-            print(f"{name:<18}{size >> 10:>5} KiB{rate:>12.0f}{shown:>13}   {answer}")
-    status = 0
-    for size in COUNTS:
-        own, peer = results["velt-smtp"][0][size], results["clamsmtp + clamd"][0][size]
-        ratio = own[1] / peer[1]
-        print(f"{size >> 10:>4} KiB: {own[0] / peer[0]:.1f} times the rate, {ratio:.2f} of the CPU"
-              f"{verdict(ratio)}")
-        status |= ratio > CPU_GATE
-    return status
+def goal(what, value, wanted, gate=None):
+    """One line; `wanted` and `gate` are the least where negative, else the most. Gives whether the gate has failed."""
+    def met(bound):
+        return value >= -bound if bound < 0 else value <= bound
+    text = f"  {what}: {value:.2f}, goal {abs(wanted)} {'or more' if wanted < 0 else 'at most'}, " \
+           f"{'reached' if met(wanted) else 'missed'}"
+    failed = gate is not None and not met(gate)
+    print(text + (f", OUTSIDE THE GATE of {abs(gate)}" if failed else ""))
+    return failed
+
+
+def judge(label, sessions, table):
+    failed = False
+    peers = [table[name]["rate"] for name in (CLAMSMTP, MILTER, RSPAMD) if name in table]
+    if OURS in table and ENGINE in table:
+        ours, engine = table[OURS], table[ENGINE]
+        goal("slowest message less the engine's slowest, ms", ours["max"] - engine["max"], 10)
+        if sessions == MANY:
+            goal("rate, of the engine's alone", ours["rate"] / engine["rate"], -0.85)
+        if sessions == MANY and peers:
+            most = f"rate, of the best peer's (the engine's alone is {engine['rate'] / max(peers):.1f})"
+            goal(most, ours["rate"] / max(peers), -3)
+    if CLAMSMTP not in table:
+        return failed
+    peer = table[CLAMSMTP]
+    if OURS in table:
+        if (label, sessions) == SLOW_PEERS:
+            goal("rate, of clamsmtp's", table[OURS]["rate"] / peer["rate"], -5)
+        failed |= goal("own CPU, of clamsmtp's", table[OURS]["own"] / peer["own"], 0.6, 1)
+        failed |= goal("CPU of the engine, of clamsmtp's", table[OURS]["engine"] / peer["engine"], 1.05, 1.3)
+    if ALONE in table:
+        ratio = table[ALONE]["own"] / (peer["own"] + peer["engine"])
+        failed |= goal("CPU with own signatures, of clamsmtp's and clamd's", ratio, 0.33, 0.6)
+    return failed
 
 
 def main():
-    build = pathlib.Path(sys.argv[1]).resolve()
-    isolate()
-    with tempfile.TemporaryDirectory(prefix="velt-throughput-") as name:
-        work = pathlib.Path(name)
-        os.chmod(work, 0o755)
-        sink_log = work / "sink.log"
-        with open(sink_log, "wb") as log:
-            start(["smtp-sink", "-c", "-u", "nobody", f"127.0.0.1:{SINK}", "1024"], stdout=log, stderr=log)
-        wait_until(lambda: port_answers(SINK), "smtp-sink")
-        paths = {}
-        for size in COUNTS:
-            paths[size] = work / str(size)
-            paths[size].write_text(message(size))
-        try:
-            results = {name: measure(build, name, paths, sink_log, work) for name in FILTERS}
-        finally:
-            for child in list(reversed(children)):
-                stop(child)
-        return report(results)
+    mail_filters.adopt_orphans()
+    build, names = pathlib.Path(sys.argv[1]).resolve(), sys.argv[2:] or NAMES
+    os.sched_setaffinity(0, mail_filters.OTHER_PROCESSORS)
+    status = 0
+    with relays.folder() as folder, contextlib.ExitStack() as stack:
+        work = pathlib.Path(folder)
+        work.chmod(0o755)
+        bench = Bench(build, work, stack, names)
+        for label, size in SIZES.items():
+            path = work / str(size)
+            path.write_text(message(size))
+            for sessions in SESSIONS:
+                table = bench.rounds(sessions, path)
+                show(f"{label}, {sessions} sessions, median of {RUNS}", table, bench.answers)
+                status |= judge(label, sessions, table)
+    mail_filters.await_orphans()
+    return int(status)
 
 
 if __name__ == "__main__":
+    if len(sys.argv) < 2:
+        raise SystemExit(__doc__)
+    relays.isolate()
     sys.exit(main())

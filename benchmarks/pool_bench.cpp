@@ -130,7 +130,7 @@ void BM_Pool(benchmark::State& state) {
     pool.Shutdown();
 }
 
-BENCHMARK(BM_PlainQueue)->Arg(1)->Arg(4)->UseRealTime();
-BENCHMARK(BM_Pool)->Arg(1)->Arg(4)->UseRealTime();
+BENCHMARK(BM_PlainQueue)->Arg(1)->Arg(4)->MeasureProcessCPUTime();
+BENCHMARK(BM_Pool)->Arg(1)->Arg(4)->MeasureProcessCPUTime();
 
 }  // namespace
