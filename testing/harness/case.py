@@ -157,6 +157,7 @@ class DaemonCase(unittest.TestCase):
 
     def _end(self, pid, number):
         self.expect_end(pid)
+        self.root.runs(pid)  # known from now on, also without its environment
         os.kill(pid, number)
         self._wait_ended(pid)
         return pid

@@ -4,18 +4,35 @@ import os
 import pathlib
 
 
+def _fields(pid):
+    """The fields of its status from the state on, as text; the name before them may hold anything."""
+    with contextlib.suppress(OSError):
+        return pathlib.Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()
+    return None
+
+
 def process_fields(pid):
     """(state, parent, group, session), or None."""
-    try:
-        text = pathlib.Path(f"/proc/{pid}/stat").read_text()
-    except OSError:
-        return None
-    state, *numbers = text.rsplit(")", 1)[1].split()[:4]  # the name before it may hold anything
-    return (state, *map(int, numbers))
+    fields = _fields(pid)
+    return fields and (fields[0], *map(int, fields[1:4]))
 
 
 def process_numbers():
     return [int(entry) for entry in os.listdir("/proc") if entry.isdigit()]
+
+
+def start_of(pid):
+    """When it began, in ticks since the machine did; tells it from another one that gets its number later. Or None."""
+    fields = _fields(pid)
+    return fields and fields[19]
+
+
+def holds_files(pid):
+    """Whether any of its threads has still to let go of what was open.
+
+    A killed process first loses its memory, and with it its environment, then its files, thread by thread."""
+    fields = _fields(pid)
+    return bool(fields) and not (fields[0] in "ZX" and int(fields[17]) <= 1)
 
 
 def has_environment(pid, entry):

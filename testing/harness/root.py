@@ -4,7 +4,7 @@ import shutil
 import tempfile
 
 from harness.events import EventLog
-from harness.processes import has_environment, process_fields, process_numbers
+from harness.processes import has_environment, holds_files, process_fields, process_numbers, start_of
 
 
 class Root:
@@ -17,6 +17,7 @@ class Root:
             (self.path / folder).mkdir(parents=True)
         self.log = EventLog(self.path / "events.json")
         self._mark = f"VELT_ROOT={self.path}".encode()
+        self._known = {}  # when each process began that was seen with the mark
 
     def remove(self):
         self.log.close()
@@ -30,8 +31,12 @@ class Root:
         return file
 
     def runs(self, pid):
-        """Whether this is a process of the root that has not ended."""
-        return has_environment(pid, self._mark)
+        """Whether this is a process of the root that has not ended. It has when its files are closed too."""
+        if has_environment(pid, self._mark):
+            self._known[pid] = start_of(pid)
+            return True
+        began = self._known.get(pid)
+        return began is not None and began == start_of(pid) and holds_files(pid)
 
     def processes(self):
         """The processes that run in this root, by number. A process that has ended and was not waited for is none."""

@@ -2,6 +2,7 @@
 import os
 import signal
 import subprocess
+import sys
 import unittest
 
 import echo_case
@@ -118,6 +119,22 @@ class Looks(echo_case.EchoCase):
                 keeper.kill()
             harness.wait_until(lambda: harness.process_fields(keeper.pid)[0] == "Z", "its end")
             self.assertEqual(self.zombies(), [])
+
+
+    def test_a_process_has_not_gone_before_its_last_thread_has(self):
+        """A killed one has no memory any more while its threads still hold its sockets."""
+        half_gone = ("import ctypes, os, sys, threading\n"
+                     "threading.Thread(target=sys.stdin.read).start()\n"
+                     "ctypes.CDLL(None).syscall(ctypes.c_long(60), 0)\n")  # exit: this thread alone
+        with subprocess.Popen([sys.executable, "-c", half_gone], stdin=subprocess.PIPE,
+                              env={**os.environ, "VELT_ROOT": str(self.root.path)}) as process:
+            harness.wait_until(lambda: self.root.runs(process.pid), "its start")
+            harness.wait_until(lambda: harness.process_fields(process.pid)[0] == "Z", "the end of its first thread")
+            self.assertTrue(self.root.runs(process.pid))
+            self.assertIn(process.pid, self.root.processes())
+            process.kill()
+            self.wait_gone(process.pid)
+            self.assertEqual(harness.process_fields(process.pid)[0], "Z")
 
 
 class Following(unittest.TestCase):
