@@ -1,6 +1,7 @@
 #include <velt/results/ScanResult.h>
 
 #include <algorithm>
+#include <cstring>
 #include <cwchar>
 #include <iterator>
 
@@ -20,14 +21,26 @@ wchar_t const* ScanPolContextElement::GetScanContextString(wchar_t* buffer, int 
     return buffer;
 }
 
-bool ScanPolContextElement::decode_line(BufferedStream& stream, std::string const& text) {
-    auto const space = text.find(' ');
-    std::string const word = text.substr(0, space);
-    char const* const count = space == std::string::npos ? "" : results::SkipBlanks(text.c_str() + space);
-    if (word == "scan_context_string") return results::decode(stream, scan_context_string, count);
-    if (word == "scan_context_component_name") return results::decode(stream, component_name, count);
+ScanPolContextElement::Token const ScanPolContextElement::s_AsciiDecode[] = {
+    {"scan_context_string", &ScanPolContextElement::decode_scan_context_string},
+    {"scan_context_component_name", &ScanPolContextElement::decode_scan_component_name},
+};
+
+bool ScanPolContextElement::decode_line(results::SerialSource& source, char const* text) {
+    char const* const space = std::strchr(text, ' ');
+    std::string_view const word = space ? std::string_view(text, static_cast<std::size_t>(space - text)) : text;
+    for (Token const& token : s_AsciiDecode)
+        if (token.word == word) return (this->*token.handler)(source, space ? results::SkipBlanks(space) : "");
     results::ReportUnknownToken(__FILE__, __LINE__, word);
     return false;
+}
+
+bool ScanPolContextElement::decode_scan_context_string(results::SerialSource& source, char const* count) {
+    return results::decode(source, scan_context_string, count);
+}
+
+bool ScanPolContextElement::decode_scan_component_name(results::SerialSource& source, char const* count) {
+    return results::decode(source, component_name, count);
 }
 
 // --- ScanResult ---
@@ -39,28 +52,31 @@ ScanResult::Token const ScanResult::s_AsciiDecode[] = {
     {"scanpolcontext", &ScanResult::decode_scan_pol_context},
 };
 
-ScanResult::ScanResult(BufferedStream* stream, bool decode, bool& ok) : empty_bags(results::kMostEmptyBags) {
-    ok = decode && (!stream || decode_ascii_stream(*stream));
+ScanResult::ScanResult(BufferedStream* stream, bool decode, bool& ok) {
+    ok = decode && !stream;
+    if (!decode || !stream) return;
+    results::SerialSource source(*stream);
+    ok = decode_ascii_stream(source);
 }
 
-ScanResult::ScanResult(BufferedStream& stream, unsigned& emptyBags, bool& ok) : empty_bags(emptyBags) {
-    ok = decode_ascii_stream(stream);
-    emptyBags = empty_bags;
-}
+ScanResult::ScanResult(results::SerialSource& source, bool& ok) { ok = decode_ascii_stream(source); }
 
-long ScanResult::Release() {
+__attribute__((no_sanitize("undefined"))) long ScanResult::Release() {
+    if (!this) return 0;  // hosts release a result that they did not get
     delete this;
     return 0;
 }
+
+long ScanResult::Release(ScanResult* result) { return result ? result->Release() : 0; }
 
 wchar_t const* ScanResult::GetInfectionList(wchar_t) const {
     return infection_list ? infection_list->c_str() : nullptr;
 }
 
 // A section ends at the first line without a space, such as an empty one, and where the stream ends.
-bool ScanResult::decode_ascii_stream(BufferedStream& stream) {
+bool ScanResult::decode_ascii_stream(results::SerialSource& source) {
     for (;;) {
-        results::RecordLine const line(stream);
+        results::RecordLine const line(source);
         if (line.length < 0 || !line.has_space) break;
         auto const* const token = std::find_if(std::begin(s_AsciiDecode), std::end(s_AsciiDecode),
                                                [&](Token const& known) { return line.word == known.word; });
@@ -68,42 +84,44 @@ bool ScanResult::decode_ascii_stream(BufferedStream& stream) {
             results::ReportUnknownToken(__FILE__, __LINE__, line.word);
             return false;
         }
-        if (!(this->*token->handler)(stream, line.text)) return false;
+        if (!(this->*token->handler)(source, line.text)) return false;
     }
+    if (source.overdrawn()) return false;
     fix_system_name();
     return true;
 }
 
-bool ScanResult::decode_clean_status(BufferedStream& stream, std::string const& text) {
+// A wrong type leaves no status, where the other fields keep what they had.
+bool ScanResult::decode_clean_status(results::SerialSource& source, char const* text) {
     clean_status = 0;
-    return results::decode(stream, text.c_str(), clean_status);
+    return results::decode(source, text, clean_status);
 }
 
-bool ScanResult::decode_scanner_class(BufferedStream& stream, std::string const& text) {
-    return results::decode(stream, text.c_str(), scanner_class);
+bool ScanResult::decode_scanner_class(results::SerialSource& source, char const* text) {
+    return results::decode(source, text, scanner_class);
 }
 
-bool ScanResult::decode_infection_list(BufferedStream& stream, std::string const& text) {
-    return results::decode(stream, infection_list, text.c_str());
+bool ScanResult::decode_infection_list(results::SerialSource& source, char const* text) {
+    return results::decode(source, infection_list, text);
 }
 
-bool ScanResult::decode_scan_error(BufferedStream& stream, std::string const& text) {
-    return results::decode(stream, text.c_str(), scan_error);
+bool ScanResult::decode_scan_error(results::SerialSource& source, char const* text) {
+    return results::decode(source, text, scan_error);
 }
 
-bool ScanResult::decode_infected_items(BufferedStream& stream, std::string const& text) {
-    return results::decode(stream, text.c_str(), infected_items);
+bool ScanResult::decode_infected_items(results::SerialSource& source, char const* text) {
+    return results::decode(source, text, infected_items);
 }
 
-bool ScanResult::decode_property_bag(BufferedStream& stream, std::string const& text) {
-    if (text.empty() || text.front() != '.') return false;
-    results::decode_property_bag(properties, stream, text.c_str() + 1, empty_bags);
+bool ScanResult::decode_property_bag(results::SerialSource& source, char const* text) {
+    if (*text != '.') return false;
+    results::decode_property_bag(properties, source, text + 1);
     return true;
 }
 
-bool ScanResult::decode_scan_pol_context(BufferedStream& stream, std::string const& text) {
+bool ScanResult::decode_scan_pol_context(results::SerialSource& source, char const* text) {
     if (!scan_pol_context) scan_pol_context = std::make_unique<ScanPolContextElement>();
-    return scan_pol_context->decode_line(stream, text);
+    return scan_pol_context->decode_line(source, text);
 }
 
 // Each process that a result passes through puts its name in front.

@@ -10,12 +10,16 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include <velt/Export.h>
 
 namespace VELT {
 
 class BufferedStream;
+namespace results {
+class SerialSource;
+}
 
 class VELT_API ScanPolContextElement : public IKORScanPolContextElement {
 public:
@@ -33,22 +37,33 @@ public:
     bool IsTopLevel() const override { return false; }
     bool StateReset() const override { return false; }
 
-    bool decode_line(BufferedStream& stream, std::string const& text);  // a field's word, its count; then the payload
+    bool decode_line(results::SerialSource& source, char const* text);  // a field's word, its count; then the payload
 
 private:
+    struct Token {
+        std::string_view word;
+        bool (ScanPolContextElement::*handler)(results::SerialSource&, char const* count);
+    };
+    static Token const s_AsciiDecode[2];
+
+    bool decode_scan_context_string(results::SerialSource& source, char const* count);
+    bool decode_scan_component_name(results::SerialSource& source, char const* count);
+
     std::optional<std::wstring> scan_context_string;
     std::optional<std::wstring> component_name;
 };
 
 class VELT_API ScanResult : public IKORScanResult {
 public:
-    ScanResult(BufferedStream* stream, bool decode, bool& ok);           // reads one section, unless `decode` is false
-    ScanResult(BufferedStream& stream, unsigned& empty_bags, bool& ok);  // one of several that share what they may make
+    ScanResult(BufferedStream* stream, bool decode, bool& ok);  // reads one section, unless `decode` is false
+    ScanResult(results::SerialSource& source, bool& ok);        // one section of a verdict
     ScanResult(ScanResult const&) = delete;
     ScanResult& operator=(ScanResult const&) = delete;
 
     long AddRef() override { return 0; }
+    // Called by that name, ScanResult::Release, it may be called on null, as the form that takes the result may be.
     long Release() override;
+    static long Release(ScanResult* result);
     void AddDescriptionProperty(IAlertHandler const&) override {}
     void Init() override {}
     void GetInfectionList(wchar_t*, int, wchar_t) const override {}
@@ -63,24 +78,21 @@ public:
     IKORPropertyBag* GetPropertyBag() const override { return &properties; }
 
 private:
-    using Handler = bool (ScanResult::*)(BufferedStream&, std::string const&);
     struct Token {
-        char const* word;
-        Handler handler;
+        std::string_view word;
+        bool (ScanResult::*handler)(results::SerialSource&, char const* text);
     };
     static Token const s_AsciiDecode[7];
 
-    bool decode_ascii_stream(BufferedStream& stream);
-    bool decode_clean_status(BufferedStream& stream, std::string const& text);
-    bool decode_scanner_class(BufferedStream& stream, std::string const& text);
-    bool decode_infection_list(BufferedStream& stream, std::string const& text);
-    bool decode_scan_error(BufferedStream& stream, std::string const& text);
-    bool decode_infected_items(BufferedStream& stream, std::string const& text);
-    bool decode_property_bag(BufferedStream& stream, std::string const& text);
-    bool decode_scan_pol_context(BufferedStream& stream, std::string const& text);
+    bool decode_ascii_stream(results::SerialSource& source);
+    bool decode_clean_status(results::SerialSource& source, char const* text);
+    bool decode_scanner_class(results::SerialSource& source, char const* text);
+    bool decode_infection_list(results::SerialSource& source, char const* text);
+    bool decode_scan_error(results::SerialSource& source, char const* text);
+    bool decode_infected_items(results::SerialSource& source, char const* text);
+    bool decode_property_bag(results::SerialSource& source, char const* text);
+    bool decode_scan_pol_context(results::SerialSource& source, char const* text);
     void fix_system_name();
-
-    unsigned empty_bags;  // see results::decode_property_bag
 
     mutable KORPropertyBag properties;
     int clean_status = 0;

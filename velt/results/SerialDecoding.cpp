@@ -3,6 +3,7 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <clocale>
 #include <cstdlib>
 #include <cstring>
 
@@ -13,129 +14,93 @@ namespace VELT::results {
 namespace {
 
 constexpr int kPriority = LOG_DAEMON | LOG_INFO;
+constexpr unsigned long kPiece = 64ul << 10;
+constexpr std::size_t kMostOfToken = 200;
 
-// Exactly `count` bytes, appended as they come.
-bool ReadBytes(BufferedStream& stream, unsigned long count, std::string& out) {
-    while (count > 0) {
+void Drain(SerialSource& source) {
+    char* data = nullptr;
+    while (source.ReadPiece(data, kPiece) > 0) {
+    }
+}
+
+// `count` characters in the order of this machine, which grow in `out` as they come. What came stays there also when
+// there were too few; of a string that is too long nothing is kept.
+template <class Char>
+bool ReadText(SerialSource& source, long count, std::basic_string<Char>& out) {
+    if (count > kMostCharacters) {
+        Drain(source);
+        return false;
+    }
+    unsigned long const length = static_cast<unsigned long>(count) * sizeof(Char);
+    unsigned long got = 0;
+    while (got < length) {
         char* data = nullptr;
-        bool io_done = false;
-        int const got = stream.readdata(data, static_cast<unsigned>(std::min(count, 1ul << 20)), true, io_done);
-        if (got <= 0) return false;
-        out.append(data, static_cast<std::size_t>(got));
-        count -= static_cast<unsigned long>(got);
+        int const piece = source.ReadPiece(data, length - got);
+        if (piece <= 0) return false;
+        auto const end = got + static_cast<unsigned long>(piece);
+        out.resize((end + sizeof(Char) - 1) / sizeof(Char));
+        std::memcpy(reinterpret_cast<char*>(out.data()) + got, data, static_cast<std::size_t>(piece));
+        got = end;
     }
     return true;
 }
 
-// `count` wide characters in the order of this machine. What came is in `out` also when there were too few.
-bool ReadWide(BufferedStream& stream, long count, std::wstring& out) {
-    std::string bytes;
-    unsigned long length = 0;
-    bool const sane = !__builtin_mul_overflow(static_cast<unsigned long>(count), sizeof(wchar_t), &length);
-    bool const whole = sane && ReadBytes(stream, length, bytes);
-    out.assign((bytes.size() + sizeof(wchar_t) - 1) / sizeof(wchar_t), L'\0');
-    if (!bytes.empty()) std::memcpy(out.data(), bytes.data(), bytes.size());
-    return whole;
-}
-
-void TakeText(IKORProperty& property, BufferedStream& stream, char const* text, bool multi) {
-    long const count = std::strtol(text, nullptr, 10);
-    std::wstring value;
-    if (count < 0 || !ReadWide(stream, count, value)) return;
-    if (multi)
-        property.AddWide(value.c_str());
-    else
-        property.SetWide(value.c_str());
-}
-
-void TakeLong(IKORProperty& property, long value, bool multi) {
-    if (multi)
-        property.AddLong(value);
-    else
-        property.SetLong(value);
-}
-
-void TakeULong(IKORProperty& property, unsigned long value, bool multi) {
-    if (multi)
-        property.AddULong(value);
-    else
-        property.SetULong(value);
-}
-
-void TakeDouble(IKORProperty& property, double value, bool multi) {
-    if (multi)
-        property.AddDouble(value);
-    else
-        property.SetDouble(value);
-}
-
-void decode_property(IKORProperty& property, BufferedStream& stream, char const* value) {
-    SerialTag const tag = get_type(value);
-    switch (tag.type) {
-        case SerialType::String:
-            return TakeText(property, stream, value, tag.multi);
-        case SerialType::Long:
-            return TakeLong(property, std::strtol(value, nullptr, 10), tag.multi);
-        case SerialType::ULong:
-            return TakeULong(property, std::strtoul(value, nullptr, 10), tag.multi);
-        case SerialType::Double:
-            return TakeDouble(property, std::strtod(value, nullptr), tag.multi);
-        case SerialType::None:
-            return;
-    }
-}
-
-IKORProperty& FindOrMake(IKORPropertyBag& bag, char const* name) {
-    IKORProperty* const found = bag.GetProperty(name);
-    return found ? *found : *bag.NewProperty(name);
-}
-
-// The element of this index, and those before it that are not there yet.
-IKORPropertyBag& BagAt(IKORProperty& property, unsigned long index, unsigned& empty_bags) {
-    unsigned long count = property.GetType() == KORProp_Bag ? property.GetCount() : 0;  // of another type: emptied
-    for (; count < index && empty_bags > 0; ++count, --empty_bags) property.AddBag(nullptr);
-    if (count <= index) property.AddBag(nullptr);
-    return *property.GetBagAt(static_cast<unsigned>(std::min<unsigned long>(index, property.GetCount() - 1)));
-}
-
-// The bag of the path's segment, "NAME" or "NAME<INDEX>", which is made when it is not there.
-IKORPropertyBag& Descend(IKORPropertyBag& bag, std::string segment, unsigned& empty_bags) {
-    long index = -1;
-    if (auto const bracket = segment.find('<'); bracket != std::string::npos) {
-        index = std::strtol(segment.c_str() + bracket + 1, nullptr, 10);
-        segment.resize(bracket);
-    }
-    IKORProperty& property = FindOrMake(bag, segment.c_str());
-    if (index < 0) {
-        if (!property.GetBag()) property.SetBag(nullptr);
-        return *property.GetBag();
-    }
-    return BagAt(property, static_cast<unsigned long>(index), empty_bags);
-}
-
 }  // namespace
+
+// --- what is read ---
+
+bool SerialSource::Take(unsigned long bytes) {
+    if (bytes > m_bytes) m_overdrawn = true;
+    if (m_overdrawn) return false;
+    m_bytes -= bytes;
+    return true;
+}
+
+int SerialSource::ReadLine(char*& line, bool& complete) {
+    int length;
+    bool io_done = false;
+    LINE_STATE_T state = LINE_CLOSED;
+    do {
+        complete = false;
+        if (m_overdrawn) return -1;
+        length = m_stream.getline(line, true, io_done, state, true);
+        if (length > 0 && !Take(static_cast<unsigned long>(length) + kLineBytes)) return -1;
+        complete = state == LINE_COMPLETE;
+    } while (length > 0 && line[0] == '#');
+    return length;
+}
+
+int SerialSource::ReadPiece(char*& data, unsigned long most) {
+    if (m_bytes == 0) m_overdrawn = true;
+    if (m_overdrawn) return -1;
+    bool io_done = false;
+    int const got = m_stream.readdata(data, static_cast<unsigned>(std::min({most, kPiece, m_bytes})), true, io_done);
+    if (got > 0) m_bytes -= static_cast<unsigned long>(got);
+    return got;
+}
+
+bool SerialSource::TakeBags(unsigned count) {
+    if (count > m_bags) return false;
+    m_bags -= count;
+    return true;
+}
 
 char const* SkipBlanks(char const* text) {
     while (*text && static_cast<signed char>(*text) < 0x21) ++text;
     return text;
 }
 
-RecordLine::RecordLine(BufferedStream& stream) {
+RecordLine::RecordLine(SerialSource& source) {
     char* line = nullptr;
-    bool io_done = false;
-    LINE_STATE_T state = LINE_CLOSED;
-    do {
-        length = stream.getline(line, true, io_done, state, true);
-    } while (length > 0 && line[0] == '#');
-    overflow = state == LINE_OVERFLOW;
-    if (length < 1) return;
+    length = source.ReadLine(line, complete);
+    if (is_end()) return;
     char const* const space = std::strchr(line, ' ');
     has_space = space != nullptr;
-    word = line;
-    if (!has_space) return;
-    word.resize(static_cast<std::size_t>(space - line));
-    text = SkipBlanks(space);
+    word = has_space ? std::string_view(line, static_cast<std::size_t>(space - line)) : std::string_view(line);
+    if (has_space) text = SkipBlanks(space);
 }
+
+// --- tags and values ---
 
 SerialTag get_type(char const*& text) {
     text = SkipBlanks(text);
@@ -163,47 +128,170 @@ SerialTag get_type(char const*& text) {
     return tag;
 }
 
-bool decode(BufferedStream&, char const* text, bool& value) {
+bool decode(SerialSource&, char const* text, bool& value) {
     if (get_type(text).type != SerialType::Long) return false;
     value = *text == '1';
     return true;
 }
 
-bool decode(BufferedStream&, char const* text, int& value) {
+bool decode(SerialSource&, char const* text, int& value) {
     if (get_type(text).type != SerialType::Long) return false;
     value = static_cast<int>(std::strtol(text, nullptr, 10));
     return true;
 }
 
-bool decode(BufferedStream& stream, char const* text, std::string& value) {
+bool decode(SerialSource& source, char const* text, std::optional<std::string>& value) {
+    std::string read;
+    if (!decode(source, text, read)) return false;
+    value = std::move(read);
+    return true;
+}
+
+bool decode(SerialSource& source, char const* text, std::string& value) {
     if (get_type(text).type != SerialType::String) return false;
     long const count = std::strtol(text, nullptr, 10);
     std::string read;
-    if (count < 0 || !ReadBytes(stream, static_cast<unsigned long>(count), read)) return false;
+    if (count < 0 || !ReadText(source, count, read)) return false;
     value += read;
     return true;
 }
 
-bool decode(BufferedStream& stream, std::optional<std::wstring>& value, char const* text) {
+bool decode(SerialSource&, char const* text, std::vector<std::string>& value) {
+    value.emplace_back(text);
+    return true;
+}
+
+bool decode(SerialSource& source, std::optional<std::wstring>& value, char const* text) {
     value.reset();
     long const count = std::strtol(text, nullptr, 10);
-    return count < 0 || ReadWide(stream, count, value.emplace());
+    return count < 0 || ReadText(source, count, value.emplace());
 }
 
-void decode_property_bag(IKORPropertyBag& bag, BufferedStream& stream, char const* text, unsigned& empty_bags) {
+// --- a property's value ---
+
+namespace {
+
+void TakeText(IKORProperty& property, SerialSource& source, char const* text, bool multi) {
+    long const count = std::strtol(text, nullptr, 10);
+    std::wstring value;
+    if (count < 0 || !ReadText(source, count, value)) return;
+    if (multi)
+        property.AddWide(value.c_str());
+    else
+        property.SetWide(value.c_str());
+}
+
+void TakeLong(IKORProperty& property, long value, bool multi) {
+    if (multi)
+        property.AddLong(value);
+    else
+        property.SetLong(value);
+}
+
+void TakeULong(IKORProperty& property, unsigned long value, bool multi) {
+    if (multi)
+        property.AddULong(value);
+    else
+        property.SetULong(value);
+}
+
+void TakeDouble(IKORProperty& property, double value, bool multi) {
+    if (multi)
+        property.AddDouble(value);
+    else
+        property.SetDouble(value);
+}
+
+// A host's locale has no say in where the point of a number stands.
+double PlainDouble(char const* text) {
+    static locale_t const plain = ::newlocale(LC_ALL_MASK, "C", nullptr);
+    return ::strtod_l(text, nullptr, plain);
+}
+
+}  // namespace
+
+void decode_property(SerialSource& source, char const* value, IKORProperty& property) {
+    SerialTag const tag = get_type(value);
+    switch (tag.type) {
+        case SerialType::String:
+            return TakeText(property, source, value, tag.multi);
+        case SerialType::Long:
+            return TakeLong(property, std::strtol(value, nullptr, 10), tag.multi);
+        case SerialType::ULong:
+            return TakeULong(property, std::strtoul(value, nullptr, 10), tag.multi);
+        case SerialType::Double:
+            return TakeDouble(property, PlainDouble(value), tag.multi);
+        case SerialType::None:
+            return;
+    }
+}
+
+// --- a property's path ---
+
+namespace {
+
+// A step on the way to a property: "NAME", or "NAME<INDEX>".
+struct Step {
+    explicit Step(char* segment) : name(segment) {
+        char* const bracket = std::strchr(segment, '<');
+        if (!bracket) return;
+        *bracket = '\0';
+        char* end = nullptr;
+        long const number = std::strtol(bracket + 1, &end, 10);
+        if (end != bracket + 1 && number >= 0) index = number;
+    }
+
+    char const* name;
+    long index = -1;  // also where it is none
+};
+
+// The bag at this step, and those before it, made if they are not there. Null: it is beyond what may be made.
+IKORPropertyBag* Descend(IKORPropertyBag& bag, Step const& step, SerialSource& source) {
+    if (step.index > kMostIndex) return nullptr;
+    IKORProperty* property = bag.GetProperty(step.name);
+    unsigned const there = property && property->GetType() == KORProp_Bag ? property->GetCount() : 0;
+    unsigned const last = static_cast<unsigned>(std::max(step.index, 0l));
+    if (last < there) return property->GetBagAt(last);
+    if (!source.TakeBags(last + 1 - there)) return nullptr;
+    if (!property) property = bag.NewProperty(step.name);
+    for (unsigned count = there; count <= last; ++count) property->AddBag(nullptr);  // another type goes
+    return property->GetBagAt(last);
+}
+
+// The property that a path leads to; null: it is beyond what may be made.
+IKORProperty* FollowPath(IKORPropertyBag& bag, std::string path, SerialSource& source) {
+    if (static_cast<unsigned long>(std::count(path.begin(), path.end(), '.')) >= kMostSegments) return nullptr;
+    IKORPropertyBag* current = &bag;
+    char* segment = path.data();
+    while (char* const dot = std::strchr(segment, '.')) {
+        *dot = '\0';
+        current = Descend(*current, Step(segment), source);
+        if (!current) return nullptr;
+        segment = dot + 1;
+    }
+    IKORProperty* const known = current->GetProperty(segment);
+    return known ? known : current->NewProperty(segment);
+}
+
+}  // namespace
+
+void decode_property_bag(IKORPropertyBag& bag, SerialSource& source, char const* text) {
     char const* const space = std::strchr(text, ' ');
     if (!space) return;
-    std::string const path(text, space);
-    IKORPropertyBag* current = &bag;
-    std::size_t start = 0;
-    for (std::size_t dot; (dot = path.find('.', start)) != std::string::npos; start = dot + 1)
-        current = &Descend(*current, path.substr(start, dot - start), empty_bags);
-    decode_property(FindOrMake(*current, path.c_str() + start), stream, SkipBlanks(space));
+    char const* const value = SkipBlanks(space);
+    if (IKORProperty* const property = FollowPath(bag, std::string(text, space), source))
+        return decode_property(source, value, *property);
+    KORPropertyBag dropped;
+    decode_property(source, value, *dropped.NewProperty(""));
 }
 
-void ReportUnknownToken(char const* file, int line, std::string const& token) {
+// A token is what the other side chose to send.
+void ReportUnknownToken(char const* file, int line, std::string_view token) {
+    std::string shown(token.substr(0, kMostOfToken));
+    std::replace_if(
+        shown.begin(), shown.end(), [](char one) { return static_cast<signed char>(one) < 0x20 || one == 0x7f; }, '?');
     char const* const slash = std::strrchr(file, '/');
-    ::syslog(kPriority, "%s:%d Failed to find token %s", slash ? slash + 1 : file, line, token.c_str());
+    ::syslog(kPriority, "%s:%d Failed to find token %s", slash ? slash + 1 : file, line, shown.c_str());
 }
 
 }  // namespace VELT::results

@@ -7,6 +7,8 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace VELT {
 class BufferedStream;
@@ -14,15 +16,45 @@ class BufferedStream;
 
 namespace VELT::results {
 
-// A line with its end cut off. Comment lines, which begin with '#', are never seen.
-struct RecordLine {
-    explicit RecordLine(BufferedStream& stream);  // reads the next one
+constexpr long kMostCharacters = 64l << 20;        // of one string
+constexpr unsigned long kMostBytes = 256ul << 20;  // of one verdict or section
+constexpr unsigned long kLineBytes = 1024;  // that a line counts for beyond its own: what it may make takes memory
+constexpr long kMostIndex = 1023;           // of a bag among the elements of its property
+constexpr unsigned kMostSegments = 64;      // of a property's path, its own name included
+constexpr unsigned kMostBags = 65536;       // that the paths of one verdict or section make
 
-    int length = 0;  // 0: an empty line or the end of the stream; -1: the stream failed
-    bool overflow = false;
+// The stream of one verdict or section, and what may still be taken from it.
+class SerialSource {
+public:
+    explicit SerialSource(BufferedStream& stream) : m_stream(stream) {}
+    SerialSource(SerialSource const&) = delete;
+    SerialSource& operator=(SerialSource const&) = delete;
+
+    int ReadLine(char*& line, bool& complete);       // as getline; comment lines are never seen
+    int ReadPiece(char*& data, unsigned long most);  // raw bytes; 0 or -1 where there are none
+    bool TakeBags(unsigned count);                   // false: none of them may be made
+    bool overdrawn() const { return m_overdrawn; }   // more came than one verdict may have: nothing more is read
+
+private:
+    bool Take(unsigned long bytes);
+
+    BufferedStream& m_stream;
+    unsigned long m_bytes = kMostBytes;
+    unsigned m_bags = kMostBags;
+    bool m_overdrawn = false;
+};
+
+// The next line, with its end cut off. It lasts until more is read.
+struct RecordLine {
+    explicit RecordLine(SerialSource& source);
+    bool is_end() const { return length < 1; }
+    bool is_empty_line() const { return is_end() && complete; }  // and not the end of the stream
+
+    int length;  // below 1: an empty line or the end of the stream; -1: the stream failed
+    bool complete = false;
     bool has_space = false;
-    std::string word;  // up to the first space, or all of it
-    std::string text;  // behind it and the blanks after it
+    std::string_view word;  // up to the first space, or all of it
+    char const* text = "";  // behind it and the blanks after it
 };
 
 char const* SkipBlanks(char const* text);  // bytes below 0x21, the signed value counts; up to the NUL
@@ -36,17 +68,19 @@ struct SerialTag {
 
 SerialTag get_type(char const*& text);  // leaves `text` on the value
 
-bool decode(BufferedStream& stream, char const* text, bool& value);
-bool decode(BufferedStream& stream, char const* text, int& value);
-bool decode(BufferedStream& stream, char const* text, std::string& value);                  // appends
-bool decode(BufferedStream& stream, std::optional<std::wstring>& value, char const* text);  // negative count: none
+// The payload of a string follows in the source.
+bool decode(SerialSource& source, char const* text, bool& value);
+bool decode(SerialSource& source, char const* text, int& value);
+bool decode(SerialSource& source, char const* text, std::optional<std::string>& value);   // an earlier one goes
+bool decode(SerialSource& source, char const* text, std::string& value);                  // appends
+bool decode(SerialSource& source, char const* text, std::vector<std::string>& value);     // the text itself
+bool decode(SerialSource& source, std::optional<std::wstring>& value, char const* text);  // negative count: none
 
 // One property line from behind its section's name and dot. A string's payload cut short leaves the property alone.
-// An index makes the bags before it, too, out of `empty_bags`; where none are left it means the bag behind the last.
-void decode_property_bag(IKORPropertyBag& bag, BufferedStream& stream, char const* text, unsigned& empty_bags);
+// A line whose path is beyond the limits above is dropped, its payload with it.
+void decode_property_bag(IKORPropertyBag& bag, SerialSource& source, char const* text);
+void decode_property(SerialSource& source, char const* value, IKORProperty& property);
 
-constexpr unsigned kMostEmptyBags = 4095;  // that the indices of one verdict may make
-
-void ReportUnknownToken(char const* file, int line, std::string const& token);
+void ReportUnknownToken(char const* file, int line, std::string_view token);  // the token as far as it can be printed
 
 }  // namespace VELT::results

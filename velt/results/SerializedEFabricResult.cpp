@@ -1,6 +1,7 @@
 #include <velt/results/SerializedEFabricResult.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <iterator>
 
@@ -10,20 +11,31 @@ namespace VELT {
 
 namespace {
 
-wchar_t* Widen(std::string const& text, wchar_t* buffer) {
-    return std::transform(text.begin(), text.end(), buffer,
-                          [](char byte) { return static_cast<wchar_t>(static_cast<signed char>(byte)); });
+// The text, its 0, and one more 0 where there is room: `size` grows by the two. Null, and nothing written: an empty
+// text, or one of `size` or more. Bytes are signed, so those of other scripts become negative.
+wchar_t* convert_to_wchar(char const* text, wchar_t* buffer, int& size) {
+    std::size_t const length = std::strlen(text);
+    if (length == 0 || size < 0 || length >= static_cast<std::size_t>(size)) return nullptr;
+    wchar_t* const end = std::transform(text, text + length, buffer,
+                                        [](char byte) { return static_cast<wchar_t>(static_cast<signed char>(byte)); });
+    *end = L'\0';
+    if (length + 1 < static_cast<std::size_t>(size)) end[1] = L'\0';
+    size += 2;
+    return buffer;
 }
 
-// Each name with a separator behind it and room for the 0 that ends the text.
-bool WriteNames(std::vector<std::string> const& names, wchar_t* buffer, int size, wchar_t separator) {
-    if (size < 1) return true;
-    auto room = static_cast<std::size_t>(size);
+// Each name with a separator behind it, and a 0 that ends the text. Names come from the wire: what is written ends
+// within the buffer, whatever their count, and so the room is counted here and not by the two that each one adds.
+bool convert_to_wchar(std::vector<std::string> const& names, wchar_t* buffer, int size, wchar_t separator) {
+    if (!buffer || size < 1) return true;
     for (std::string const& name : names) {
-        if (name.size() + 2 > room) break;
-        buffer = Widen(name, buffer);
-        *buffer++ = separator;
-        room -= name.size() + 1;
+        int const length = static_cast<int>(std::min<std::size_t>(name.size(), INT_MAX / 2));
+        if (length + 2 > size) break;
+        int room = size;
+        convert_to_wchar(name.c_str(), buffer, room);
+        buffer[length] = separator;
+        buffer += length + 1;
+        size -= length + 1;
     }
     *buffer = L'\0';
     return true;
@@ -44,75 +56,89 @@ SerializedEFabricResult::Token const SerializedEFabricResult::s_AsciiDecode[] = 
     {"msr.sr.result", &SerializedEFabricResult::decode_result},
 };
 
-SerializedEFabricResult* SerializedEFabricResult::deserialize(BufferedStream* stream) {
-    bool ok = false;
-    auto made = std::make_unique<SerializedEFabricResult>(stream, ok);
+SerializedEFabricResult* SerializedEFabricResult::deserialize(BufferedStream* stream, bool* ended) {
+    std::unique_ptr<SerializedEFabricResult> made(new SerializedEFabricResult);
+    bool whole = false;
+    bool const ok = made->decode_ascii_stream(stream, whole);
+    if (ended) *ended = whole;
     return ok ? made.release() : nullptr;
 }
 
-SerializedEFabricResult::SerializedEFabricResult(BufferedStream* stream, bool& ok)
-    : empty_bags(results::kMostEmptyBags) {
-    ok = !stream || decode_ascii_stream(*stream);
+void SerializedEFabricResult::deserialize(BufferedStream* stream, char const* name, IKORPropertyBag& bag, bool* ended) {
+    if (ended) *ended = false;
+    bag.Clear();
+    if (!stream) return;
+    results::SerialSource source(*stream);
+    std::size_t const length = std::strlen(name);
+    char* line = nullptr;
+    bool complete = false;
+    while (source.ReadLine(line, complete) > 0) {
+        if (std::strncmp(line, name, length) != 0) return;
+        if (line[length] == '.') results::decode_property_bag(bag, source, line + length + 1);
+    }
+    if (ended) *ended = complete;
 }
 
-bool SerializedEFabricResult::decode_ascii_stream(BufferedStream& stream) {
+SerializedEFabricResult::SerializedEFabricResult(BufferedStream* stream, bool& ok) {
+    bool ended = false;
+    ok = decode_ascii_stream(stream, ended);
+}
+
+bool SerializedEFabricResult::decode_ascii_stream(BufferedStream* stream, bool& ended) {
+    if (!stream) return true;
+    results::SerialSource source(*stream);
     for (;;) {
-        results::RecordLine const line(stream);
-        if (line.length < 1) return true;
+        results::RecordLine const line(source);
+        ended = line.is_empty_line();
+        if (line.is_end()) return !source.overdrawn();
         auto const* const token = std::find_if(std::begin(s_AsciiDecode), std::end(s_AsciiDecode),
                                                [&](Token const& known) { return line.word == known.word; });
         if (token == std::end(s_AsciiDecode)) {
             results::ReportUnknownToken(__FILE__, __LINE__, line.word);
             return false;
         }
-        if (!(this->*token->handler)(stream, line.text)) return false;
+        if (!(this->*token->handler)(source, line.text)) return false;
     }
 }
 
-bool SerializedEFabricResult::decode_triggered(BufferedStream& stream, std::string const& text) {
-    return results::decode(stream, text.c_str(), triggered);
+bool SerializedEFabricResult::decode_triggered(results::SerialSource& source, char const* text) {
+    return results::decode(source, text, triggered);
 }
 
-bool SerializedEFabricResult::decode_modified(BufferedStream& stream, std::string const& text) {
-    return results::decode(stream, text.c_str(), modified);
+bool SerializedEFabricResult::decode_modified(results::SerialSource& source, char const* text) {
+    return results::decode(source, text, modified);
 }
 
-bool SerializedEFabricResult::decode_action(BufferedStream& stream, std::string const& text) {
-    std::string read;
-    if (!results::decode(stream, text.c_str(), read)) return false;
-    action = std::move(read);
-    return true;
+bool SerializedEFabricResult::decode_action(results::SerialSource& source, char const* text) {
+    return results::decode(source, text, action);
 }
 
-bool SerializedEFabricResult::decode_infection_description(BufferedStream& stream, std::string const& text) {
-    return results::decode(stream, text.c_str(), infection_description);
+bool SerializedEFabricResult::decode_infection_description(results::SerialSource& source, char const* text) {
+    return results::decode(source, text, infection_description);
 }
 
-bool SerializedEFabricResult::decode_infection_names(BufferedStream&, std::string const& text) {
-    infection_names.push_back(text);
-    return true;
+bool SerializedEFabricResult::decode_infection_names(results::SerialSource& source, char const* text) {
+    return results::decode(source, text, infection_names);
 }
 
-bool SerializedEFabricResult::decode_infected_components(BufferedStream&, std::string const& text) {
-    infected_components.push_back(text);
-    return true;
+bool SerializedEFabricResult::decode_infected_components(results::SerialSource& source, char const* text) {
+    return results::decode(source, text, infected_components);
 }
 
-bool SerializedEFabricResult::decode_actions(BufferedStream&, std::string const& text) {
-    actions.push_back(text);
-    return true;
+bool SerializedEFabricResult::decode_actions(results::SerialSource& source, char const* text) {
+    return results::decode(source, text, actions);
 }
 
-bool SerializedEFabricResult::decode_master_result(BufferedStream& stream, std::string const&) {
+bool SerializedEFabricResult::decode_master_result(results::SerialSource& source, char const*) {
     bool ok = false;
-    master = std::make_unique<ScanResult>(stream, empty_bags, ok);
+    master = std::make_unique<ScanResult>(source, ok);
     if (!ok) master.reset();
     return ok;
 }
 
-bool SerializedEFabricResult::decode_result(BufferedStream& stream, std::string const&) {
+bool SerializedEFabricResult::decode_result(results::SerialSource& source, char const*) {
     bool ok = false;
-    auto read = std::make_unique<ScanResult>(stream, empty_bags, ok);
+    auto read = std::make_unique<ScanResult>(source, ok);
     if (ok) results.push_back(std::move(read));
     return ok;
 }
@@ -127,17 +153,15 @@ IKORScanResult const* SerializedEFabricResult::FindFirstScanResult(long& pos) co
 IKORScanResult const* SerializedEFabricResult::FindNextScanResult(long& pos) const { return at(++pos); }
 
 bool SerializedEFabricResult::GetInfectionDescription(wchar_t* buffer, int size) const {
-    if (infection_description.empty() || static_cast<long>(infection_description.size()) >= size) return false;
-    *Widen(infection_description, buffer) = L'\0';
-    return true;
+    return convert_to_wchar(infection_description.c_str(), buffer, size) != nullptr;
 }
 
 bool SerializedEFabricResult::GetInfectionNames(wchar_t* buffer, int size, wchar_t separator) const {
-    return WriteNames(infection_names, buffer, size, separator);
+    return convert_to_wchar(infection_names, buffer, size, separator);
 }
 
 bool SerializedEFabricResult::GetInfectedComponentNames(wchar_t* buffer, int size, wchar_t separator) const {
-    return WriteNames(infected_components, buffer, size, separator);
+    return convert_to_wchar(infected_components, buffer, size, separator);
 }
 
 bool SerializedEFabricResult::DidActionOccur(char const* name) const {
@@ -145,6 +169,7 @@ bool SerializedEFabricResult::DidActionOccur(char const* name) const {
 }
 
 bool SerializedEFabricResult::GetActionList(char* buffer, unsigned& size, char separator, unsigned& count) const {
+    if (!buffer) return true;
     char* const start = buffer;
     unsigned room = size;
     count = 0;

@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <velt/Export.h>
@@ -21,7 +22,13 @@ class BufferedStream;
 
 class VELT_API SerializedEFabricResult : public IScanResultHandler {
 public:
-    static SerializedEFabricResult* deserialize(BufferedStream* stream);  // a null stream gives the empty verdict
+    // A new verdict; a null stream gives the empty one. The end of the stream ends a verdict as its empty line does,
+    // without a failure: `ended`, where it is given, tells whether the empty line was there. False: it was cut.
+    static SerializedEFabricResult* deserialize(BufferedStream* stream, bool* ended = nullptr);
+
+    // A property section in place of what the bag holds. It ends at its empty line, at the end of the stream, and at a
+    // line that does not begin with the name, which is lost; `ended` as above, false in the other two cases.
+    static void deserialize(BufferedStream* stream, char const* name, IKORPropertyBag& bag, bool* ended = nullptr);
 
     SerializedEFabricResult(BufferedStream* stream, bool& ok);
     SerializedEFabricResult(SerializedEFabricResult const&) = delete;
@@ -46,26 +53,24 @@ public:
     void const* GetPolicyStatement() const override { return nullptr; }
 
 private:
-    using Handler = bool (SerializedEFabricResult::*)(BufferedStream&, std::string const&);
     struct Token {
-        char const* word;
-        Handler handler;
+        std::string_view word;
+        bool (SerializedEFabricResult::*handler)(results::SerialSource&, char const* text);
     };
     static Token const s_AsciiDecode[10];
 
-    bool decode_ascii_stream(BufferedStream& stream);
-    bool decode_triggered(BufferedStream& stream, std::string const& text);
-    bool decode_modified(BufferedStream& stream, std::string const& text);
-    bool decode_action(BufferedStream& stream, std::string const& text);
-    bool decode_infection_description(BufferedStream& stream, std::string const& text);
-    bool decode_infection_names(BufferedStream& stream, std::string const& text);
-    bool decode_infected_components(BufferedStream& stream, std::string const& text);
-    bool decode_actions(BufferedStream& stream, std::string const& text);
-    bool decode_master_result(BufferedStream& stream, std::string const& text);
-    bool decode_result(BufferedStream& stream, std::string const& text);
+    SerializedEFabricResult() = default;
+    bool decode_ascii_stream(BufferedStream* stream, bool& ended);
+    bool decode_triggered(results::SerialSource& source, char const* text);
+    bool decode_modified(results::SerialSource& source, char const* text);
+    bool decode_action(results::SerialSource& source, char const* text);
+    bool decode_infection_description(results::SerialSource& source, char const* text);
+    bool decode_infection_names(results::SerialSource& source, char const* text);
+    bool decode_infected_components(results::SerialSource& source, char const* text);
+    bool decode_actions(results::SerialSource& source, char const* text);
+    bool decode_master_result(results::SerialSource& source, char const* text);
+    bool decode_result(results::SerialSource& source, char const* text);
     IKORScanResult const* at(long pos) const;
-
-    unsigned empty_bags;  // what its results may still make; see results::decode_property_bag
 
     bool modified = false;
     bool triggered = false;
