@@ -55,6 +55,8 @@ public:
     char const* server_name() const { return name; }  // for reports
     static int get_data_timeout() { return LsDataTimeout; }
 
+    static void initialise();  // makes the counters; once, at start-up
+
     [[noreturn]] void cache_daemon();  // of the server's own thread
 
     // Of the process, in units of 1024 ms; the server that was made last decides.
@@ -63,12 +65,11 @@ public:
     static bool s_usethreads;               // set at start-up: connections are kept only where it is true
 
 private:
-    struct Search;
-
-    void Keep(int socket);
-    int TakeIdle(bool available);
-    bool WakesUp(TCPStream& stream) const;
+    static void ForgetAll();
+    void ReadName();
     void StartCacheThread();
+    void Keep(int socket);
+    int TakeIdle(bool available);  // -1: there is none
 
     std::deque<int> cache;  // guarded by cache_lock; the oldest at the front
     std::mutex cache_lock;  // never held over anything that waits
@@ -85,6 +86,7 @@ private:
 
     static ScannerServer* First;
     static ScannerServer* Last;
+    static ScannerServer* s_stale;  // those of earlier lists
 };
 
 // The loop of a server's thread; the argument is the server.

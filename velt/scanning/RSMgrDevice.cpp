@@ -1,0 +1,58 @@
+// All that is said to the resource manager's device: docs/formats/resource-manager.md.
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include <velt/scanning/RSMgrBackends.h>
+
+namespace VELT::manager {
+
+namespace {
+
+constexpr char const* kControlDevice = "/dev/qxrmgrctl";
+constexpr char const* kResourceDevice = "/dev/qxrmgr";
+constexpr char const* kManagerEntry = "/proc/qxrmgr";
+constexpr char const* kSettingsEntry = "/proc/qxrmgr/settings";
+constexpr int kFirstHighDescriptor = 1024;
+
+bool DeviceIsThere() { return ::access(kControlDevice, F_OK) == 0; }
+
+int OpenDevice(int resource) {
+    std::string const path = resource == kControl ? kControlDevice : kResourceDevice + std::to_string(resource);
+    int const fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    return fd < 0 ? fd : MoveUp(fd);
+}
+
+int AskDevice(int handle, Request request, void* argument) { return ::ioctl(handle, request, argument); }
+
+bool DeviceIsActive() {
+    if (::access(kManagerEntry, R_OK) != 0) return false;
+    int const handle = OpenDevice(kControl);
+    if (handle < 0) return false;
+    bool const active = AskDevice(handle, kServersInUse, nullptr) > 0;
+    ::close(handle);
+    return active;
+}
+
+bool ReadDeviceSettings(Settings& settings) {
+    std::unique_ptr<std::FILE, int (*)(std::FILE*)> const entry(std::fopen(kSettingsEntry, "r"), &std::fclose);
+    return entry && std::fscanf(entry.get(), "%d %d %d %d", &settings.cache, &settings.cacheSeconds,
+                                &settings.connectTimeout, &settings.dataTimeout) == 4;
+}
+
+}  // namespace
+
+int MoveUp(int fd) {
+    int const moved = ::fcntl(fd, F_DUPFD_CLOEXEC, kFirstHighDescriptor);
+    if (moved < 0) return fd;
+    ::close(fd);
+    return moved;
+}
+
+Backend const g_device{DeviceIsThere, OpenDevice, AskDevice, DeviceIsActive, ReadDeviceSettings};
+
+}  // namespace VELT::manager
