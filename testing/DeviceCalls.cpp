@@ -1,4 +1,4 @@
-// The calls that DeviceModel stands under: what a program defines is found before the system's own.
+// The calls that DeviceModel and ManagerModel stand under: what a program defines is found before the system's own.
 #ifndef _GNU_SOURCE
 #define _GNU_SOURCE
 #endif
@@ -10,8 +10,10 @@
 #include <string>
 
 #include "testing/DeviceModel.h"
+#include "testing/ManagerModel.h"
 
 using velt_testing::DeviceModel;
+using velt_testing::ManagerModel;
 
 namespace {
 
@@ -37,18 +39,20 @@ int open(char const* path, int flags, ...) {
     unsigned const mode = va_arg(values, unsigned);
     va_end(values);
     int result;
-    return DeviceModel::TakesOpen(path, flags, result) ? result : real(path, flags, mode);
+    bool const taken = DeviceModel::TakesOpen(path, flags, result) || ManagerModel::TakesOpen(path, flags, result);
+    return taken ? result : real(path, flags, mode);
 }
 
 std::FILE* fopen(char const* path, char const* mode) {
     static auto const real = Next<std::FILE* (*)(char const*, char const*)>("fopen");
-    return real(DeviceModel::PathFor(path).c_str(), mode);
+    return real(ManagerModel::PathFor(DeviceModel::PathFor(path)).c_str(), mode);
 }
 
 int access(char const* path, int mode) noexcept {
     static auto const real = Next<int (*)(char const*, int)>("access");
     int result;
-    return DeviceModel::TakesAccess(path, result) ? result : real(path, mode);
+    bool const taken = DeviceModel::TakesAccess(path, result) || ManagerModel::TakesAccess(path, result);
+    return taken ? result : real(path, mode);
 }
 
 int ioctl(int fd, unsigned long request, ...) noexcept {
@@ -58,7 +62,9 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
     void* const argument = va_arg(values, void*);
     va_end(values);
     int result;
-    return DeviceModel::TakesIoctl(fd, request, argument, result) ? result : real(fd, request, argument);
+    bool const taken = DeviceModel::TakesIoctl(fd, request, argument, result) ||
+                       ManagerModel::TakesIoctl(fd, request, argument, result);
+    return taken ? result : real(fd, request, argument);
 }
 
 void syslog(int priority, char const* format, ...) {

@@ -2,8 +2,8 @@
 // handle occupies what it was given; its last close is the end of that, however the process came to it.
 // It is asked through the character device /dev/qxrmgrctl where that exists (docs/formats/resource-manager.md).
 // Owner: a handle is its caller's, who frees it. Threads: any, each with handles of its own; a handle that several
-// threads share is only asked whether it is available. Units: seconds, unless told otherwise; addresses in network order.
-// Failure: false or -1 with errno; on a closed handle -1 with the errno that was there. Nothing throws.
+// threads share is only asked whether it is available. Units: seconds, unless told otherwise; addresses in network
+// order. Failure: false or -1 with errno; on a closed handle -1 with the errno that was there. Nothing throws.
 #pragma once
 
 #include <netinet/in.h>
@@ -27,7 +27,8 @@ VELT_API int RSMgrResourceAttributes(int& handle, char* name);
 VELT_API int RSMgrWaitForResource(int& handle, int timeout, sockaddr_in* address, int* id, int* sequence);
 VELT_API bool RSMgrResourceAvailable(int& handle);  // what the handle was opened on is up
 
-// A scanner process announces itself by the first and says by the others whether it takes work. What the manager answers.
+// A scanner process announces itself by the first and says by the others whether it takes work. What the manager
+// answers.
 VELT_API int RSMgrSetupResource(int& handle, int first, int second, int third, sockaddr_in* address, char* name);
 VELT_API int RSMgrAvailable(int& handle);
 VELT_API int RSMgrUnAvailable(int& handle);
