@@ -1,0 +1,222 @@
+#include "RetryFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <ctime>
+#include <filesystem>
+
+#include "BlockReader.h"
+
+namespace smtp {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr long kBehind = 86400;  // of the modification time; above every "NewFileDelta"
+constexpr std::chrono::hours kLongUnfinished{1};
+
+bool WriteAt(int fd, std::string_view bytes, std::uint64_t at) {
+    while (!bytes.empty()) {
+        ssize_t const count = ::pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(at));
+        if (count < 0 && errno == EINTR) continue;
+        if (count == 0) errno = ENOSPC;
+        if (count <= 0) return false;
+        bytes.remove_prefix(static_cast<std::size_t>(count));
+        at += static_cast<std::uint64_t>(count);
+    }
+    return true;
+}
+
+bool Flush(int fd) {
+    int result;
+    do {
+        result = ::fsync(fd);
+    } while (result != 0 && errno == EINTR);
+    return result == 0;
+}
+
+bool SetBehind(int fd) {
+    timespec const times[2] = {{0, UTIME_OMIT}, {::time(nullptr) - kBehind, 0}};
+    return ::futimens(fd, times) == 0;
+}
+
+bool FlushDirectory(std::string const& directory) {
+    int const fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return false;
+    bool const flushed = Flush(fd);
+    int const error = errno;
+    ::close(fd);
+    errno = error;
+    return flushed;
+}
+
+bool WriteMessage(int fd, Content const& content, RetryLayout& layout) {
+    BlockReader reader(content);
+    std::uint64_t at = layout.message();
+    while (reader.left()) {
+        std::string_view block;
+        errno = EIO;
+        if (!reader.Next(block)) return false;
+        layout.messageSum = Checksum(block, layout.messageSum);
+        if (!WriteAt(fd, block, at)) return false;
+        at += block.size();
+    }
+    return true;
+}
+
+// The first line comes last: a file that was not finished does not begin as one that was.
+bool WriteAll(int fd, RetryEnvelope const& envelope, RetryStatus const& status, Content const& content) {
+    std::string const head = WriteEnvelope(envelope);
+    RetryLayout layout;
+    layout.envelopeLength = head.size();
+    layout.envelopeSum = Checksum(head);
+    layout.slotLength = SlotLength(status.recipients.size());
+    layout.messageLength = content.size();
+    std::string const slot = WriteSlot(status);
+    errno = EFBIG;
+    if (head.size() > RetryLayout::kMaxEnvelope) return false;
+    return WriteAt(fd, head + slot + slot, RetryLayout::kFirstLine) && WriteMessage(fd, content, layout) &&
+           WriteAt(fd, WriteFirstLine(layout), 0) && (status.tries == 0 || SetBehind(fd)) && Flush(fd);
+}
+
+bool WriteFile(std::string const& path, RetryEnvelope const& envelope, RetryStatus const& status,
+               Content const& content) {
+    int const fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0) return false;
+    bool const written = WriteAll(fd, envelope, status, content);
+    int const error = errno;
+    bool const closed = ::close(fd) == 0 || errno == EINTR;  // some file systems tell only here of a write that failed
+    if (!written) errno = error;
+    return written && closed;
+}
+
+// False, with the errno of before: the work is undone.
+bool Undo(std::string const& path) {
+    int const error = errno;
+    ::unlink(path.c_str());
+    errno = error;
+    return false;
+}
+
+bool IsLongUnfinished(fs::directory_entry const& entry) {
+    std::error_code error;
+    if (!entry.path().filename().string().ends_with(kUnfinishedSuffix)) return false;
+    if (!entry.is_regular_file(error) || entry.is_symlink(error)) return false;
+    struct stat facts {};
+    if (::stat(entry.path().c_str(), &facts) != 0) return false;
+    return ::time(nullptr) - facts.st_ctime > std::chrono::seconds(kLongUnfinished).count();
+}
+
+}  // namespace
+
+bool StoreRetryFile(std::string const& directory, std::string const& name, RetryEnvelope const& envelope,
+                    RetryStatus const& status, Content const& content) {
+    std::string const unfinished = directory + name + kUnfinishedSuffix;
+    std::string const path = directory + name + kRetrySuffix;
+    if (!WriteFile(unfinished, envelope, status, content)) return Undo(unfinished);
+    if (::rename(unfinished.c_str(), path.c_str()) != 0) return Undo(unfinished);
+    return FlushDirectory(directory) || Undo(path);
+}
+
+unsigned long SweepUnfinished(std::string const& directory) {
+    std::error_code error;
+    unsigned long removed = 0;
+    for (fs::directory_iterator it(directory, error), end; !error && it != end; it.increment(error)) {
+        std::error_code ignored;
+        if (IsLongUnfinished(*it) && fs::remove(it->path(), ignored)) ++removed;
+    }
+    return removed;
+}
+
+RetryFile::~RetryFile() {
+    if (m_fd >= 0) ::close(m_fd);
+}
+
+bool RetryFile::ReadPart(std::uint64_t from, std::uint64_t length, std::string& out) {
+    out.resize(length);
+    std::uint64_t done = 0;
+    while (done < length) {
+        ssize_t const count = ::pread(m_fd, out.data() + done, length - done, static_cast<off_t>(from + done));
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return false;
+        if (count == 0) break;
+        done += static_cast<std::uint64_t>(count);
+    }
+    out.resize(done);
+    return true;
+}
+
+RetryFault RetryFile::Read() {
+    struct stat facts {};
+    std::string part;
+    if (::fstat(m_fd, &facts) != 0 || !ReadPart(0, RetryLayout::kFirstLine, part)) return RetryFault::Unreadable;
+    RetryFault fault = ReadFirstLine(part, m_layout);
+    if (fault != RetryFault::None) return fault;
+    if (static_cast<std::uint64_t>(facts.st_size) != m_layout.end()) return RetryFault::Truncated;
+    if (!ReadPart(RetryLayout::kFirstLine, m_layout.envelopeLength, part)) return RetryFault::Unreadable;
+    fault = ReadEnvelope(part, m_layout, m_envelope);
+    return fault == RetryFault::None ? ReadStatus() : fault;
+}
+
+// The slot with the higher number holds; a write that was cut off leaves the other one.
+RetryFault RetryFile::ReadStatus() {
+    bool found = false;
+    for (unsigned which : {0u, 1u}) {
+        std::string part;
+        RetryStatus status;
+        if (!ReadPart(m_layout.slot(which), m_layout.slotLength, part)) return RetryFault::Unreadable;
+        if (!ReadSlot(part, m_envelope.recipients.size(), status)) continue;
+        if (!found || status.sequence > m_status.sequence) m_status = std::move(status);
+        found = true;
+    }
+    return found ? RetryFault::None : RetryFault::StatusDamaged;
+}
+
+RetryFault RetryFile::ReadMessage(VELT::ScannerStream& out) {
+    std::uint32_t sum = 0;
+    std::string block;
+    for (std::uint64_t at = m_layout.message(); at < m_layout.end(); at += block.size()) {
+        if (!ReadPart(at, std::min<std::uint64_t>(BlockReader::kBlock, m_layout.end() - at), block)) {
+            return RetryFault::Unreadable;
+        }
+        if (block.empty()) return RetryFault::Truncated;
+        sum = Checksum(block, sum);
+        if (out.write(block.data(), static_cast<unsigned>(block.size())) != static_cast<long>(block.size())) {
+            return RetryFault::Unreadable;
+        }
+    }
+    return sum == m_layout.messageSum ? RetryFault::None : RetryFault::MessageDamaged;
+}
+
+// The slot that does not hold is written over. Until it is flushed the other one stands as the last word.
+bool RetryFile::Note(RetryStatus status) {
+    status.sequence = m_status.sequence + 1;
+    std::uint64_t const at = m_layout.slot(static_cast<unsigned>(status.sequence % 2));
+    bool const written = WriteAt(m_fd, WriteSlot(status), at) && SetBehind(m_fd) && Flush(m_fd);
+    if (written) m_status = std::move(status);
+    return written;
+}
+
+bool RetryFile::Rest() { return SetBehind(m_fd); }
+
+bool RetryFile::IsStillNamed() const {
+    struct stat own {};
+    struct stat named {};
+    return ::fstat(m_fd, &own) == 0 && ::lstat(m_path.c_str(), &named) == 0 && own.st_dev == named.st_dev &&
+           own.st_ino == named.st_ino;
+}
+
+// A removal that is not flushed would come back with the machine, and the mail with it.
+bool RetryFile::Remove() {
+    if (!IsStillNamed()) return true;
+    if (::unlink(m_path.c_str()) != 0) return errno == ENOENT;
+    FlushDirectory(m_path.substr(0, m_path.rfind('/') + 1));
+    return true;
+}
+
+}  // namespace smtp

@@ -1,0 +1,60 @@
+// RetryFile: a mail that waits to be delivered, in its file "<name>.rmd".
+// Written once, under a name that no walk takes ("<name>.rmd.tmp"), flushed, and renamed; afterwards only its status
+// changes, in place, so that whoever has the file locked keeps it. A status that was written is flushed before the call
+// returns. The modification time is kept a day behind the status time: so a file rests between two tries.
+// Owner: whoever works on the mail; a RetryFile owns its descriptor, and the lock goes with it: nobody else of the
+// process may open the file meanwhile. Thread: one at a time. Failure: RetryFault, or false with errno.
+#pragma once
+
+#include <string>
+
+#include "Message.h"
+#include "core/RetryFormat.h"
+
+namespace smtp {
+
+inline constexpr char const* kRetrySuffix = ".rmd";
+inline constexpr char const* kUnfinishedSuffix = ".rmd.tmp";
+
+// Writes a whole file. `directory` ends in "/". tries of 0: it is due at once; otherwise it begins with a rest.
+// True: it is there after whatever happens to the machine. False, with errno: it is not there.
+bool StoreRetryFile(std::string const& directory, std::string const& name, RetryEnvelope const& envelope,
+                    RetryStatus const& status, Content const& content);
+
+// Removes what writers left behind that came to no end; how many. Younger than an hour: it may still be written.
+unsigned long SweepUnfinished(std::string const& directory);
+
+class RetryFile {
+public:
+    RetryFile(int fd, std::string path) : m_fd(fd), m_path(std::move(path)) {}
+    ~RetryFile();
+    RetryFile(RetryFile const&) = delete;
+    RetryFile& operator=(RetryFile const&) = delete;
+
+    RetryFault Read();  // all but the message
+    RetryFault ReadMessage(VELT::ScannerStream& out);
+
+    std::string const& path() const { return m_path; }
+    RetryEnvelope const& envelope() const { return m_envelope; }
+    RetryStatus const& status() const { return m_status; }
+    std::uint64_t messageLength() const { return m_layout.messageLength; }
+
+    bool Note(RetryStatus status);  // from now on this is how far it is; the sequence is counted here
+    bool Rest();                    // not due before the retryer's interval has passed; nothing is flushed
+
+    // Gone for good. True too where the path leads to another file by now, which is left alone.
+    bool Remove();
+
+private:
+    bool ReadPart(std::uint64_t from, std::uint64_t length, std::string& out);
+    RetryFault ReadStatus();
+    bool IsStillNamed() const;
+
+    int m_fd;
+    std::string m_path;
+    RetryLayout m_layout;
+    RetryEnvelope m_envelope;
+    RetryStatus m_status;
+};
+
+}  // namespace smtp

@@ -1,0 +1,468 @@
+#include "RetryFile.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <map>
+
+#include <testing/DocExample.h>
+#include <testing/SpoolRoom.h>
+
+namespace {
+
+// The calls of the system that a writer makes, counted; one of them fails, or is the last thing the process does. What
+// a machine keeps when its power goes is noted beside: of a file what was flushed, of a directory the names that were.
+struct Calls {
+    static inline bool watched = false;
+    static inline int made = 0;
+    static inline int failing = 0;  // the n-th; 0: none
+    static inline int error = EIO;
+    static inline std::function<void()> last;  // in place of the n-th call
+    static inline std::map<ino_t, std::string> flushed;
+    static inline std::map<std::string, ino_t> names;
+    static inline std::string directory;
+
+    static bool Fails() {
+        if (!watched || ++made != failing) return false;
+        if (last) last();
+        errno = error;
+        return true;
+    }
+};
+
+std::string Slurp(std::string const& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+std::map<std::string, ino_t> NamesIn(std::string const& directory) {
+    std::map<std::string, ino_t> names;
+    for (auto const& entry : std::filesystem::directory_iterator(directory)) {
+        struct stat facts {};
+        if (::lstat(entry.path().c_str(), &facts) == 0) names[entry.path().filename()] = facts.st_ino;
+    }
+    return names;
+}
+
+void NoteFlushed(int fd) {
+    struct stat facts {};
+    ::fstat(fd, &facts);
+    if (S_ISDIR(facts.st_mode)) {
+        Calls::names = NamesIn(Calls::directory);
+    } else {
+        Calls::flushed[facts.st_ino] = Slurp("/proc/self/fd/" + std::to_string(fd));
+    }
+}
+
+}  // namespace
+
+extern "C" {
+ssize_t __real_pwrite(int fd, void const* data, size_t length, off_t at);
+int __real_fsync(int fd);
+int __real_futimens(int fd, timespec const* times);
+int __real_rename(char const* from, char const* to);
+int __real_unlink(char const* path);
+int __real_close(int fd);
+
+// Half of it at a time, so that a part is as likely to be the last as the whole.
+ssize_t __wrap_pwrite(int fd, void const* data, size_t length, off_t at) {
+    if (Calls::Fails()) return -1;
+    return __real_pwrite(fd, data, Calls::watched && length > 1 ? length / 2 : length, at);
+}
+int __wrap_fsync(int fd) {
+    if (Calls::Fails()) return -1;
+    int const result = __real_fsync(fd);
+    if (Calls::watched) NoteFlushed(fd);
+    return result;
+}
+int __wrap_futimens(int fd, timespec const* times) { return Calls::Fails() ? -1 : __real_futimens(fd, times); }
+int __wrap_rename(char const* from, char const* to) { return Calls::Fails() ? -1 : __real_rename(from, to); }
+int __wrap_unlink(char const* path) { return Calls::Fails() ? -1 : __real_unlink(path); }
+int __wrap_close(int fd) {
+    if (!Calls::Fails()) return __real_close(fd);
+    __real_close(fd);
+    return -1;
+}
+}
+
+namespace smtp {
+namespace {
+
+namespace fs = std::filesystem;
+using State = RetryStatus::Recipient;
+
+class RetryFiles : public ::testing::Test {
+protected:
+    RetryFiles() : m_directory(m_room / "waiting/") {
+        fs::create_directories(m_directory);
+        m_envelope.auditId = "a1";
+        m_envelope.sender = "alice@outside.example";
+        m_envelope.taken = 1700000000;
+        m_envelope.recipients = {{"bob@inside.example", "staff"}, {"carol@inside.example", ""}};
+        m_status.recipients = {State::Waiting, State::Waiting};
+        m_status.tries = 1;
+        m_status.reason = "451 4.4.1 next server cannot be reached";
+        for (int i = 0; i < 300; ++i) m_message += "Line " + std::to_string(i) + " of the message.\r\n";
+        Calls::directory = m_directory;
+    }
+    ~RetryFiles() override {
+        Calls::watched = false;
+        Calls::last = nullptr;
+        Calls::failing = 0;
+    }
+
+    bool Store(std::string const& name = "a1") {
+        Content content;
+        content.text = m_message;
+        return StoreRetryFile(m_directory, name, m_envelope, m_status, content);
+    }
+    std::string Path(std::string const& name = "a1") const { return m_directory + name + ".rmd"; }
+    std::unique_ptr<RetryFile> Open(std::string const& path) const {
+        return std::make_unique<RetryFile>(::open(path.c_str(), O_RDWR | O_CLOEXEC), path);
+    }
+
+    // What is wrong with a file, its message too.
+    RetryFault Fault(std::string const& path) const {
+        auto const file = Open(path);
+        RetryFault const fault = file->Read();
+        VELT::ScannerStream message("reader", false);
+        return fault == RetryFault::None ? file->ReadMessage(message) : fault;
+    }
+    std::string Message(std::string const& path) const {
+        auto const file = Open(path);
+        VELT::ScannerStream message("reader", false);
+        if (file->Read() != RetryFault::None || file->ReadMessage(message) != RetryFault::None) return "";
+        return velt_testing::ReadAll(message);
+    }
+
+    // Runs `what` in a process that dies at its n-th call; false: it made fewer. The directory is then as a killed
+    // process leaves it; `after` as a machine does whose power went.
+    bool DiesAt(int n, std::function<bool()> const& what);
+    std::string After(std::string const& name = "") const { return m_room / ("after/" + name); }
+
+    velt_testing::SpoolRoom m_room{4096};
+    std::string m_directory, m_message;
+    RetryEnvelope m_envelope;
+    RetryStatus m_status;
+};
+
+bool RetryFiles::DiesAt(int n, std::function<bool()> const& what) {
+    fs::remove_all(After());
+    fs::create_directories(After());
+    pid_t const child = ::fork();
+    if (child == 0) {
+        Calls::flushed.clear();
+        Calls::names = NamesIn(m_directory);
+        for (auto const& [name, inode] : Calls::names) Calls::flushed[inode] = Slurp(m_directory + name);
+        auto const leave = [&](int code) {
+            Calls::watched = false;
+            for (auto const& [name, inode] : Calls::names) {
+                std::ofstream(After(name), std::ios::binary) << Calls::flushed[inode];
+            }
+            ::_exit(code);
+        };
+        Calls::made = 0;
+        Calls::failing = n;
+        Calls::last = [&] { leave(1); };
+        Calls::watched = true;
+        leave(what() ? 0 : 2);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_NE(WEXITSTATUS(status), 2) << "a call that goes through failed";
+    return WEXITSTATUS(status) == 1;
+}
+
+TEST_F(RetryFiles, AreReadAsTheyWereWritten) {
+    ASSERT_TRUE(Store());
+    auto const file = Open(Path());
+    ASSERT_EQ(file->Read(), RetryFault::None);
+    EXPECT_EQ(WriteEnvelope(file->envelope()), WriteEnvelope(m_envelope));
+    EXPECT_EQ(WriteSlot(file->status()), WriteSlot(m_status));
+    EXPECT_EQ(Message(Path()), m_message);
+    EXPECT_EQ(NamesIn(m_directory).size(), 1u);
+    struct stat facts {};
+    ASSERT_EQ(::stat(Path().c_str(), &facts), 0);
+    EXPECT_EQ(facts.st_mode & 0777, 0600u);
+}
+
+TEST_F(RetryFiles, HoldMessagesOfASpoolInMemoryAndOnDisk) {
+    for (std::size_t size : {std::size_t{0}, std::size_t{100}, m_message.size()}) {
+        VELT::ScannerStream spool("writer", false);
+        m_message.resize(size);
+        ASSERT_EQ(velt_testing::Put(spool, m_message), static_cast<long>(size));
+        Content content;
+        content.spool = &spool;
+        ASSERT_TRUE(StoreRetryFile(m_directory, "a1", m_envelope, m_status, content));
+        EXPECT_EQ(Fault(Path()), RetryFault::None);
+        EXPECT_EQ(Message(Path()), m_message);
+    }
+}
+
+// What was tried already begins with a rest; what never was is due at the next walk.
+TEST_F(RetryFiles, HaveTheTimesByWhichAWalkJudgesThem) {
+    for (unsigned tries : {0u, 1u}) {
+        m_status.tries = tries;
+        ASSERT_TRUE(Store());
+        struct stat facts {};
+        ASSERT_EQ(::stat(Path().c_str(), &facts), 0);
+        EXPECT_EQ(facts.st_ctime - facts.st_mtime >= 65535, tries == 1) << tries;
+    }
+    auto const file = Open(Path());
+    ASSERT_EQ(file->Read(), RetryFault::None);
+    for (auto const& act : {std::function<bool()>([&] { return file->Rest(); }),
+                            std::function<bool()>([&] { return file->Note(file->status()); })}) {
+        ASSERT_TRUE(act());
+        struct stat facts {};
+        ASSERT_EQ(::stat(Path().c_str(), &facts), 0);
+        EXPECT_GE(facts.st_ctime - facts.st_mtime, 65535);
+        EXPECT_LE(::time(nullptr) - facts.st_ctime, 60);
+    }
+}
+
+TEST_F(RetryFiles, ChangeTheirStatusInPlaceAsOftenAsOneLikes) {
+    ASSERT_TRUE(Store());
+    auto const before = NamesIn(m_directory);
+    auto const file = Open(Path());
+    ASSERT_EQ(file->Read(), RetryFault::None);
+    for (unsigned tries = 2; tries < 8; ++tries) {
+        RetryStatus status = file->status();
+        status.tries = tries;
+        status.unsure = tries % 2;
+        ASSERT_TRUE(file->Note(status));
+        auto const other = Open(Path());
+        ASSERT_EQ(other->Read(), RetryFault::None);
+        EXPECT_EQ(other->status().tries, tries);
+        EXPECT_EQ(other->status().unsure, tries % 2);
+    }
+    EXPECT_EQ(NamesIn(m_directory), before);
+    EXPECT_EQ(Message(Path()), m_message);
+}
+
+TEST_F(RetryFiles, CutAtAnyPlaceAreKnownForIt) {
+    m_message = "Subject: x\r\n\r\nshort\r\n";
+    ASSERT_TRUE(Store());
+    std::string const whole = Slurp(Path());
+    for (std::size_t cut = 0; cut < whole.size(); ++cut) {
+        std::ofstream(Path("cut"), std::ios::binary) << whole.substr(0, cut);
+        EXPECT_EQ(Fault(Path("cut")), RetryFault::Truncated) << cut;
+    }
+    std::ofstream(Path("cut"), std::ios::binary) << whole << "x";
+    EXPECT_EQ(Fault(Path("cut")), RetryFault::Truncated);
+}
+
+// Each slot stands in for the other; all else is missed.
+TEST_F(RetryFiles, ChangedAtAnyByteAreKnownForItOrReadAsBefore) {
+    m_message = "Subject: x\r\n\r\nshort\r\n";
+    ASSERT_TRUE(Store());
+    std::string const whole = Slurp(Path());
+    std::size_t const slots = 80 + WriteEnvelope(m_envelope).size();
+    std::size_t const message = slots + 2 * SlotLength(2);
+    for (std::size_t at = 0; at < whole.size(); ++at) {
+        std::string changed = whole;
+        changed[at] = static_cast<char>(changed[at] ^ 1);
+        std::ofstream(Path("changed"), std::ios::binary) << changed;
+        RetryFault const fault = Fault(Path("changed"));
+        if (at >= message) {
+            EXPECT_EQ(fault, RetryFault::MessageDamaged) << at;
+        } else if (at >= slots) {
+            EXPECT_EQ(fault, RetryFault::None) << at;
+        } else {
+            EXPECT_NE(fault, RetryFault::None) << at;
+        }
+    }
+    std::string changed = whole;
+    changed[slots] = changed[slots + SlotLength(2)] = 'x';
+    std::ofstream(Path("changed"), std::ios::binary) << changed;
+    EXPECT_EQ(Fault(Path("changed")), RetryFault::StatusDamaged);
+}
+
+TEST_F(RetryFiles, ThatCannotBeReadSaySo) {
+    RetryFile none(-1, "none");
+    EXPECT_EQ(none.Read(), RetryFault::Unreadable);
+    fs::create_directory(m_directory + "folder.rmd");
+    auto folder = std::make_unique<RetryFile>(::open(Path("folder").c_str(), O_RDONLY), Path("folder"));
+    EXPECT_EQ(folder->Read(), RetryFault::Unreadable);
+}
+
+TEST_F(RetryFiles, TakeNoLinkForAPlaceToWriteTo) {
+    std::ofstream(m_directory + "victim") << "precious";
+    fs::create_symlink(m_directory + "victim", m_directory + "a1.rmd.tmp");
+    EXPECT_FALSE(Store());
+    EXPECT_EQ(Slurp(m_directory + "victim"), "precious");
+}
+
+TEST_F(RetryFiles, AreNotTakenAwayFromWhoeverCameToTheirPlace) {
+    ASSERT_TRUE(Store());
+    auto const file = Open(Path());
+    ASSERT_TRUE(Store());
+    EXPECT_TRUE(file->Remove());
+    EXPECT_EQ(Fault(Path()), RetryFault::None);
+    EXPECT_TRUE(Open(Path())->Remove());
+    EXPECT_FALSE(fs::exists(Path()));
+    EXPECT_TRUE(file->Remove()) << "gone is gone";
+}
+
+// True is said only of what is there, false only where nothing is.
+TEST_F(RetryFiles, AreThereOrNotAsTheWriterSaysWhateverCallFails) {
+    for (int error : {ENOSPC, EIO, EDQUOT}) {
+        for (int n = 1;; ++n) {
+            fs::remove(Path());
+            Calls::made = 0;
+            Calls::failing = n;
+            Calls::error = error;
+            Calls::watched = true;
+            bool const stored = Store();
+            Calls::watched = false;
+            bool const allMade = Calls::made < n;
+            EXPECT_EQ(stored, fs::exists(Path())) << n;
+            if (stored) {
+                EXPECT_EQ(Fault(Path()), RetryFault::None) << n;
+            }
+            if (!stored) {
+                EXPECT_TRUE(NamesIn(m_directory).empty()) << n;
+            }
+            if (allMade) break;
+            ASSERT_LT(n, 1000);
+        }
+        EXPECT_TRUE(fs::exists(Path()));
+    }
+}
+
+TEST_F(RetryFiles, InterruptedCallsAreMadeAgain) {
+    Calls::error = EINTR;
+    for (int n = 1; n < 30; ++n) {
+        fs::remove(Path());
+        Calls::made = 0;
+        Calls::failing = n;
+        Calls::watched = true;
+        bool const stored = Store();
+        Calls::watched = false;
+        EXPECT_EQ(stored, fs::exists(Path())) << n;
+    }
+}
+
+TEST_F(RetryFiles, OldStatusHoldsUntilTheNewOneIsFlushedWhateverCallFails) {
+    ASSERT_TRUE(Store());
+    for (int n = 1;; ++n) {
+        auto const file = Open(Path());
+        ASSERT_EQ(file->Read(), RetryFault::None);
+        RetryStatus status = file->status();
+        unsigned const before = status.tries++;
+        Calls::error = EIO;
+        Calls::made = 0;
+        Calls::failing = n;
+        Calls::watched = true;
+        bool const noted = file->Note(status);
+        Calls::watched = false;
+        EXPECT_EQ(file->status().tries, noted ? before + 1 : before) << n;
+        auto const other = Open(Path());
+        ASSERT_EQ(other->Read(), RetryFault::None) << n;
+        if (noted) {
+            EXPECT_EQ(other->status().tries, before + 1);
+        }
+        EXPECT_EQ(Message(Path()), m_message);
+        if (Calls::made < n) break;
+    }
+}
+
+// Killed, or without power: whatever bears the name of a waiting mail is one, whole.
+TEST_F(RetryFiles, AWriterThatDiesLeavesAWholeFileOrNone) {
+    int n = 1;
+    for (; DiesAt(n, [&] { return Store(); }); ++n) {
+        for (std::string const& path : {Path(), After("a1.rmd")}) {
+            if (fs::exists(path)) {
+                EXPECT_EQ(Fault(path), RetryFault::None) << n << ' ' << path;
+            }
+        }
+        for (auto const& entry : fs::directory_iterator(m_directory)) fs::remove(entry);
+    }
+    EXPECT_GT(n, 10);
+    for (std::string const& path : {Path(), After("a1.rmd")}) EXPECT_EQ(Message(path), m_message) << path;
+}
+
+TEST_F(RetryFiles, AStatusWriterThatDiesLeavesTheOldOrTheNewStatus) {
+    ASSERT_TRUE(Store());
+    std::string const whole = Slurp(Path());
+    auto const note = [&] {
+        auto const file = Open(Path());
+        RetryStatus status;
+        if (file->Read() != RetryFault::None) return false;
+        status = file->status();
+        status.tries = 2;
+        return file->Note(status);
+    };
+    auto const tries = [&](std::string const& path) {
+        auto const file = Open(path);
+        EXPECT_EQ(file->Read(), RetryFault::None) << path;
+        return file->status().tries;
+    };
+    int n = 1;
+    for (; DiesAt(n, note); ++n) {
+        for (std::string const& path : {Path(), After("a1.rmd")}) {
+            EXPECT_EQ(Message(path), m_message) << n;
+            EXPECT_TRUE(tries(path) == 1 || tries(path) == 2) << n;
+        }
+        std::ofstream(Path(), std::ios::binary) << whole;
+    }
+    EXPECT_GT(n, 3);
+    EXPECT_EQ(tries(Path()), 2u);
+    EXPECT_EQ(tries(After("a1.rmd")), 2u);
+}
+
+TEST_F(RetryFiles, ARemovalThatWasSaidToBeDoneIsNotUndoneByTheEndOfTheMachine) {
+    int n = 1;
+    for (;; ++n) {
+        ASSERT_TRUE(Store());
+        if (!DiesAt(n, [&] { return Open(Path())->Remove(); })) break;
+        for (std::string const& path : {Path(), After("a1.rmd")}) {
+            if (fs::exists(path)) {
+                EXPECT_EQ(Message(path), m_message) << n;
+            }
+        }
+    }
+    EXPECT_FALSE(fs::exists(Path()));
+    EXPECT_FALSE(fs::exists(After("a1.rmd")));
+}
+
+TEST_F(RetryFiles, UnfinishedOnesAreSweptWhenTheyAreOldAndNothingElseIs) {
+    ASSERT_TRUE(Store());
+    for (char const* name : {"young.rmd.tmp", "other.tmp"}) std::ofstream(m_directory + name) << "x";
+    EXPECT_EQ(SweepUnfinished(m_directory), 0u);
+    EXPECT_EQ(NamesIn(m_directory).size(), 3u);
+    EXPECT_EQ(SweepUnfinished(m_directory + "none/"), 0u);
+}
+
+TEST_F(RetryFiles, LookAsTheirPageShowsThem) {
+    m_envelope.conversationId = "c1";
+    m_envelope.helloName = "client.example";
+    m_envelope.clientAddress = "127.0.0.2";
+    m_envelope.engines = "1.0.0 built-in";
+    m_envelope.inbound = m_envelope.plain = true;
+    m_envelope.recipients[1].address = "\"c d\"@inside.example";
+    m_status.recipients[1] = State::Delivered;
+    m_status.last = 1700000001;
+    m_status.due = 1700000301;
+    m_message = "Subject: x\r\n\r\nshort\r\n";
+    ASSERT_TRUE(Store());
+    std::string const whole = Slurp(Path());
+    std::size_t const slots = 80 + WriteEnvelope(m_envelope).size();
+    EXPECT_EQ(velt_testing::DocExample(RMD_PAGE, "rmd"), whole.substr(0, slots));
+    std::string slot = whole.substr(slots, SlotLength(2));
+    slot.resize(slot.find_last_not_of(" \n") + 1);
+    EXPECT_EQ(velt_testing::DocExample(RMD_PAGE, "slot"), slot + '\n');
+}
+
+}  // namespace
+}  // namespace smtp

@@ -1,0 +1,178 @@
+#include "RetryFormat.h"
+
+#include <gtest/gtest.h>
+
+namespace smtp {
+namespace {
+
+using State = RetryStatus::Recipient;
+
+RetryEnvelope SomeEnvelope() {
+    RetryEnvelope envelope;
+    envelope.auditId = "a1";
+    envelope.conversationId = "c1";
+    envelope.sender = "alice@outside.example";
+    envelope.helloName = "client.example";
+    envelope.clientAddress = "127.0.0.2";
+    envelope.server = "192.0.2.1:25";
+    envelope.engines = "1.0.0 built-in";
+    envelope.taken = 1700000000;
+    envelope.inbound = envelope.eightBit = true;
+    envelope.recipients = {{"bob@inside.example", "staff"}, {"\"a b%\"@inside.example", ""}};
+    return envelope;
+}
+
+RetryStatus SomeStatus() {
+    RetryStatus status;
+    status.sequence = 7;
+    status.tries = 3;
+    status.last = 1700000300;
+    status.due = 1700000900;
+    status.unsure = true;
+    status.recipients = {State::Waiting, State::Delivered};
+    status.reason = "451 4.4.1 next server cannot be reached";
+    return status;
+}
+
+RetryLayout LayoutOf(RetryEnvelope const& envelope, std::string const& text) {
+    RetryLayout layout;
+    layout.envelopeLength = text.size();
+    layout.envelopeSum = Checksum(text);
+    layout.slotLength = SlotLength(envelope.recipients.size());
+    return layout;
+}
+
+TEST(RetryChecksum, IsTheOneThatEverybodyKnowsInAnyBlocks) {
+    std::string const text = "123456789";
+    EXPECT_EQ(Checksum(text), 0xCBF43926u);
+    EXPECT_EQ(Checksum(""), 0u);
+    for (std::size_t cut = 0; cut <= text.size(); ++cut) {
+        EXPECT_EQ(Checksum(text.substr(cut), Checksum(text.substr(0, cut))), 0xCBF43926u) << cut;
+    }
+}
+
+TEST(RetryFirstLine, IsReadAsItWasWritten) {
+    RetryLayout layout{12345, 481, 0xFFFFFFFF, 0xDEADBEEF, 1};
+    std::string const line = WriteFirstLine(layout);
+    EXPECT_EQ(line.size(), RetryLayout::kFirstLine);
+    RetryLayout read;
+    EXPECT_EQ(ReadFirstLine(line, read), RetryFault::None);
+    EXPECT_EQ(WriteFirstLine(read), line);
+}
+
+TEST(RetryFirstLine, IsKnownForCutAtEveryPlaceAndForChangedAtEveryByte) {
+    std::string const line = WriteFirstLine({1, 481, 3, 4, 5});
+    RetryLayout read;
+    for (std::size_t cut = 0; cut < line.size(); ++cut) {
+        EXPECT_EQ(ReadFirstLine(line.substr(0, cut), read), RetryFault::Truncated) << cut;
+    }
+    for (std::size_t at = 0; at < line.size(); ++at) {
+        std::string changed = line;
+        changed[at] = static_cast<char>(changed[at] ^ 1);
+        EXPECT_NE(ReadFirstLine(changed, read), RetryFault::None) << at;
+    }
+}
+
+TEST(RetryFirstLine, SaysWhatIsWrong) {
+    RetryLayout read;
+    EXPECT_EQ(ReadFirstLine("Received: from somewhere", read), RetryFault::NotARetryFile);
+    std::string later = WriteFirstLine({1, 481, 3, 4, 5});
+    later[8] = '2';
+    EXPECT_EQ(ReadFirstLine(later, read), RetryFault::OtherVersion);
+    EXPECT_EQ(ReadFirstLine(WriteFirstLine({RetryLayout::kMaxEnvelope + 1, 481, 3, 4, 5}), read),
+              RetryFault::HeadDamaged);
+    EXPECT_EQ(ReadFirstLine(WriteFirstLine({1, 481, RetryLayout::kMaxMessage + 1, 4, 5}), read),
+              RetryFault::HeadDamaged);
+}
+
+TEST(RetryEnvelopeText, IsReadAsItWasWritten) {
+    RetryEnvelope const envelope = SomeEnvelope();
+    std::string const text = WriteEnvelope(envelope);
+    RetryEnvelope read;
+    ASSERT_EQ(ReadEnvelope(text, LayoutOf(envelope, text), read), RetryFault::None);
+    EXPECT_EQ(WriteEnvelope(read), text);
+    EXPECT_EQ(read.recipients.back().address, "\"a b%\"@inside.example");
+    EXPECT_TRUE(read.inbound && read.eightBit);
+    EXPECT_FALSE(read.plain || read.rewritten);
+}
+
+TEST(RetryEnvelopeText, KeepsEveryByteOfAText) {
+    RetryEnvelope envelope = SomeEnvelope();
+    for (int byte = 0; byte < 256; ++byte) envelope.helloName += static_cast<char>(byte);
+    std::string const text = WriteEnvelope(envelope);
+    RetryEnvelope read;
+    ASSERT_EQ(ReadEnvelope(text, LayoutOf(envelope, text), read), RetryFault::None);
+    EXPECT_EQ(read.helloName, envelope.helloName);
+}
+
+TEST(RetryEnvelopeText, IsRefusedAtEveryCutAndEveryChange) {
+    RetryEnvelope const envelope = SomeEnvelope();
+    std::string const text = WriteEnvelope(envelope);
+    RetryLayout const layout = LayoutOf(envelope, text);
+    RetryEnvelope read;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        EXPECT_EQ(ReadEnvelope(text.substr(0, at), layout, read), RetryFault::HeadDamaged) << at;
+        std::string changed = text;
+        changed[at] = static_cast<char>(changed[at] ^ 0x20);
+        EXPECT_EQ(ReadEnvelope(changed, layout, read), RetryFault::HeadDamaged) << at;
+    }
+}
+
+// Whoever can compute a checksum gets no further than to a clear refusal.
+TEST(RetryEnvelopeText, IsRefusedWhereItMakesNoSense) {
+    RetryEnvelope const envelope = SomeEnvelope();
+    std::string const good = WriteEnvelope(envelope);
+    for (std::string const& text :
+         {good + "unknown x\n", good + "recipient \n", good + "recipient a%4\n", good + "recipient a%zz\n",
+          good + "taken x\n", good + "taken -1\n", good + "plain x\n", good + "hello a b\n", good + "\n",
+          good + "recipient third@inside.example \n", std::string("id a1\ntaken 5\n"), std::string()}) {
+        RetryEnvelope read;
+        EXPECT_EQ(ReadEnvelope(text, LayoutOf(envelope, text), read), RetryFault::HeadDamaged) << text;
+    }
+}
+
+TEST(RetrySlot, IsReadAsItWasWritten) {
+    std::string const slot = WriteSlot(SomeStatus());
+    EXPECT_EQ(slot.size(), SlotLength(2));
+    RetryStatus read;
+    ASSERT_TRUE(ReadSlot(slot, 2, read));
+    EXPECT_EQ(WriteSlot(read), slot);
+    EXPECT_EQ(read.reason, SomeStatus().reason);
+    EXPECT_TRUE(read.unsure && read.waits());
+}
+
+TEST(RetrySlot, HasRoomForTheLargestNumbersAndCutsALongReason) {
+    RetryStatus status;
+    status.sequence = UINT64_MAX;
+    status.tries = UINT32_MAX;
+    status.last = status.due = INT64_MIN;
+    status.recipients.assign(1000, State::Failed);
+    status.reason.assign(5000, '\xff');
+    RetryStatus read;
+    ASSERT_TRUE(ReadSlot(WriteSlot(status), 1000, read));
+    EXPECT_EQ(read.sequence, UINT64_MAX);
+    EXPECT_EQ(read.due, INT64_MIN);
+    EXPECT_EQ(read.reason, std::string(RetryLayout::kMaxReason, '?'));
+    EXPECT_FALSE(read.waits());
+}
+
+TEST(RetrySlot, IsNotWholeAtAnyCutOrChange) {
+    std::string const slot = WriteSlot(SomeStatus());
+    RetryStatus read;
+    for (std::size_t at = 0; at < slot.size(); ++at) {
+        EXPECT_FALSE(ReadSlot(slot.substr(0, at), 2, read)) << at;
+        std::string changed = slot;
+        changed[at] = static_cast<char>(changed[at] ^ 1);
+        EXPECT_FALSE(ReadSlot(changed, 2, read)) << at;
+    }
+    EXPECT_FALSE(ReadSlot(slot, 3, read));
+}
+
+TEST(RetryFaultText, IsThereForEach) {
+    for (int fault = 0; fault <= static_cast<int>(RetryFault::MessageDamaged); ++fault) {
+        EXPECT_STRNE(TextOf(static_cast<RetryFault>(fault)), "");
+    }
+}
+
+}  // namespace
+}  // namespace smtp
