@@ -10,6 +10,7 @@
 
 #include <boost/optional/optional_io.hpp>
 
+#include <cwchar>
 #include <functional>
 #include <optional>
 #include <string>
@@ -31,7 +32,10 @@ public:
     long GetComponentIndex() const override { return 0; }
     int GetComponentType() const override { return 0; }
     wchar_t const* GetComponentName() const override { return name ? name->c_str() : nullptr; }
-    wchar_t const* GetScanContextString(wchar_t*, int, wchar_t, wchar_t) const override { return nullptr; }
+    wchar_t const* GetScanContextString(wchar_t* buffer, int size, wchar_t separator, wchar_t nameMark) const override {
+        askedSeparators = {separator, nameMark};
+        return place ? std::wcsncpy(buffer, place->c_str(), static_cast<std::size_t>(size)) : nullptr;
+    }
     IKORScanPolContextElement const* GetParent() const override { return nullptr; }
     IKORScanPolContextElement const* GetFirstChild(long&) const override { return nullptr; }
     IKORScanPolContextElement const* GetNextChild(long&) const override { return nullptr; }
@@ -41,6 +45,8 @@ public:
     bool StateReset() const override { return true; }
 
     std::optional<std::wstring> name;
+    std::optional<std::wstring> place;  // one that fills the buffer gets no 0 behind it
+    mutable std::wstring askedSeparators;
 };
 
 // A result whose every answer is a field.
@@ -79,10 +85,10 @@ class FakeVerdict final : public IScanResultHandler {
 public:
     void ReportSpecificScanner(char const*) const override {}
     void ResetReportSpecificScanner() const override {}
-    IKORScanResult const* FindFirstScanResult(long&) const override { return nullptr; }
-    IKORScanResult const* FindNextScanResult(long&) const override { return nullptr; }
-    bool IsModified() const override { return false; }
-    bool IsTriggered() const override { return false; }
+    IKORScanResult const* FindFirstScanResult(long& position) const override { return At(position = 0); }
+    IKORScanResult const* FindNextScanResult(long& position) const override { return At(++position); }
+    bool IsModified() const override { return modified; }
+    bool IsTriggered() const override { return triggered; }
     bool GetInfectionDescription(wchar_t*, int) const override { return false; }
     bool GetInfectionDescription(DynBuf<wchar_t>&, char const*) const override { return false; }
     bool GetInfectionNames(wchar_t*, int, wchar_t) const override { return false; }
@@ -94,8 +100,17 @@ public:
     IKORScanPolContextElement const* GetScanContextStart() const override { return nullptr; }
     void const* GetPolicyStatement() const override { return nullptr; }
 
+    bool modified = false;
+    bool triggered = false;
     char const* action = nullptr;
     IKORScanResult const* master = nullptr;
+    std::vector<IKORScanResult const*> results;
+
+private:
+    IKORScanResult const* At(long position) const {
+        auto const index = static_cast<std::size_t>(position);
+        return index < results.size() ? results[index] : nullptr;
+    }
 };
 
 class ScannedSession final : public VELT::Connection {

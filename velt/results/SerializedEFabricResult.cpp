@@ -4,6 +4,7 @@
 #include <climits>
 #include <cstring>
 #include <iterator>
+#include <utility>
 
 #include <velt/results/SerialDecoding.h>
 
@@ -169,10 +170,10 @@ bool SerializedEFabricResult::DidActionOccur(char const* name) const {
 }
 
 bool SerializedEFabricResult::GetActionList(char* buffer, unsigned& size, char separator, unsigned& count) const {
+    unsigned room = std::exchange(size, 0);
+    count = 0;
     if (!buffer) return true;
     char* const start = buffer;
-    unsigned room = size;
-    count = 0;
     for (std::string const& name : actions) {
         if (room <= name.size() + 1) break;
         buffer = std::copy(name.begin(), name.end(), buffer);

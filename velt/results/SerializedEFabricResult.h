@@ -1,5 +1,5 @@
-// SerializedEFabricResult: a verdict that was read from its text form, or the empty one. To its readers it is what the
-// engines themselves would have given.
+// SerializedEFabricResult: a verdict that was read from its text form, or the empty one, and the writing of any verdict
+// in that form (docs/formats/serialised-result.md). To its readers it is what the engines themselves would have given.
 // Owner: whoever called deserialize; an output that is given one owns it then. It owns its results: Release on one of
 // them would free it twice. Threads: unchanging once read; any. Failure: deserialize gives null, with the reason in
 // syslog where a word was unknown.
@@ -22,6 +22,17 @@ class BufferedStream;
 
 class VELT_API SerializedEFabricResult : public IScanResultHandler {
 public:
+    // Writes a verdict, a property section with its empty line, or the lines of a place. A null of any of these, or no
+    // stream, writes nothing. What the stream answers is not looked at: a wire that broke shows at the next read. Bags
+    // are written as deep as they are read; a property whose name holds a blank or a control byte is left out.
+    static void serialize(BufferedStream* stream, IScanResultHandler const* handler);
+    static void serialize(BufferedStream* stream, char const* name, IKORPropertyBag const* bag);
+    static void serialize(BufferedStream* stream, char const* name, IKORScanPolContextElement const* element);
+
+    // A verdict to a file, which is made or emptied, for all whom the umask lets: the caller's folder says who may see
+    // it. 0, or -1 and no file.
+    static int dump(char const* path, IScanResultHandler const* handler);
+
     // A new verdict; a null stream gives the empty one. The end of the stream ends a verdict as its empty line does,
     // without a failure: `ended`, where it is given, tells whether the empty line was there. False: it was cut.
     static SerializedEFabricResult* deserialize(BufferedStream* stream, bool* ended = nullptr);

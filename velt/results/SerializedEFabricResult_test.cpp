@@ -132,6 +132,84 @@ TEST(ReadVerdict, WritesNoNameThatDoesNotFit) {
     EXPECT_TRUE(verdict->GetInfectionNames(nullptr, 0, L';'));
 }
 
+TEST(ReadVerdict, WithoutNamesWritesTheirEndAlone) {
+    Verdict const verdict = Read("\n");
+    wchar_t buffer[] = L"####";
+    EXPECT_TRUE(verdict->GetInfectionNames(buffer, 4, L';'));
+    EXPECT_EQ(std::wstring(buffer, 4), std::wstring(L"\0###", 4));
+    wchar_t other[] = L"####";
+    EXPECT_TRUE(verdict->GetInfectedComponentNames(other, 1, L';'));
+    EXPECT_EQ(std::wstring(other, 4), std::wstring(L"\0###", 4));
+}
+
+// However many names of one letter the wire brings, what is written ends within the buffer.
+TEST(ReadVerdict, ManyShortNamesEndWithinTheBuffer) {
+    std::string lines;
+    for (int i = 0; i < 50; ++i) lines += "msr.infection_names a\n";
+    Verdict const verdict = Read(lines);
+    EXPECT_EQ(Names(*verdict, 8), L"a;a;a;");
+    EXPECT_EQ(Names(*verdict, 9), L"a;a;a;a;");
+    EXPECT_EQ(Names(*verdict, 2), L"");
+}
+
+TEST(ReadVerdict, ADescriptionHasASecondEndWhereThereIsRoom) {
+    Verdict const verdict = Read(
+        "msr.infection_description ss 3\nb\xe4"
+        "d");
+    for (int size : {4, 5, 6}) {
+        std::wstring buffer(8, L'#');
+        EXPECT_TRUE(verdict->GetInfectionDescription(buffer.data(), size));
+        std::wstring const text{L'b', static_cast<wchar_t>(-28), L'd', L'\0'};  // bytes are signed
+        EXPECT_EQ(buffer, text + (size > 4 ? std::wstring(1, L'\0') + L"###" : L"####")) << size;
+    }
+    std::wstring buffer(8, L'#');
+    for (int size : {3, 0, -1}) EXPECT_FALSE(verdict->GetInfectionDescription(buffer.data(), size));
+    EXPECT_EQ(buffer, L"########");
+}
+
+TEST(ReadVerdict, HasCommentsBetweenItsLinesAndNeverInsideAPayload) {
+    Verdict const verdict = Read(
+        "# a\nmsr.action ss 4\n# b\n#c\r\nmsr.sr.result\n# d\ninfecteditems sl 2\n#\nclassname ss 3\n#e\n"
+        "property .t ss " +
+        Wide(L"# f\n") + "# g\n\n# h\n\n");
+    ASSERT_NE(verdict, nullptr);
+    EXPECT_STREQ(verdict->GetMasterActionCode(), "# b\n");
+    long position = 0;
+    IKORScanResult const* const result = verdict->FindFirstScanResult(position);
+    ASSERT_NE(result, nullptr);
+    EXPECT_EQ(result->InfectedItems(), 2);
+    EXPECT_STREQ(result->GetScannerClassName(), "#e\n");
+    EXPECT_STREQ(PropertyOf(*result->GetPropertyBag(), "t")->GetWide(), L"# f\n");
+}
+
+// A text that comes twice replaces the first, but for those that grow.
+TEST(ReadVerdict, ALineThatComesAgainReplacesOrAdds) {
+    Verdict const verdict = Read(
+        "msr.action ss 1\nAmsr.action ss 1\nBmsr.infection_description ss 1\nxmsr.infection_description ss 1\ny"
+        "msr.master.result\ninfecteditems sl 1\n\nmsr.master.result\nclassname ss 1\nAclassname ss 1\nB"
+        "infectionlist " +
+        Wide(L"one") + "infectionlist " + Wide(L"two") + "scanpolcontext scan_context_component_name " + Wide(L"c") +
+        "scanpolcontext scan_context_component_name -1\n\n\n");
+    ASSERT_NE(verdict, nullptr);
+    EXPECT_STREQ(verdict->GetMasterActionCode(), "B");
+    wchar_t buffer[9];
+    EXPECT_TRUE(verdict->GetInfectionDescription(buffer, 9));
+    EXPECT_STREQ(buffer, L"xy");
+    IKORScanResult const& master = *verdict->GetMasterScanResult();
+    EXPECT_EQ(master.InfectedItems(), 0);
+    EXPECT_STREQ(master.GetScannerClassName(), "AB");
+    EXPECT_STREQ(master.GetInfectionList(L' '), L"two");
+    EXPECT_EQ(master.GetScanPolContext()->GetComponentName(), nullptr);
+}
+
+TEST(ReadVerdict, AMasterThatFailsIsNone) {
+    Text source("msr.master.result\ninfecteditems sl 1\n\nmsr.master.result\ninfecteditems ss 1\n");
+    bool ok = true;
+    SerializedEFabricResult const verdict(&source.stream, ok);
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(verdict.GetMasterScanResult(), nullptr);
+}
+
 TEST(ReadVerdict, ListsTheActionsThatFit) {
     Verdict const verdict = Read("msr.actions abc\nmsr.actions de\n");
     struct Case {
@@ -147,6 +225,10 @@ TEST(ReadVerdict, ListsTheActionsThatFit) {
         EXPECT_EQ(size, one.written) << one.size;
         EXPECT_EQ(count, one.count) << one.size;
     }
+    unsigned size = 9, count = 7;
+    EXPECT_TRUE(verdict->GetActionList(nullptr, size, ';', count));
+    EXPECT_EQ(size, 0u);
+    EXPECT_EQ(count, 0u);
 }
 
 // What a scan server sends and what is left of it when the wire breaks read alike; the flag is the difference.
@@ -264,6 +346,32 @@ TEST(ReadResult, WithoutALineHasNoSuchField) {
     EXPECT_EQ(section.result->GetPropertyBag()->Size(), 0);
     EXPECT_EQ(Section("infectionlist -1\n").result->GetInfectionList(L' '), nullptr);
     EXPECT_STREQ(Section("infectionlist 0\n\n").result->GetInfectionList(L' '), L"");
+}
+
+TEST(ReadResult, APlaceNeedsOneBlankAndMayHaveMore) {
+    for (char const* blanks : {" ", "  ", " \t\x80 "}) {
+        Section const section("scanpolcontext" + std::string(blanks) + "scan_context_string " + Wide(L"a") + "\n");
+        ASSERT_TRUE(section.ok()) << blanks;
+        wchar_t buffer[8];
+        section.result->GetScanPolContext()->GetScanContextString(buffer, 8, L' ', L':');
+        EXPECT_STREQ(buffer, L"a");
+    }
+    Section const section("scanpolcontext scan_context_string -1\n\n");
+    wchar_t buffer[] = L"###";
+    section.result->GetScanPolContext()->GetScanContextString(buffer, 0, L' ', L':');
+    section.result->GetScanPolContext()->GetScanContextString(buffer, -1, L' ', L':');
+    EXPECT_STREQ(buffer, L"###");
+    section.result->GetScanPolContext()->GetScanContextString(buffer, 3, L' ', L':');
+    EXPECT_STREQ(buffer, L"");
+}
+
+// What came of a wide text that was cut stays, with zeros behind it.
+TEST(ReadResult, ACutListKeepsWhatCame) {
+    Text source("infectionlist 3\n" + WideBytes(L"a") + std::string("b", 1));
+    bool ok = true;
+    ScanResult const result(&source.stream, true, ok);
+    EXPECT_FALSE(ok);
+    EXPECT_STREQ(result.GetInfectionList(L' '), L"ab");
 }
 
 TEST(ReadResult, EndsAtALineWithoutASpace) {
@@ -391,6 +499,11 @@ TEST(ReadProperties, ThatAreBrokenHarmNobody) {
     EXPECT_EQ(Section("property .t ss -5\n\n").Property("t")->GetType(), KORProp_None);
     EXPECT_EQ(Section("property .t sl 1\nproperty .t.a sl 1\n\n").Property("t")->GetType(), KORProp_Bag);
     EXPECT_EQ(Section("property .t sl 1\nproperty .t<1>.a sl 1\n\n").Property("t")->GetCount(), 2u);
+    EXPECT_EQ(Section("property .t<x>.a sl 1\n\n").Property("t")->GetCount(), 1u);
+    EXPECT_EQ(Section("property .t<>.a sl 1\n\n").Property("t")->GetCount(), 1u);
+    EXPECT_EQ(Section("property .t<-7>.a sl 1\n\n").Property("t")->GetCount(), 1u);
+    EXPECT_EQ(Section("property .t<2>.a sl 1\nproperty .t.b sl 1\n\n").Property("t")->GetBagAt(0)->Size(), 1);
+    EXPECT_EQ(Section("property .nothing\nproperty .t sl 1\n\n").result->GetPropertyBag()->Size(), 1);
 }
 
 TEST(ReadProperties, TheSystemNameGetsThisProcesssInFront) {
@@ -400,6 +513,13 @@ TEST(ReadProperties, TheSystemNameGetsThisProcesssInFront) {
     Section const section("property .QX_PROPERTIES<0>.QX_SYSTEM_NAME ss " + Wide(L"there") + "\n");
     ASSERT_TRUE(section.ok());
     EXPECT_STREQ(section.Property("QX_PROPERTIES")->GetBag()->GetProperty("QX_SYSTEM_NAME")->GetNarrow(), "here_there");
+    ScriptedStream wire({});
+    SerializedEFabricResult::serialize(&wire, section.verdict.get());
+    Verdict const again = Read(wire.written());
+    long position = 0;
+    IKORProperty const* const outer =
+        again->FindFirstScanResult(position)->GetPropertyBag()->GetProperty("QX_PROPERTIES");
+    EXPECT_STREQ(outer->GetBag()->GetProperty("QX_SYSTEM_NAME")->GetNarrow(), "here_here_there");
     delete Proxy::s_pProxyInstance;
 }
 

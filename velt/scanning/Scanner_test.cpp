@@ -11,7 +11,9 @@
 #include <utility>
 
 #include "testing/ScriptedFramework.h"
+#include "testing/ScriptedStream.h"
 #include "testing/SessionWorld.h"
+#include "velt/results/SerializedEFabricResult.h"
 #include "velt/scanning/EFabricScanAgent.h"
 #include "velt/scanning/ScanContext.h"
 #include "velt/streams/ScannerStream.h"
@@ -406,6 +408,33 @@ TEST_F(ScanAttributes, AreAskedForAgainAsLongAsTheSessionAddsNothing) {
     EXPECT_EQ(counting.asked, 2);
     EXPECT_NE(attributes.GetProperty("FROM"), nullptr);
     EXPECT_EQ(attributes.Size(), 1);
+    EXPECT_EQ(counting.asked, 3);
+}
+
+// What a scan server is sent of them, on its own and inside a scan's properties.
+TEST_F(ScanAttributes, AreAskedForAgainByEachSectionThatIsMadeOfThem) {
+    class Counting : public Connection {
+    public:
+        void getConnectionAttributes(IKORPropertyBag* bag) override {
+            if (++asked == 3) bag->NewProperty("FROM")->SetLong(7);
+        }
+        int asked = 0;
+    };
+    Counting counting;
+    KORPropertyBag properties;
+    auto* const attributes = new ScanConnectionAttributes(&counting);
+    properties.NewProperty("ES_SCANRESSUBSTITUTIONS")->SetBag(attributes);
+    auto const section = [](char const* name, IKORPropertyBag const& bag) {
+        ScriptedStream wire({});
+        SerializedEFabricResult::serialize(&wire, name, &bag);
+        return wire.written();
+    };
+    EXPECT_EQ(section("conattr", *attributes), "\r\n");
+    EXPECT_EQ(counting.asked, 1);
+    EXPECT_EQ(section("scan_properties", properties), "\r\n");
+    EXPECT_EQ(counting.asked, 2);
+    EXPECT_EQ(section("conattr", *attributes), "conattr.FROM sl 7\n\r\n");
+    EXPECT_EQ(section("scan_properties", properties), "scan_properties.ES_SCANRESSUBSTITUTIONS<0>.FROM sl 7\n\r\n");
     EXPECT_EQ(counting.asked, 3);
 }
 
