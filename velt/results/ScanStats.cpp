@@ -1,6 +1,7 @@
 #include <velt/results/ScanStats.h>
 
 #include <string>
+#include <utility>
 
 namespace VELT {
 
@@ -32,7 +33,9 @@ void Count(QXStats::QXCounter* counter) {
 void SCAN_STATS::Initialise(char const* prefix) {
     std::string const start = prefix ? std::string(prefix) + "." : std::string();
     for (Row const& row : kRows) {
-        if (!(this->*row.counter)) this->*row.counter = new QXStats::QXCounter(start + row.name);
+        QXStats::QXCounter*& counter = this->*row.counter;
+        if (counter && counter->name() == start + row.name) continue;
+        delete std::exchange(counter, new QXStats::QXCounter(start + row.name));
     }
 }
 

@@ -1,5 +1,5 @@
 // SCAN_STATS: the counters of what the scanners found, in all and by the direction of the session.
-// Owner: the process; they are made once and never destroyed. Threads: any may count. Before Initialise nothing counts.
+// Owner: the process; they are made once and stay. Threads: any may count. Before Initialise nothing counts.
 #pragma once
 
 #include <QXStats/QXCounter.h>
@@ -14,7 +14,7 @@ struct SCAN_STATS {
     QXStats::QXCounter* mail_filtering_detected = nullptr;
     QXStats::QXCounter* file_filtering_detected = nullptr;
 
-    void Initialise(char const* prefix);  // names are "prefix.name", or "name" for null
+    void Initialise(char const* prefix);  // "prefix.name", or "name" for null; those that are so named stay
 };
 
 extern SCAN_STATS s_Totals;

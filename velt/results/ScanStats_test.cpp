@@ -66,6 +66,16 @@ TEST(ScanStats, ThatAreThereAreKept) {
     EXPECT_EQ(s_Totals.virus_detected, made);
 }
 
+TEST(ScanStats, AreMadeAnewUnderAnotherName) {
+    static SCAN_STATS stats;
+    stats.Initialise("");
+    EXPECT_EQ(NamesOf(stats), NamesWith("."));
+    stats.Initialise("from_elsewhere");
+    EXPECT_EQ(NamesOf(stats), NamesWith("from_elsewhere."));
+    stats.Initialise(nullptr);
+    EXPECT_EQ(NamesOf(stats), NamesWith(""));
+}
+
 TEST(ScanStats, MoveByOneInAllAndForTheDirection) {
     ProcessScanResult::Initialise();
     for (Row const row : kRows) {
