@@ -52,7 +52,7 @@ bool IsScanDat(int descriptor) {
 
 }  // namespace
 
-bool EFabricLibrary::Load() {
+bool load_efabric_library() {
     if (eFabricPolicyLibrary) return true;
     eFabricPolicyLibrary = ::dlopen("libpolicyloader.so", RTLD_NOW | RTLD_GLOBAL);
     if (!eFabricPolicyLibrary) {

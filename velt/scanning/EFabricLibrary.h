@@ -1,15 +1,16 @@
 // The framework's library and its words: loading libpolicyloader.so, and its errors in syslog.
-// Used by the engine adapter alone. Threads: Load at start-up; the rest from any thread.
+// Used by the engine adapter alone. Threads: load_efabric_library at start-up; the rest from any thread.
 #pragma once
 
 #include <eFabric/Policy.h>
 
 namespace VELT {
 
+// Loads the library once; false, with the reason in syslog, when it or one of its functions is missing.
+bool load_efabric_library();
+
 class EFabricLibrary {
 public:
-    // Loads the library once; false, with the reason in syslog, when it or one of its functions is missing.
-    static bool Load();
     static eFabric::IPolicyLoader* CreateLoader();  // null when there is no library, or it gives none
     static void Shutdown();                         // nothing without a library
 };

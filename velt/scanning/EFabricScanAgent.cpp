@@ -128,7 +128,7 @@ void GiveAttributes(ScanContext& context) {
 }  // namespace
 
 bool EFabricScanAgent::load(std::string const& config, std::string const& name, bool antispam, char const* engine_xml) {
-    EFabricLibrary::Load();
+    load_efabric_library();
     bool loaded = false;
     // Contexts live as long as the process: threads keep records that name theirs.
     static auto& kept = *new std::vector<std::unique_ptr<EFabricScanContext>>;

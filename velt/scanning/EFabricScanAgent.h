@@ -31,6 +31,8 @@ struct EFabricThreadRecord {
     EFabricScanContext* owner = nullptr;
 };
 
+void remove_efabric_tls(void* record);  // when its thread ends
+
 class VELT_API EFabricScanContext {
 public:
     EFabricScanContext(std::string const& product, std::string const& name, bool antispam, char const* engineXml,

@@ -11,6 +11,8 @@
 
 #include <cstdlib>
 #include <memory>
+#include <tuple>
+#include <utility>
 
 namespace VELT {
 
@@ -30,18 +32,17 @@ IScanThread* MakeScanThread(eFabric::IPolicyLoader& loader, InternedString const
 
 std::wstring Widen(std::string const& path) { return KORtk::Utf8Array(path).wstr(); }
 
-// Runs when a thread ends. Nobody else holds the record: agents belong to the thread, and its scans have ended.
-void remove_efabric_tls(void* data) {
-    std::unique_ptr<EFabricThreadRecord> const record(static_cast<EFabricThreadRecord*>(data));
-    if (record->scan_thread) record->scan_thread->Release();
-}
-
 void SetText(KORPropertyBag& bag, char const* name, char const* text) { bag.NewProperty(name)->SetNarrow(text); }
 
 }  // namespace
 
-EngineVersions EngineVersions::s_AntiVirus;
-EngineVersions EngineVersions::s_AntiSpam;
+std::string s_AVEngine, s_AVDats, s_SPAMEngine, s_SPAMDats;
+
+// Nobody else holds the record: agents belong to the thread, and its scans have ended.
+void remove_efabric_tls(void* record) {
+    std::unique_ptr<EFabricThreadRecord> const ended(static_cast<EFabricThreadRecord*>(record));
+    if (ended->scan_thread) ended->scan_thread->Release();
+}
 
 EFabricScanContext* EFabricScanContext::get() { return s_ScanContext; }
 
@@ -90,13 +91,15 @@ void EFabricScanContext::read_engine_versions() {
         char const* const value = property ? property->GetNarrow() : nullptr;
         return value ? value : "";
     };
+    auto const versions = [&text](IKORPropertyBag const& bag) {
+        return std::pair(text(bag, "Version"), text(bag, "Definitions"));
+    };
     for (int i = 0; i < loader->countEngines(); ++i) {
         IKORPropertyBag const* const engine = loader->engineInformation(i);
         if (!engine) continue;
         std::string const type = text(*engine, "EngineType");
-        EngineVersions const versions{text(*engine, "Version"), text(*engine, "Definitions")};
-        if (type == "KORAVScanner") EngineVersions::s_AntiVirus = versions;
-        if (type == "SpamScanner") EngineVersions::s_AntiSpam = versions;
+        if (type == "KORAVScanner") std::tie(s_AVEngine, s_AVDats) = versions(*engine);
+        if (type == "SpamScanner") std::tie(s_SPAMEngine, s_SPAMDats) = versions(*engine);
     }
 }
 

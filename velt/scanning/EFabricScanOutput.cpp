@@ -10,27 +10,27 @@ namespace {
 constexpr unsigned long kAntiVirusResult = 1;
 constexpr unsigned long kAntiSpamResult = 5;
 
-void set_qx_version(IKORPropertyBag& bag, EngineVersions const& versions) {
-    IKORProperty* property = bag.GetProperty("QX_PROPERTIES");
-    if (!property) property = bag.NewPropertyBagProperty("QX_PROPERTIES");
-    if (!property->GetBag()) property->SetBag(nullptr);
-    IKORPropertyBag* const inner = property->GetBag();
-    if (!inner) return;
-    inner->NewProperty("QX_ENGINE")->SetNarrow(versions.engine.c_str());
-    inner->NewProperty("QX_DATS")->SetNarrow(versions.definitions.c_str());
-    inner->NewProperty("QX_SYSTEM_NAME")->SetNarrow(Proxy::GetProxyHostName(false).c_str());
-}
-
 void AddVersions(IKORScanResult const& result) {
     IKORPropertyBag* const bag = result.GetPropertyBag();
     IKORProperty const* const type = bag ? bag->GetProperty("E_SR_TYPE") : nullptr;
     unsigned long kind = 0;
     if (!type || type->GetType() != KORProp_ULong || !type->GetULong(kind)) return;
-    if (kind == kAntiVirusResult) set_qx_version(*bag, EngineVersions::s_AntiVirus);
-    if (kind == kAntiSpamResult) set_qx_version(*bag, EngineVersions::s_AntiSpam);
+    if (kind == kAntiVirusResult) set_qx_version(*bag, s_AVEngine, s_AVDats);
+    if (kind == kAntiSpamResult) set_qx_version(*bag, s_SPAMEngine, s_SPAMDats);
 }
 
 }  // namespace
+
+void set_qx_version(IKORPropertyBag& bag, std::string const& engine, std::string const& dats) {
+    IKORProperty* property = bag.GetProperty("QX_PROPERTIES");
+    if (!property) property = bag.NewPropertyBagProperty("QX_PROPERTIES");
+    if (!property->GetBag()) property->SetBag(nullptr);
+    IKORPropertyBag* const inner = property->GetBag();
+    if (!inner) return;
+    inner->NewProperty("QX_ENGINE")->SetNarrow(engine.c_str());
+    inner->NewProperty("QX_DATS")->SetNarrow(dats.c_str());
+    inner->NewProperty("QX_SYSTEM_NAME")->SetNarrow(Proxy::GetProxyHostName(false).c_str());
+}
 
 EFabricScanOutput::EFabricScanOutput() : m_stream(UUID::get(), true) {}
 

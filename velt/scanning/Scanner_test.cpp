@@ -39,7 +39,11 @@ protected:
         context.identities = {Intern("staff"), InternedString()};
         script.Forget();
     }
-    ~ScanTest() override { delete output; }
+    ~ScanTest() override {
+        delete output;
+        script.scan = nullptr;
+        script.giveLoader = script.initialises = script.giveThread = script.giveObject = true;
+    }
 
     InternedString Intern(char const* text) {
         return EFabricScanContext::get()->getPolicyLoader()->internAttribute(text);
@@ -336,6 +340,32 @@ TEST_F(EngineAdapter, WritesEngineVersionsIntoResultsOfTheirKindOnly) {
     EXPECT_EQ(version(1, "QX_ENGINE"), "3.4");
     EXPECT_EQ(version(1, "QX_DATS"), "rules");
     for (std::size_t i : {2u, 3u, 4u}) EXPECT_EQ(version(i, "QX_ENGINE"), "none");
+}
+
+TEST_F(EngineAdapter, WritesEngineVersionsBesideWhatAResultSaysItself) {
+    script.engines = {{"Other", "9", "9"}, {"KORAVScanner", "1", "old"}, {"KORAVScanner", "2", "new"}};
+    ASSERT_TRUE(EFabricScanAgent::load("product.xml", "gateway", false, nullptr));
+    ScriptedVerdict verdict;
+    auto* const own = new KORPropertyBag;
+    own->NewProperty("QX_ENGINE")->SetNarrow("of the engine");
+    own->NewProperty("KEPT")->SetLong(1);
+    verdict.Add().bag.NewProperty("QX_PROPERTIES")->SetBag(own);
+    verdict.Add().bag.NewProperty("QX_PROPERTIES")->SetNarrow("no bag");
+    for (auto const& result : verdict.results) result->bag.NewProperty("E_SR_TYPE")->SetULong(1);
+    script.scan = [&](eFabric::IStreamTransport&, eFabric::IStreamTransport*) { return &verdict; };
+    ASSERT_EQ(Scan(0, false), 0);
+    auto const text = [&](std::size_t i) {
+        std::string all;
+        IKORPropertyBag* const bag = verdict.results[i]->bag.GetProperty("QX_PROPERTIES")->GetBag();
+        for (long at = 0; at < bag->Size(); ++at) {
+            IKORProperty const* const property = bag->GetProperty(at);
+            all.append(property->GetName()).append("=").append(property->GetNarrow()).append(" ");
+        }
+        return all;
+    };
+    std::string const host = "QX_SYSTEM_NAME=" + Proxy::GetProxyHostName(false) + " ";
+    EXPECT_EQ(text(0), "QX_ENGINE=2 KEPT=1 QX_DATS=new " + host);
+    EXPECT_EQ(text(1), "QX_ENGINE=2 QX_DATS=new " + host);
 }
 
 TEST_F(EngineAdapter, HandsTheSessionsAttributesOverToTheFramework) {
