@@ -4,6 +4,7 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <utility>
@@ -103,6 +104,29 @@ TEST_F(ScanChainStart, IsForEveryProcessButTheParentOfAForkedModel) {
         });
         EXPECT_TRUE(Exited(status, one.starts ? 1 : 0)) << status << one.force << one.forked << one.most;
     }
+}
+
+// What runs after the fork may start itself before its monitor does.
+TEST_F(ScanChainStart, IsOnceForEachProcess) {
+    ASSERT_TRUE(EFabricScanAgent::load("product.xml", "gateway", false, nullptr));
+    Initialise(0);
+    auto const threads = [] {
+        auto const tasks = std::filesystem::directory_iterator("/proc/self/task");
+        return std::distance(begin(tasks), end(tasks));
+    };
+    int const status = RawStatusOf([&] {
+        auto const before = threads();
+        Scanner::start(true, true);
+        auto const started = threads();
+        Scanner::start(false, true);
+        bool const once = started > before && threads() == started;
+        int const again = RawStatusOf([] {
+            Scanner::start(false, false);
+            ::_exit(::getsid(0) == ::getpid() ? 1 : 0);
+        });
+        ::_exit(once && Exited(again, 1) ? 1 : 0);
+    });
+    EXPECT_TRUE(Exited(status, 1)) << status;
 }
 
 TEST_F(ScanChainEnd, IsAnOrderlyExitOnceTheEnginesAreDown) {

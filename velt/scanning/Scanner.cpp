@@ -18,6 +18,7 @@
 
 #include <cstdlib>
 #include <memory>
+#include <utility>
 
 namespace VELT {
 
@@ -30,6 +31,7 @@ constexpr int kDrainSteps = 60;
 
 QXStats::QXCounter* s_pInlineScans = nullptr;
 QXStats::QXCounter* s_pNullScans = nullptr;
+pid_t s_Started = 0;  // the process that was started
 
 // Before initialise there is nothing to count in.
 void Count(QXStats::QXCounter* counter) {
@@ -43,6 +45,9 @@ bool ScansHere(bool force) {
     Proxy const* const proxy = Proxy::s_pProxyInstance;
     return force || !proxy->m_forkedModel || proxy->m_maxConnections == 1;
 }
+
+// A retryer starts what it needs by itself, before its monitor would. Every fork has its own to start.
+bool StartedHere() { return std::exchange(s_Started, ::getpid()) == ::getpid(); }
 
 }  // namespace
 
@@ -68,7 +73,7 @@ void Scanner::initialise(Config* config) {
 }
 
 void Scanner::start(bool force, bool threaded) {
-    if (!ScansHere(force)) return;
+    if (!ScansHere(force) || StartedHere()) return;
     ::setsid();
     ::setpgrp();
     ScanAgent::start();
