@@ -38,15 +38,23 @@ std::string OpenAddresses(std::atomic<int> const* listeners, int count) {
     return all;
 }
 
+std::string Processes() {
+    return "monitor " + std::to_string(::getppid()) + ", newest worker " + std::to_string(::getpid());
+}
+
 }  // namespace
 
 void NotifyReady(std::atomic<int> const* listeners, int count) {
     if (!std::getenv("NOTIFY_SOCKET")) return;
     std::string const open = OpenAddresses(listeners, count);
-    std::string const who = "monitor " + std::to_string(::getppid()) + ", newest worker " + std::to_string(::getpid());
     std::string const message =
-        open.empty() ? "STATUS=No port is open; " + who : "READY=1\nSTATUS=Accepting on" + open + "; " + who;
+        (open.empty() ? "STATUS=No port is open; " : "READY=1\nSTATUS=Accepting on" + open + "; ") + Processes();
     ::sd_notify(0, message.c_str());
+}
+
+void NotifyRetrying(std::string const& directory) {
+    if (!std::getenv("NOTIFY_SOCKET")) return;
+    ::sd_notify(0, ("READY=1\nSTATUS=Retrying from " + directory + "; " + Processes()).c_str());
 }
 
 void NotifyStopping() { ::sd_notify(0, "STOPPING=1\nSTATUS=Workers drain"); }
@@ -58,6 +66,8 @@ void NotifyStopping() { ::sd_notify(0, "STOPPING=1\nSTATUS=Workers drain"); }
 namespace VELT {
 
 void NotifyReady(std::atomic<int> const*, int) {}
+
+void NotifyRetrying(std::string const&) {}
 
 void NotifyStopping() {}
 

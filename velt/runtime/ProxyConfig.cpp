@@ -9,6 +9,7 @@
 #include <velt/config_details/settings/scanning.h>
 #include <velt/errors/Failures.h>
 #include <velt/results/ProcessScanResult.h>
+#include <velt/retry/RetryerServiceLoop.h>
 #include <velt/runtime/Proxy.h>
 #include <velt/runtime/TCPServiceLoop.h>
 #include <velt/scanning/Scanner.h>
@@ -95,14 +96,14 @@ void Proxy::SetUpStreams(StreamSettings const& streams) {
     TCPStream::set_default_timeout(m_timeoutMs);
 }
 
-// Only the TCP service exists; another leaves no loop, and start-up ends.
+// Whatever is not the TCP service is a retryer, whose queue one process walks.
 void Proxy::CreateServiceLoop() {
     if (std::string_view(m_serviceType) == "tcp") {
         m_serviceLoop = new TCPServiceLoop(&m_config);
         return;
     }
     m_acceptCount = 1;
-    std::cerr << "The service type \"" << m_serviceType << "\" is not supported: only \"tcp\" is." << std::endl;
+    m_serviceLoop = new RetryerServiceLoop(&m_config, m_retryerArgument);
 }
 
 void Proxy::InitialiseLogging() {

@@ -13,6 +13,7 @@
 #include <QXlog/QXlog.h>
 #include <testing/FakePolicyStore.h>
 #include <velt/logging/Events.h>
+#include <velt/retry/RetryerServiceLoop.h>
 #include <velt/runtime/RuntimeTest.h>
 #include <velt/runtime/ServiceLoop.h>
 
@@ -385,14 +386,16 @@ TEST_F(StandardConfigTest, NetworkListsThatAreNotThereGiveNobodyADirection) {
     delete std::exchange(m_proxy->m_serviceLoop, nullptr);
 }
 
-TEST_F(StandardConfigTest, OtherServiceTypeHasOneWorkerAtMostAndNoLoopHere) {
-    m_proxy->m_serviceType = "retry";
-    ::testing::internal::CaptureStderr();
-    m_proxy->GetStandardConfig();
-    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
-              "The service type \"retry\" is not supported: only \"tcp\" is.\n");
-    EXPECT_EQ(m_proxy->m_acceptCount, 1u);
-    EXPECT_EQ(m_proxy->m_serviceLoop, nullptr);
+// Any other type will do, and a queue that has no name is one that nobody knows.
+TEST_F(StandardConfigTest, OtherServiceTypeIsARetryerWithOneWorker) {
+    for (char const* const type : {"retryer", "TCP", ""}) {
+        m_proxy->m_serviceType = type;
+        m_proxy->m_acceptCount = 4;
+        m_proxy->GetStandardConfig();
+        EXPECT_EQ(m_proxy->m_acceptCount, 1u) << type;
+        EXPECT_NE(dynamic_cast<VELT::RetryerServiceLoop*>(m_proxy->m_serviceLoop), nullptr) << type;
+        delete std::exchange(m_proxy->m_serviceLoop, nullptr);
+    }
 }
 
 // --- bindings ---

@@ -1,0 +1,43 @@
+// RetryerThreadPool: the pool of a retryer. It knows the sessions that it holds, so that the walk can ask whether one
+// of them has a file. Owner: the process's RetryerServiceLoop. Threads: any; the list is guarded by the pool's mutex. A
+// session is deleted with m_removal held, so that whoever asks about its file meanwhile waits until the file is closed:
+// while it was not, the file could be opened and locked a second time, and either close would give up both locks. The
+// order is m_removal, then m_mutex. Failure: as ConnThreadPool.
+#pragma once
+
+#include <pthread.h>
+
+#include <deque>
+#include <mutex>
+
+#include <velt/Export.h>
+#include <velt/runtime/ConnThreadPool.h>
+
+namespace VELT {
+
+class VELT_API RetryerThreadPool : public ConnThreadPool {
+public:
+    explicit RetryerThreadPool(unsigned threads);  // so many threads, and a queue of as many
+    ~RetryerThreadPool() override;
+
+    void RemoveConnection(Connection* session) override;
+    void ConnectionAdded(Connection* session) override;
+
+    bool Active(char const* path);  // whether a session answers for the file of this path
+
+    // Returns once fewer sessions are held than run and wait in a full queue, or the process stops. The wait inside
+    // QueueConnection alone would let in any number, each with its open file, once threads that have retired count as
+    // idle.
+    void WaitForRoom();
+
+protected:
+    std::deque<Connection*> m_connections;  // m_mutex: held, waiting and running ones
+
+private:
+    void Erase(Connection const* session);
+
+    std::mutex m_removal;
+    pthread_cond_t m_removed;  // m_mutex: there is one session less
+};
+
+}  // namespace VELT
