@@ -128,6 +128,17 @@ class Notify(echo_case.EchoCase):
         self.assertNotEqual(second["pid"], first["pid"])
         self.assertIn(f"worker {second['pid']}", second["STATUS"])
 
+    def test_retryer_is_ready_when_it_walks(self):
+        self.program = os.environ["VELT_KEEPER"]
+        manager = self.listen()
+        (self.root.path / "deferred/smtp").mkdir(parents=True)
+        self.configure(self.settings())
+        daemon = self.launch(("-d", "-s", "retryer", "-t", "smtp"), environment=self.environment)
+        ready = manager.until("READY")
+        self.assertIn(ready["pid"], daemon.workers())
+        self.assertIn(f"{self.root.path}/deferred/smtp/;", ready["STATUS"])
+        self.assertIn(f"monitor {daemon.pid}", ready["STATUS"])
+
     def test_hangup_of_the_monitor_is_told_and_that_of_a_worker_is_not(self):
         manager = self.listen()
         daemon = self.launch_with()

@@ -119,11 +119,12 @@ class Start(echo_case.EchoCase):
         with self.connect() as client:
             self.assertTrue(client.closed_by_peer())
 
-    def test_other_service_type_ends_start_up(self):
+    def test_other_service_type_opens_no_port_and_retries(self):
         self.configure(self.settings())
-        daemon = self.launch(options=("-d", "-s", "retry"))
-        self.assertEqual(daemon.wait(), 255)
-        self.assertIn('The service type "retry" is not supported', daemon.stderr())
+        self.launch(options=("-d", "-s", "anything"))
+        self.wait_event(70002, 119)
+        with self.assertRaises(ConnectionRefusedError):
+            self.connect()
 
     def test_single_process_mode_of_the_tcp_service_ends_at_once(self):
         self.configure(self.settings())
