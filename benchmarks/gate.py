@@ -23,6 +23,8 @@ ROWS = [
     ("streams_bench", "Spool_memory/64000", "Spool_memcpy/64000", 1.4, "1.2 times memcpy and one round of the pool"),
     ("streams_bench", "Spool_memory/16000", "Spool_memcpy/16000", 1.4, "1.2 times memcpy and one round of the pool"),
     ("streams_bench", "Spool_memory/1000", "Spool_memcpy/1000", 1.8, "35 ns over memcpy and one round of the pool"),
+    ("results_bench", "Verdict_encode", "Verdict_readyLines", 20.0, "5000 ns; the same lines ready made"),
+    ("results_bench", "Verdict_decode", "Verdict_byHand", 4.0, "5000 ns; the same bags made by hand"),
     ("events_bench", "Event_off", "Event_relaxedLoad", 6.0, "2 ns; one load and one branch"),
     ("config_bench", "Setting_read", "Setting_hashLookup", 8.0, "60 ns; one hash look-up by pointers"),
     ("config_bench", "Setting_read", "Setting_lockedHashLookup", 4.5, "60 ns; the same under a lock for readers"),

@@ -1,6 +1,6 @@
 // Verdicts in their text form. Either the bytes are such a text, and whatever it says is answered the same by each
-// reading, within the buffers and the memory that it may take; or they say what a verdict holds, and what was written
-// of it is what is read.
+// reading, within the buffers and the memory that it may take, and is the same bytes once it was read and written
+// twice; or they say what a verdict holds, and what was written of it is what is read.
 #include <algorithm>
 #include <cwchar>
 #include <memory>
@@ -22,11 +22,42 @@ namespace {
 
 int room = 0;  // more than any text of this input
 
-Verdict Read(std::string const& text) {
+Verdict Read(std::string const& text, bool* ended = nullptr) {
     VELT::ScannerStream stream(static_cast<unsigned>(text.size() + 1));
     stream.write(text.data(), static_cast<unsigned>(text.size()));
     stream.seek(0, 0);
-    return Verdict(VELT::SerializedEFabricResult::deserialize(&stream));
+    return Verdict(VELT::SerializedEFabricResult::deserialize(&stream, ended));
+}
+
+// Keeps what is written.
+class Kept : public VELT::BufferedStream {
+public:
+    int read(char*, unsigned, unsigned* received) override {
+        *received = 0;
+        return 0;
+    }
+    int write(char const* data, unsigned length, unsigned*) override {
+        text.append(data, length);
+        return 0;
+    }
+    int writev(unsigned count, unsigned* lengths, char const** buffers, unsigned*) override {
+        for (unsigned i = 0; i < count; ++i) text.append(buffers[i], lengths[i]);
+        return 0;
+    }
+    std::string text;
+};
+
+std::string Written(VELT::SerializedEFabricResult const& verdict) {
+    Kept kept;
+    VELT::SerializedEFabricResult::serialize(&kept, &verdict);
+    return kept.text;
+}
+
+std::string ReadAndWritten(std::string const& text) {
+    bool ended = false;
+    Verdict const verdict = Read(text, &ended);
+    Require(verdict && ended, "what was written is read whole");
+    return Written(*verdict);
 }
 
 std::string Bytes(std::wstring const& wide) {
@@ -129,6 +160,9 @@ void ReadAnything(std::string const& text) {
     auto const dots = static_cast<unsigned long>(std::count(text.begin(), text.end(), '.'));
     Require(bags <= dots + VELT::results::kMostBags, "no more bags than there are names, and some");
     CheckSmallBuffers(*verdict);
+    std::string const twice = ReadAndWritten(Written(*verdict));
+    if (twice.find("QX_SYSTEM_NAME") == std::string::npos)  // this process puts its name in front of that
+        Require(ReadAndWritten(twice) == twice, "the same bytes of what was read and written twice");
 }
 
 // --- what was written is read ---

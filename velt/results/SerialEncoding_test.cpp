@@ -8,9 +8,11 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include <testing/DocExample.h>
 #include <testing/SpoolRoom.h>
 #include <velt/results/ScanResultTest.h>
 #include <velt/results/SerialDecoding.h>
@@ -364,6 +366,55 @@ TEST(WriteProperties, NumbersAreThoseOfNoLocale) {
     EXPECT_EQ(value, std::numeric_limits<double>::max());
     std::setlocale(LC_ALL, "C");
     if (!german) GTEST_SKIP() << "this machine has no locale with another point";
+}
+
+// --- the worked examples of docs/formats/serialised-result.md ---
+
+TEST(WrittenExample, OfAVerdictIsTrue) {
+    std::string bytes;
+    std::istringstream lines(DocExample(DOCS "/formats/serialised-result.md", "hex"));
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream codes(line.substr(4));
+        for (int code; codes >> std::hex >> code;) bytes += static_cast<char>(code);
+    }
+    FakeComponent place;
+    place.place = L"Object";
+    place.name = L"a";
+    FakeResult result;
+    result.infections = L"Eicar";
+    result.className = "AV";
+    result.infected = 1;
+    result.component = &place;
+    result.bag.NewProperty("E_SR_TYPE")->SetULong(1);
+    BagIn(result.bag, "QX_PROPERTIES").NewProperty("QX_ENGINE")->SetNarrow("5");
+    FakeVerdict verdict;
+    verdict.triggered = true;
+    verdict.action = "BLOCK";
+    verdict.master = &result;
+    EXPECT_EQ(Written(verdict), bytes);
+    bool ended = false;
+    EXPECT_NE(Read(bytes, &ended), nullptr);
+    EXPECT_TRUE(ended);
+}
+
+TEST(WrittenExample, OfASectionIsTrue) {
+    KORPropertyBag bag, again;
+    bag.NewProperty("ES_CONTEXT_SMTP")->SetLong(1);
+    IKORProperty& sizes = *bag.NewProperty("SIZES");
+    for (unsigned long size : {512, 1024}) sizes.AddULong(size);
+    IKORProperty& rules = *bag.NewProperty("RULE");
+    for (double score : {2.5, 4.0}) {
+        rules.AddBag(nullptr);
+        rules.GetBagAt(rules.GetCount() - 1)->NewProperty("score")->SetDouble(score);
+    }
+    BagIn(bag, "ES_SCANRESSUBSTITUTIONS").NewProperty("PORT")->SetLong(25);
+    std::string const shown = DocExample(DOCS "/formats/serialised-result.md", "section");
+    EXPECT_EQ(Written(bag, "scan_properties"), shown.substr(0, shown.size() - 1) + "\r\n");
+    Text source(shown);
+    bool ended = false;
+    SerializedEFabricResult::deserialize(&source.stream, "scan_properties", again, &ended);
+    EXPECT_TRUE(ended);
+    EXPECT_EQ(PropertyOf(again, "RULE")->GetCount(), 1u);
 }
 
 // --- dumps ---
