@@ -31,6 +31,7 @@
 #include <velt/runtime/Thread.h>
 #include <velt/scanning/EFabricScanAgent.h>
 #include <velt/scanning/Scanner.h>
+#include <velt/scanning/ScannerServer.h>
 #include <velt/streams/NetUtils.h>
 
 namespace VELT {
@@ -313,7 +314,10 @@ void Proxy::DisableLogging() {
 }
 
 // Nothing scans outside this process, so that every connection thread may have to: it gets the system's own stack.
-void Proxy::CheckStackSize() { s_pProxyInstance->m_handlerStackSize = 0; }
+// Engines that run on the threads of connections need the system's stack.
+void Proxy::CheckStackSize() {
+    if (!ScannerProcessActive()) s_pProxyInstance->m_handlerStackSize = 0;
+}
 
 int ProxyStart(int argc, char** argv) { return Proxy::s_pProxyInstance->Start(argc, argv); }
 

@@ -13,6 +13,8 @@
 #include <velt/runtime/Proxy.h>
 #include <velt/scanning/ScanAgent.h>
 #include <velt/scanning/ScanContext.h>
+#include <velt/scanning/ScannerConn.h>
+#include <velt/scanning/ScannerServer.h>
 #include <velt/scanning/ScannerThread.h>
 #include <velt/streams/TCPStream.h>
 
@@ -57,10 +59,12 @@ bool Scanner::is_av_enabled() { return true; }
 
 Scanner* Scanner::get(ScanContext* context) { return ScannerWrapper::get(context); }
 
-// The stack size is checked before the scanner that may have to run on such a stack.
+// The stack size is checked once it is known whether scanner processes are in use, and before the scanner that may have
+// to run on such a stack.
 void Scanner::initialise(Config* config) {
     Resolver::initialise(config);
     ScanAgent::initialise(config);
+    ScannerConn::initialise(config);
     Proxy::CheckStackSize();
     ScannerWatch::initialise(config);
     ScannerInline::initialise(config);
@@ -77,6 +81,7 @@ void Scanner::start(bool force, bool threaded) {
     ::setsid();
     ::setpgrp();
     ScanAgent::start();
+    ScannerConn::start();
     ScannerInline::start();
     ScannerThread::start();
     ScannerNull::start();
@@ -114,6 +119,7 @@ Scanner* ScannerWrapper::Choose(ScanContext* context) {
         if (Scanner* const pooled = ScannerThread::get(context)) return pooled;
     } catch (FWException<fw_exception_tag::resource> const&) {
     }
+    if (ScannerProcessActive()) return ScannerConn::get(context);
     if (Scanner* const own = ScannerInline::get(context)) return own;
     return ScannerNull::get(context);
 }

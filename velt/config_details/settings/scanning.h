@@ -40,13 +40,14 @@ using InlineScannerThreadStackSize =
 
 struct attrname_LSDisabled {
     static constexpr SettingText text{"scanning", "LSDisabled", "",
-                                      "No scanner process is asked. No effect in this release."};
+                                      "No scanner process is asked, whatever the resource manager has. Read at "
+                                      "start-up."};
 };
 using LSDisabled = cfg::bounded<attrname_LSDisabled, bool, cfg::bool_bounds<false>>;
 
 struct attrname_LSServerWaitTime {
     static constexpr SettingText text{"scanning", "LSServerWaitTime", "seconds",
-                                      "How long to wait for a scanner process. No effect in this release."};
+                                      "How long an item waits for a scanner process; 0 is one try. Read at start-up."};
 };
 using LSServerWaitTime =
     cfg::bounded<attrname_LSServerWaitTime, unsigned, cfg::integral_bounds<unsigned, 60, 0, 4294967295>>;

@@ -1,0 +1,56 @@
+// What the client of scanner processes writes: the header blocks of its requests, and what follows the first of them
+// (docs/formats/scan-protocol.md).
+// Owner: the stack of the scan. Thread: the session's. Units: bytes; seconds since 1970.
+// Failure: 0, or an errno value, of the first write that failed; nothing is written after it.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include <velt/Export.h>
+#include <velt/streams/BufferedStream.h>
+
+namespace VELT {
+
+class ScannerStream;
+
+namespace scan_requests {
+
+bool IsOneLine(std::string_view value);  // nothing in it ends a header line
+
+struct Setup {
+    std::string const& protocol;
+    long time;
+    unsigned size;
+    char const* policy;
+    std::string const& filename;  // empty: the content follows
+};
+std::string SetupBlock(Setup const& setup);
+std::string ScanBlock(char const* identity, bool fallback, bool attributes);  // a null identity is none
+
+// Gathers what is written in pieces, so that it leaves in few packets.
+class VELT_API Body : public BufferedStream {
+public:
+    explicit Body(BufferedStream& target) : m_target(target) {}
+
+    int read(char* data, unsigned length, unsigned* received) override;  // EBADF: there is nothing to read
+    int write(char const* data, unsigned length, unsigned* sent) override;
+    int writev(unsigned count, unsigned* lengths, char const** buffers, unsigned* sent) override;
+
+    // Exactly `size` bytes of it from its start: more is left out, and fewer are EIO.
+    int WriteContent(ScannerStream& content, unsigned size);
+    int Send();  // what has been gathered
+
+private:
+    class Limited;
+
+    int SendNow(char const* data, unsigned length);
+
+    BufferedStream& m_target;
+    std::string m_gathered;
+    int m_error = 0;
+};
+
+}  // namespace scan_requests
+
+}  // namespace VELT

@@ -1,0 +1,505 @@
+// What the remote scanner makes of what it is answered: refusals, lacks, broken answers, the verdict and the content.
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <utility>
+
+#include "testing/Child.h"
+#include "testing/DocExample.h"
+#include "velt/scanning/ScannerConnTest.h"
+
+using namespace VELT;
+using namespace velt_testing;
+
+namespace {
+
+class AnswerTest : public ScannerConnTest {
+protected:
+    // To the set-up; the client says nothing more, and closes.
+    int AfterSetup(std::string const& answer, std::string const& deed = "end") {
+        Converse(remote, {"C " + InLine(), "S " + answer, "X " + deed});
+        return Scan();
+    }
+    // To the scan of an item in line.
+    int AfterScan(std::string const& answer, std::string const& deed = "end") {
+        Converse(remote, {"C " + InLine(), ok, scan, "S " + answer, "X " + deed});
+        return Scan();
+    }
+    // The same, and the connection is kept.
+    int Kept(std::string const& answer, ScannerPeer& server, std::string const& setup) {
+        Converse(server, {"C " + setup, ok, scan, "S " + answer, std::string("C ") + kStasis, ok});
+        return Scan();
+    }
+    int Kept(std::string const& answer) { return Kept(answer, remote, InLine()); }
+    void ExpectFailure(int error) {
+        EXPECT_EQ(NumberAt(TheReport(events::SCANNER_EXCHANGE_FAILED), "velt_error.velt_os_error"), error);
+        events.Clear();
+    }
+    void ExpectLack(char const* attribute) {
+        EXPECT_EQ(TextAt(TheReport(events::SCANNER_ANSWER_INCOMPLETE), "ls_scan_attribute").value_or("none"),
+                  attribute);
+        events.Clear();
+    }
+    void ExpectRefusal() {
+        TheReport(events::SCANNER_REFUSED);
+        events.Clear();
+    }
+
+    std::string const ok = std::string("S ") + kOk;
+    std::string const scan = "C get scan\nidentity staff\n\n";
+};
+
+using RemoteSetupAnswer = AnswerTest;
+using RemoteScanAnswer = AnswerTest;
+using RemoteContent = AnswerTest;
+using RemoteWait = AnswerTest;
+using RemoteHostile = AnswerTest;
+using ScanProtocolPage = AnswerTest;
+
+}  // namespace
+
+// --- the answer to the set-up ---
+
+TEST_F(RemoteSetupAnswer, WithoutAnyHeaderIsAFailure) {
+    EXPECT_EQ(AfterSetup("\n"), -1001);
+    ExpectFailure(0);
+    EXPECT_FALSE(IsOccupied());
+    EXPECT_EQ(output, nullptr);
+}
+
+TEST_F(RemoteSetupAnswer, OtherThanOKByteForByteIsARefusal) {
+    for (char const* const state : {"ok", "", "OK ", " OK", "Ok", "OKAY", "Attributes", "NO such policy"}) {
+        EXPECT_EQ(AfterSetup(std::string("State ") + state + "\n\n"), -1001) << state;
+        ExpectRefusal();
+        EXPECT_FALSE(IsOccupied());
+        DropScanner();
+    }
+}
+
+TEST_F(RemoteSetupAnswer, WithoutAStateLacksIt) {
+    EXPECT_EQ(AfterSetup("state OK\nsize 1\n\n"), -1001);
+    ExpectLack("State");
+}
+
+TEST_F(RemoteSetupAnswer, WithALineThatIsNoHeaderIsAFailure) {
+    EXPECT_EQ(AfterSetup("garbage\n"), -1001);
+    ExpectFailure(0);
+}
+
+TEST_F(RemoteSetupAnswer, ThatThePeerClosesIsAFailureWhateverItHeld) {
+    for (char const* const text : {"", "State OK", "State OK\n"}) {
+        EXPECT_EQ(AfterSetup(text, "close"), -1001) << text;
+        ExpectFailure(0);
+        DropScanner();
+    }
+}
+
+// Behind a whole header a lost connection ends a block like its empty line; what follows shows it.
+TEST_F(RemoteSetupAnswer, ThatIsResetBehindAHeaderPasses) {
+    Converse(remote, {"C " + InLine(), "S State OK\n", "X reset"});
+    EXPECT_EQ(Scan(), -1);
+    events.Expect(events::SCANNER_EXCHANGE_FAILED);
+}
+
+TEST_F(RemoteSetupAnswer, ThatFallsSilentBehindAHeaderPasses) {
+    TCPStream::set_default_timeout(50);
+    Converse(remote, {"C " + InLine(), "S State OK\n", scan, "S " + Clean(), std::string("C ") + kStasis, ok});
+    EXPECT_EQ(Scan(), 0);
+}
+
+TEST_F(RemoteSetupAnswer, ThatDoesNotComeIsATimeout) {
+    TCPStream::set_default_timeout(50);
+    EXPECT_EQ(AfterSetup("State"), -1001);
+    ExpectFailure(ETIMEDOUT);
+}
+
+TEST_F(RemoteSetupAnswer, ThatDoesNotComeSinceTheContentIsNotTakenIsOneToo) {
+    TCPStream::set_default_timeout(50);
+    Fill(std::string(4000, 'x'));
+    FillSpool(16 << 20);
+    Offer(remote);
+    remote.Converse({"X pass"});
+    EXPECT_EQ(Scan(), -1001);
+    ExpectFailure(ETIMEDOUT);
+    remote.Pass();
+}
+
+// --- the answer to a scan ---
+
+TEST_F(RemoteScanAnswer, MayHaveItsHeadersInAnyOrderAndMoreOfThem) {
+    std::string const verdict = std::string(kFound) + kNoProperties + "clean";
+    EXPECT_EQ(Kept("input_modified 1\r\nX y z\r\nState NO\r\ncached 0\r\noutput_in_input 1\r\noutput_in_input 0\r\n"
+                   "State OK\r\nsize 5\r\n\r\n" +
+                   verdict),
+              0);
+    EXPECT_TRUE(output->result->IsTriggered());
+    EXPECT_FALSE(output->output_in_input);
+    EXPECT_FALSE(output->input_modified);
+    EXPECT_EQ(All(*output->output), "clean");
+}
+
+TEST_F(RemoteScanAnswer, GivesTheVerdictAndThePropertiesOfTheItem) {
+    EXPECT_EQ(Kept(Answer("0", 0, 0, 0) + kFound + "properties.FOUND sl 7\n\r\n"), 0);
+    EXPECT_TRUE(output->result->IsTriggered());
+    EXPECT_EQ(output->identity, context.identities[0]);
+    ASSERT_NE(output->properties.GetProperty("FOUND"), nullptr);
+    long value = 0;
+    EXPECT_TRUE(output->properties.GetProperty("FOUND")->GetLong(value));
+    EXPECT_EQ(value, 7);
+}
+
+// The section of the request has another name. One under that name cannot be told from content, so nothing is reported;
+// but the connection is out of step.
+TEST_F(RemoteScanAnswer, UnderTheNameOfTheRequestsSectionGivesNoProperties) {
+    EXPECT_EQ(AfterScan(Answer("0", 0, 0, 0) + kFound + "scan_properties.FOUND sl 7\n\r\n"), 0);
+    EXPECT_TRUE(output->result->IsTriggered());
+    EXPECT_EQ(output->properties.Size(), 0);
+}
+
+TEST_F(RemoteScanAnswer, ThatRefusesLeavesTheConnectionAndAFurtherScanGoesOutOnIt) {
+    Converse(remote, {"C " + InLine(), ok, scan, "S State NO\n\n", "C get scan\nidentity staff\nfallbackscan 1\n\n",
+                      "S State no\n\n", "X end"});
+    EXPECT_EQ(Scan(), -1);
+    ExpectRefusal();
+    EXPECT_EQ(output, nullptr);
+    EXPECT_TRUE(IsOccupied());
+    EXPECT_EQ(Scan(0, true), -1);
+    ExpectRefusal();
+    EXPECT_EQ(remote.connections(), 1u);
+    DropScanner();
+    EXPECT_FALSE(IsOccupied());
+}
+
+TEST_F(RemoteScanAnswer, AfterARefusalMaySucceedButTheConnectionIsNotKept) {
+    Converse(remote, {"C " + InLine(), ok, scan, "S State NO\n\n", scan, "S " + Clean(), "X end"});
+    EXPECT_EQ(Scan(), -1);
+    ExpectRefusal();
+    EXPECT_EQ(Scan(), 0);
+}
+
+TEST_F(RemoteScanAnswer, WithoutAStateLeavesTheConnectionToTheScannersEnd) {
+    Converse(remote, {"C " + InLine(), ok, scan, "S size 1\n\n", "X end"});
+    EXPECT_EQ(Scan(), -1);
+    ExpectLack("State");
+    EXPECT_TRUE(IsOccupied());
+    DropScanner();
+    EXPECT_FALSE(IsOccupied());
+}
+
+TEST_F(RemoteScanAnswer, LacksEachOfItsFourHeadersByName) {
+    std::vector<std::string> const names{"size", "output_in_input", "cached", "input_modified"};
+    for (std::string const& missing : names) {
+        std::string block = "State OK\n";
+        for (std::string const& name : names)
+            if (name != missing) block += name + " 0\n";
+        EXPECT_EQ(AfterScan(block + "\n" + kClean + kNoProperties), -1);
+        ExpectLack(missing.c_str());
+        EXPECT_EQ(output, nullptr);
+        EXPECT_FALSE(IsOccupied());
+        DropScanner();
+    }
+    EXPECT_EQ(AfterScan("State OK\n\n"), -1);
+    ExpectLack("size");  // the first of them
+}
+
+TEST_F(RemoteScanAnswer, LacksASizeWhereItIsNone) {
+    for (char const* const size : {"-1", "", "x", "5x", "4294967296", "9223372036854775808", "0x5", "1e3"}) {
+        EXPECT_EQ(AfterScan(Answer(size, 0, 0, 0) + kClean + kNoProperties), -1) << size;
+        ExpectLack("size");
+        EXPECT_EQ(output, nullptr);
+        DropScanner();
+    }
+}
+
+TEST_F(RemoteScanAnswer, WithAVerdictThatCannotBeReadLacksNothingThatHasAName) {
+    for (char const* const verdict :
+         {"msr.unknown sl 1\n\n", "msr.triggered ss 1\nx\n", "msr.sr.result\nunknown 1\n\n\n", "garbage\n\n"}) {
+        EXPECT_EQ(AfterScan(Answer("0", 0, 0, 0) + verdict + kNoProperties), -1) << verdict;
+        ExpectLack("none");
+        EXPECT_EQ(output, nullptr);
+        EXPECT_FALSE(IsOccupied());
+        DropScanner();
+    }
+    EXPECT_EQ(AfterScan(Answer("0", 0, 0, 0) + "msr.action ss 10\nDE", "close"), -1);
+    ExpectLack("none");
+}
+
+// What is cut anywhere is no verdict, least of all a clean one.
+TEST_F(RemoteScanAnswer, ThatIsCutAnywhereIsAFailure) {
+    context.identities = {InternedString()};
+    std::string const answer = Answer("5", 0, 0, 0) + kClean + "properties.FOUND sl 7\n\r\nclean";
+    for (char const* const deed : {"close", "reset"}) {
+        for (std::size_t cut = 0; cut < answer.size(); ++cut) {
+            Converse(remote,
+                     {"C " + InLine(), ok, "C get scan\n\n", "S " + answer.substr(0, cut), std::string("X ") + deed});
+            EXPECT_EQ(Scan(), -1) << deed << " at " << cut;
+            EXPECT_EQ(events.Events().size(), 1u) << deed << " at " << cut;
+            EXPECT_FALSE(IsOccupied());
+            events.Clear();
+            DropScanner();
+        }
+    }
+}
+
+// The same of one whose content is in the spool file already: nothing follows its sections.
+TEST_F(RemoteScanAnswer, WithoutContentThatIsCutAnywhereIsAFailure) {
+    std::string const answer = Answer("0", 1, 0, 0) + kClean + "properties.FOUND sl 7\n\r\n";
+    for (char const* const deed : {"close", "reset"}) {
+        for (std::size_t cut = 0; cut + 1 < answer.size(); ++cut) {
+            Converse(remote, {"C " + InLine(), ok, scan, "S " + answer.substr(0, cut), std::string("X ") + deed});
+            EXPECT_EQ(Scan(), -1) << deed << " at " << cut;
+            EXPECT_EQ(events.Events().size(), 1u) << deed << " at " << cut;
+            events.Clear();
+            DropScanner();
+        }
+    }
+}
+
+TEST_F(RemoteScanAnswer, IsTheSameWhereverTheNetworkCutsIt) {
+    context.identities = {InternedString()};
+    std::string const answer = Answer("5", 0, 0, 0) + kFound + "properties.FOUND sl 7\n\r\nclean";
+    for (std::size_t cut = 1; cut < answer.size(); cut += 3) {
+        Converse(remote, {"C " + InLine(), ok, "C get scan\n\n", "S " + answer.substr(0, cut), "X pass",
+                          "S " + answer.substr(cut)});
+        session.onCallback = nullptr;
+        remote.Pass();
+        scanner.reset(ScannerConn::get(&context));
+        scanner->dont_cache();
+        EXPECT_EQ(Scan(), 0) << cut;
+        EXPECT_TRUE(output->result->IsTriggered());
+        EXPECT_EQ(All(*output->output), "clean");
+        DropScanner();
+    }
+}
+
+TEST_F(RemoteScanAnswer, ThatCannotBeAskedForIsAFailure) {
+    context.identities = {InternedString(), InternedString()};
+    Converse(remote, {"C " + InLine(), ok, "C get scan\n\n", "S " + Clean(), "X reset"});
+    EXPECT_EQ(Scan(0), 0);
+    remote.Finish();
+    EXPECT_EQ(Scan(1), -1);
+    EXPECT_EQ(output, nullptr);
+    events.Expect(events::SCANNER_EXCHANGE_FAILED);
+    EXPECT_FALSE(IsOccupied());
+}
+
+// --- the content ---
+
+TEST_F(RemoteContent, OfItsOwnIsTakenWhateverTheOtherFlagsSay) {
+    for (int cached : {0, 1})
+        for (int modified : {0, 1}) {
+            EXPECT_EQ(AfterScan(Answer("5", 0, cached, modified) + kClean + kNoProperties + "clean" + "?"), 0);
+            EXPECT_FALSE(output->output_in_input);
+            EXPECT_FALSE(output->input_modified);
+            ASSERT_NE(output->output, context.data);
+            EXPECT_EQ(All(*output->output), "clean");
+            DropScanner();
+        }
+    EXPECT_EQ(All(*body), content);
+}
+
+TEST_F(RemoteContent, OfNoBytesIsAnEmptyStreamAndASuccess) {
+    EXPECT_EQ(Kept(Answer("0", 0, 0, 0) + kClean + kNoProperties), 0);
+    ASSERT_NE(output->output, nullptr);
+    EXPECT_NE(output->output, context.data);
+    EXPECT_EQ(output->output->size(), 0u);
+}
+
+TEST_F(RemoteContent, InTheSharedFileIsOpenedAnewAndNothingIsRead) {
+    for (int modified : {0, 1}) {
+        FillSpool();
+        std::string const file = body->get_spool_file();
+        Converse(local, {"C " + Setup("filename " + file + "\n") + "\r\n", ok, scan, "X pass",
+                         "S " + Answer("99", 1, 1, modified) + kClean + kNoProperties, std::string("C ") + kStasis, ok,
+                         "X close"});
+        bool isChanged = false;
+        session.onCallback = [&] {
+            if (std::exchange(isChanged, true)) return;
+            ASSERT_EQ(::truncate(file.c_str(), 6), 0);
+            local.Pass();
+        };
+        EXPECT_EQ(Scan(), 0);
+        EXPECT_TRUE(output->output_in_input);
+        EXPECT_EQ(output->input_modified, modified == 1);
+        EXPECT_EQ(output->output, context.data);
+        EXPECT_EQ(body->size(), 6u);
+        EXPECT_EQ(All(*body), content.substr(0, 6));
+        local.Finish();
+        DropScanner();
+    }
+}
+
+TEST_F(RemoteContent, InTheSharedFileIsLostWithTheFile) {
+    FillSpool();
+    std::string const file = body->get_spool_file();
+    Converse(local, {"C " + Setup("filename " + file + "\n") + "\r\n", ok, scan, "X pass",
+                     "S " + Answer("99", 1, 1, 0) + kClean + kNoProperties, "X end"});
+    session.onCallback = [&] {
+        if (::unlink(file.c_str()) == 0) local.Pass();
+    };
+    EXPECT_EQ(Scan(), -1);
+    EXPECT_NE(output, nullptr);
+    ExpectFailure(ENOENT);
+}
+
+TEST_F(RemoteContent, ThatIsUnchangedIsTheInputFromItsStart) {
+    body->seek(5, 0);
+    EXPECT_EQ(Kept(Answer("99", 1, 0, 0) + kClean + kNoProperties), 0);
+    EXPECT_EQ(output->output, context.data);
+    EXPECT_FALSE(output->input_modified);
+    char* data = nullptr;
+    bool io_done = false;
+    ASSERT_EQ(body->readdata(data, 4096, true, io_done), 12);
+    EXPECT_EQ(std::string(data, 12), content);
+}
+
+TEST_F(RemoteContent, OverwritesTheInputShorterAndLonger) {
+    for (std::size_t length : {0u, 5u, 12u, 3000u, 20000u}) {
+        Fill("hello\nworld\n");
+        std::string const changed(length, '#');
+        EXPECT_EQ(AfterScan(Answer(std::to_string(length), 1, 0, 1) + kFound + kNoProperties + changed + "?"), 0);
+        EXPECT_EQ(output->output, context.data);
+        EXPECT_TRUE(output->input_modified);
+        EXPECT_TRUE(output->output_in_input);
+        EXPECT_EQ(body->size(), length);
+        EXPECT_EQ(All(*body), changed);
+        DropScanner();
+    }
+}
+
+TEST_F(RemoteContent, CutShortLeavesAnOutputAndAFailure) {
+    EXPECT_EQ(AfterScan(Answer("5", 0, 0, 0) + kFound + kNoProperties + "cl", "close"), -1);
+    ASSERT_NE(output, nullptr);
+    EXPECT_TRUE(output->result->IsTriggered());
+    ExpectFailure(0);
+    DropScanner();
+    EXPECT_EQ(AfterScan(Answer("5", 1, 0, 1) + kFound + kNoProperties + "cl", "close"), -1);
+    ASSERT_NE(output, nullptr);
+    ExpectFailure(0);
+}
+
+TEST_F(RemoteContent, ThatTheSpoolCannotHoldIsAFailure) {
+    rlimit before{};
+    ::getrlimit(RLIMIT_FSIZE, &before);
+    rlimit const small{20000, before.rlim_max};
+    ::signal(SIGXFSZ, SIG_IGN);
+    ::setrlimit(RLIMIT_FSIZE, &small);
+    int const result = AfterScan(Answer("50000", 0, 0, 0) + kFound + kNoProperties + std::string(50000, 'x'), "pass");
+    ::setrlimit(RLIMIT_FSIZE, &before);
+    remote.Pass();
+    EXPECT_EQ(result, -1);
+    EXPECT_NE(output, nullptr);
+    ExpectFailure(EFBIG);
+}
+
+// --- the wait ---
+
+TEST_F(RemoteWait, CallsTheSessionBackAboutOnceASecond) {
+    Converse(remote, {"C " + InLine(), ok, scan, "X pass", "S " + Clean(), std::string("C ") + kStasis, ok});
+    session.onCallback = [&] {
+        if (session.callbacks == 3) remote.Pass();
+    };
+    EXPECT_EQ(Scan(), 0);
+    EXPECT_GE(session.callbacks, 3);
+    EXPECT_EQ(session.callbacks, StepsOfASecond());
+}
+
+TEST_F(RemoteWait, EndsWithTheServersResourceAndItsIdleConnectionsGo) {
+    std::string const guests = "C get scan\nidentity guests\n\n", stasis = std::string("C ") + kStasis,
+                      wakeup = std::string("C ") + kWakeup;
+    context.identities = {Intern("staff"), Intern("guests")};
+    Converse(remote, {"C " + InLine(), ok, scan, "S " + Clean(), guests, "S " + Clean(), stasis, ok, "X end"});
+    EXPECT_EQ(Scan(0), 0);
+    std::unique_ptr<ScannerConn> idleSecond(scanner.release());
+    Converse(remote, {"C " + InLine(), ok, scan, "S " + Clean(), guests, "S " + Clean(), stasis, ok, wakeup, ok,
+                      "C " + InLine(), ok, scan, "X end"});
+    EXPECT_EQ(Scan(0), 0);
+    EXPECT_EQ(Scan(1), 0);
+    scanner = std::move(idleSecond);
+    EXPECT_EQ(Scan(1), 0);
+    Offer(remote);
+    session.onCallback = [&] { manager.SetUp(kResource, false); };
+    EXPECT_EQ(Scan(0), -1);
+    EXPECT_FALSE(IsOccupied());
+    EXPECT_EQ(output, nullptr);
+    EXPECT_TRUE(events.Names().empty());
+}
+
+TEST_F(RemoteWait, EndsWithTheConnection) {
+    EXPECT_EQ(AfterScan("", "reset"), -1);
+    events.Expect(events::SCANNER_EXCHANGE_FAILED);
+}
+
+// --- hostile numbers ---
+
+TEST_F(RemoteHostile, CostBoundedMemory) {
+#ifdef VELT_SANITIZED
+    GTEST_SKIP() << "a sanitizer needs its address space";
+#endif
+    std::string deep = "properties";
+    for (int i = 0; i < 5000; ++i) deep += ".b<0>";
+    std::string const answers[] = {
+        Answer("0", 0, 0, 0) + "msr.action ss 9223372036854775807\nDENY\n\n" + kNoProperties,
+        Answer("0", 0, 0, 0) + "msr.action ss -1\n\n" + kNoProperties,
+        Answer("0", 0, 0, 0) + kClean + "properties.TEXT ss 9223372036854775807\nxxxx",
+        Answer("0", 0, 0, 0) + kClean + "properties.TEXT ss -1\n\r\n",
+        Answer("0", 0, 0, 0) + kClean + "properties.b<2000000000>.x sl 1\n\r\n",
+        Answer("0", 0, 0, 0) + kClean + deep.substr(0, 3000) + ".x sl 1\n\r\n",
+        Answer("0", 0, 0, 0) + kClean + deep + ".x sl 1\n\r\n",
+        Answer("-1", 0, 0, 0) + kClean + kNoProperties,
+        "Long " + std::string(65 * 1024, 'v') + "\n" + Answer("0", 0, 0, 0) + kClean + kNoProperties,
+        "State " + std::string(10 << 20, 'v'),
+        std::string(10 << 20, 'v'),
+        Answer("0", 0, 0, 0) + std::string(10 << 20, 'v'),
+        Answer("4294967295", 0, 0, 0) + kClean + kNoProperties + "xxxx",
+    };
+    int const expected[] = {-1, -1, -1, 0, 0, 0, 0, -1, 0, -1, -1, -1, -1};
+    events.AllowAll();
+    rlimit before{};
+    ::getrlimit(RLIMIT_AS, &before);
+    rlimit const tight{256UL << 20, before.rlim_max};
+    for (std::size_t i = 0; i < std::size(answers); ++i) {
+        scanner.reset(ScannerConn::get(&context));
+        scanner->dont_cache();
+        Converse(remote, {"C " + InLine(), ok, scan, "S " + answers[i], "X close"});
+        ::setrlimit(RLIMIT_AS, &tight);
+        int const result = Scan();
+        ::setrlimit(RLIMIT_AS, &before);
+        EXPECT_EQ(result, expected[i]) << i;
+        remote.Finish();
+        DropScanner();
+    }
+}
+
+// --- the page ---
+
+namespace {
+
+std::string Unescaped(std::string text) {
+    for (auto const& [escape, byte] : {std::pair{"\\n", "\n"}, std::pair{"\\r", "\r"}})
+        for (std::size_t at; (at = text.find(escape)) != text.npos;) text.replace(at, 2, byte);
+    return text;
+}
+
+}  // namespace
+
+TEST_F(ScanProtocolPage, ExampleIsWhatTheClientSays) {
+    std::string const example = DocExample(DOCS "/formats/scan-protocol.md", "conversation");
+    ScannerPeer::Conversation steps;
+    for (std::size_t at = 0; at < example.size();) {
+        std::size_t const end = example.find('\n', at);
+        steps.push_back(Unescaped(example.substr(at, end - at)));
+        at = end + 1;
+    }
+    EXPECT_EQ(steps.size(), 15u);
+    context.identities = {Intern("staff"), InternedString()};
+    context.properties.NewProperty("SIZE_LIMIT")->SetLong(42);
+    Converse(remote, std::move(steps));
+    EXPECT_EQ(Scan(0), 0);
+    EXPECT_EQ(All(*output->output), "clean");
+    EXPECT_TRUE(output->result->IsModified());
+    EXPECT_EQ(Scan(1), 0);
+    EXPECT_EQ(output->output, context.data);
+    EXPECT_FALSE(output->result->IsTriggered());
+    remote.Finish();
+}
