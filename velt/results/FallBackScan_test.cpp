@@ -42,7 +42,7 @@ TEST_F(FallBackScan, NeedsAVerdictWithAMasterResult) {
 }
 
 TEST_F(FallBackScan, IsForTheFormatScannerAlone) {
-    for (unsigned long type : {0ul, 1ul, 3ul, 5ul}) {
+    for (unsigned long type : {0ul, 1ul, 3ul, 5ul, 4294967300ul}) {
         result.bag.GetProperty("E_SR_TYPE")->SetULong(type);
         EXPECT_FALSE(Wanted()) << type;
     }

@@ -14,9 +14,16 @@ TEST_F(InfoResult, InformationIsReportedByItsType) {
         char const* event;  // empty: none
         bool answer;
     };
-    constexpr Row rows[] = {
-        {0, "", false}, {1, "180009:345", false}, {2, "180009:347", false}, {3, "180009:346", false}, {4, "", true},
-        {5, "", true},  {6, "", false},           {100, "", false}};
+    constexpr Row rows[] = {{0, "", false},
+                            {1, "180009:345", false},
+                            {2, "180009:347", false},
+                            {3, "180009:346", false},
+                            {4, "", true},
+                            {5, "", true},
+                            {6, "", false},
+                            {100, "", false},
+                            {4294967297ul, "", false},
+                            {4294967301ul, "", false}};
     events.AllowAll();
     SetEngine();
     SetDescription(L"note");

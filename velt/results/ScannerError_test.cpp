@@ -25,14 +25,14 @@ TEST_F(ScannerError, ErrorOfLevelOneIsReportedAndGoesOn) {
 }
 
 TEST_F(ScannerError, ErrorOfAnyOtherLevelIsReportedAndStops) {
-    events.Expect(events::SCANNER_ERROR, 4);
+    events.Expect(events::SCANNER_ERROR, 6);
     SetType(1);
     result.error = true;
     EXPECT_FALSE(Process());  // no level at all
-    SetULong("E_SR_SCANERROR_LVL", 2);
-    EXPECT_FALSE(Process());
-    SetULong("E_SR_SCANERROR_LVL", 3);
-    EXPECT_FALSE(Process());
+    for (unsigned long level : {2ul, 3ul, 4294967296ul, 4294967297ul}) {
+        SetULong("E_SR_SCANERROR_LVL", level);
+        EXPECT_FALSE(Process()) << level;
+    }
     result.bag.GetProperty("E_SR_SCANERROR_LVL")->SetLong(1);  // of another type
     EXPECT_FALSE(Process());
     EXPECT_FALSE(data.type);
