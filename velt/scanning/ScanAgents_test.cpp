@@ -353,6 +353,34 @@ TEST_F(DebugAgent, AnUnknownWordIsPassedOver) {
     EXPECT_TRUE(Triggered());
 }
 
+TEST_F(DebugAgent, ACommentAndALineThatBeginsWithASpaceArePassedOver) {
+    EXPECT_EQ(Prepare("#\n# modified on\n#modified on\n modified on\nmodified true\nend\n" + std::string(kVerdict)), 0);
+    EXPECT_TRUE(agent.m_modified);
+    ASSERT_EQ(Prepare(" modified on\nend\n" + std::string(kVerdict)), 0);
+    EXPECT_FALSE(agent.m_modified);
+    EXPECT_TRUE(Triggered());
+}
+
+TEST_F(DebugAgent, ATabIsNoSpaceSoItsLineEndsTheCommands) {
+    EXPECT_EQ(Prepare("modified\ton\n" + std::string(kVerdict)), 0);
+    EXPECT_FALSE(agent.m_modified);
+    EXPECT_TRUE(Triggered());
+}
+
+TEST_F(DebugAgent, ALastLineWithoutALineEndIsNoCommand) {
+    EXPECT_EQ(Prepare("scantime 0\nmodified on"), 0);
+    EXPECT_FALSE(agent.m_modified);
+    EXPECT_EQ(count, 1u);
+}
+
+TEST_F(DebugAgent, AHeadOfNothingButTheEmptyLineWillDo) {
+    EXPECT_EQ(PrepareWhole("\nmodified on\nend\n" + std::string(kVerdict)), 0);
+    EXPECT_TRUE(agent.m_modified);
+    EXPECT_EQ(PrepareWhole(" \n\nmodified on\nend\n" + std::string(kVerdict)), 0);  // a blank is not empty
+    EXPECT_TRUE(agent.m_modified);
+    EXPECT_TRUE(Triggered());
+}
+
 TEST_F(DebugAgent, ScantimeSleepsForSoManyMicroseconds) {
     sleeps.clear();
     ASSERT_EQ(Prepare("scantime 0\nscantime x\nend\n"), 0);

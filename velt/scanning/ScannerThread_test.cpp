@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "testing/Child.h"
 #include "velt/errors/Failures.h"
 #include "velt/scanning/ScanningTest.h"
 
@@ -67,6 +68,33 @@ TEST_F(ScanThreads, OfTheStartAreNotCountedAmongThoseOnDemand) {
     for (int i = 0; i < 4; ++i) lent.push_back(Get());
     EXPECT_EQ(ScannerThread::get(&context), nullptr);
     EXPECT_EQ(Counter("scanner.threads.started"), 4u) << "threads are kept, not made anew";
+}
+
+// At the start, and in all.
+TEST_F(ScanThreads, AreAsManyAsTheSettingsSayOrElseTheirDefaults) {
+    struct Row {
+        FakeValue most, initial;
+        unsigned long started, all;
+    };
+    Row const rows[] = {{FakeValue::Unsigned(4), FakeValue::Unsigned(2), 2, 6},
+                        {FakeValue::Unsigned(1), FakeValue::Unsigned(1), 1, 2},
+                        {FakeValue::Unsigned(3), FakeValue::Unreadable(), 1, 4},
+                        {FakeValue::Unsigned(3), FakeValue::Unsigned(0), 1, 4},
+                        {FakeValue::Unreadable(), FakeValue::Unsigned(4), 0, 0}};
+    for (Row const& row : rows) {
+        int const end = RawStatusOf([&] {
+            unsigned long const before = Counter("scanner.threads.started");
+            Set("scanning", "MaxScannerThreads", row.most);
+            Set("scanning", "InitialScannerThreads", row.initial);
+            ScannerThread::initialise(&world.proxy().m_config);
+            ScannerThread::start();
+            if (Counter("scanner.threads.started") - before != row.started) ::_exit(1);
+            while (ScannerThread::get(&context)) {
+            }
+            ::_exit(Counter("scanner.threads.started") - before == row.all ? kCameBack : 2);
+        });
+        EXPECT_TRUE(Exited(end, kCameBack)) << row.started << " and " << row.all << ": " << end;
+    }
 }
 
 TEST_F(ScanThreads, ThatAreAllBusyLeaveTheItemToTheSessionsOwnThread) {

@@ -317,6 +317,29 @@ TEST_F(FlatSpin, IsCountedAndLoggedOnceJustAfterItsTime) {
     EXPECT_EQ(events.Names(), std::vector<std::string>{"16000"});
 }
 
+TEST_F(FlatSpin, IsLookedForAfterADayAtTheLatestAndNotWithoutANumber) {
+    events.Allow(events::FLAT_SPIN);
+    FixedTime time;
+    auto const told = [&](FakeValue const& timeout, long seconds) {
+        Set("scanning", "FlatSpinTimeout", timeout);
+        ScannerWatch::initialise(&world.proxy().m_config);
+        unsigned long const before = Spins();
+        TestWatch watch;
+        watch.startscan(&session);
+        time.Pass(seconds);
+        watch.callbacktimer();
+        watch.endscan();
+        EXPECT_EQ(watch.callbacks, 1);
+        return Spins() != before;
+    };
+    EXPECT_FALSE(told(FakeValue::Unsigned(90000), 86400));
+    EXPECT_TRUE(told(FakeValue::Unsigned(90000), 86401));
+    EXPECT_FALSE(told(FakeValue::Unsigned(1), 1));
+    EXPECT_TRUE(told(FakeValue::Unsigned(1), 2));
+    EXPECT_FALSE(told(FakeValue::Text("10"), 1000000));
+    EXPECT_FALSE(told(FakeValue::Unsigned(1), -1000)) << "the clock was set back";
+}
+
 TEST_F(FlatSpin, StaysToldForTheNextScanOfTheScanner) {
     Configure(10);
     events.Expect(events::FLAT_SPIN, 2);
@@ -419,6 +442,26 @@ TEST_F(ForkedScanWatch, TheAlarmCallsBackAndIsSetAgain) {
     int const before = watch.callbacks;
     ::raise(SIGALRM);
     EXPECT_EQ(watch.callbacks, before);
+}
+
+TEST_F(ForkedScanWatch, KeepsWhatElseTheActionSays) {
+    Configure(0, false);
+    struct sigaction before;
+    struct sigaction action = {};
+    action.sa_handler = SIG_IGN;
+    action.sa_flags = SA_RESTART;
+    ::sigaddset(&action.sa_mask, SIGUSR2);
+    ::sigaction(SIGALRM, &action, &before);
+    TestWatch watch;
+    watch.startscan(&session);
+    ::sigaction(SIGALRM, nullptr, &action);
+    EXPECT_EQ(action.sa_handler, &alarm_handler);
+    EXPECT_TRUE(action.sa_flags & SA_RESTART);
+    EXPECT_EQ(::sigismember(&action.sa_mask, SIGUSR2), 1);
+    watch.endscan();
+    ::sigaction(SIGALRM, nullptr, &action);
+    EXPECT_EQ(action.sa_handler, &alarm_handler) << "one that has come already finds it";
+    ::sigaction(SIGALRM, &before, nullptr);
 }
 
 TEST_F(ForkedScanWatch, ARunningScanIsCalledBackByTheAlarmItself) {
