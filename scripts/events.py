@@ -1,4 +1,4 @@
-"""Reads the catalogues of events: velt/logging/Events.def, and one ...Events.def for each gateway."""
+"""Reads the catalogues of events: velt/logging/Events.def, and one ...Events.def for each gateway and tool."""
 import pathlib
 import re
 from typing import NamedTuple
@@ -53,5 +53,6 @@ def read(path):
 
 def catalogues():
     """Path and rows of every catalogue, the library's first."""
-    paths = [LIBRARY] + sorted(str(p.relative_to(ROOT)) for p in (ROOT / "gateways").glob("*/*Events.def"))
+    paths = [LIBRARY] + [str(path.relative_to(ROOT)) for folder in ("gateways", "tools")
+                         for path in sorted((ROOT / folder).glob("*/*Events.def"))]
     return [(path, read(path)) for path in paths]

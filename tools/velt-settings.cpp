@@ -4,6 +4,7 @@
 #include <string>
 
 #include <gateways/smtp/SmtpSettings.h>
+#include <tools/velt-scannerd/ScannerdSettings.h>
 #include <velt/config_details/listing.h>
 #include <velt/config_details/settings/connection.h>
 #include <velt/config_details/settings/debug_scan_agent.h>
@@ -63,6 +64,7 @@ int main() {
     PrintSection("network", Describe(VELTCFG::network::Settings{}));
     PrintSection("process", Describe(VELTCFG::process::Settings{}));
     PrintSection("quarantineretryer", Describe(VELTCFG::quarantineretryer::Settings{}));
+    PrintSection("scannerd", Describe(VELTCFG::scannerd::Settings{}));
     PrintSection("scanning", Describe(VELTCFG::scanning::Settings{}));
     PrintSection("smtp", Describe(VELTCFG::smtp::Settings{}));
     PrintSection("smtpretryer", Describe(VELTCFG::smtpretryer::Settings{}));

@@ -6,6 +6,7 @@
 #include <gateways/smtp/SmtpSettings.h>
 #include <policyloader/engines/EngineSettings.h>
 #include <policyloader/store/Value.h>
+#include <tools/velt-scannerd/ScannerdSettings.h>
 #include <velt/config_details/listing.h>
 #include <velt/config_details/settings/connection.h>
 #include <velt/config_details/settings/debug_scan_agent.h>
@@ -121,6 +122,7 @@ std::vector<KnownSetting> MakeTable() {
     Add(all, VELTCFG::process::Settings{});
     Add(all, VELTCFG::quarantineretryer::Settings{});
     Add(all, VELTCFG::scanning::Settings{});
+    Add(all, VELTCFG::scannerd::Settings{});
     Add(all, VELTCFG::smtp::Settings{});
     Add(all, VELTCFG::smtpretryer::Settings{});
     for (auto const& row : policyloader::kEngineSettings)

@@ -1,0 +1,150 @@
+#include "ScannerdSession.h"
+
+#include <KORtk/Exception.h>
+#include <QXlog/Names.h>
+#include <arpa/inet.h>
+#include <cxxabi.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <exception>
+
+#include <velt/logging/Log.h>
+#include <velt/runtime/ServiceLoop.h>
+#include <velt/scanning/EFabricScanAgent.h>
+#include <velt/streams/TCPStream.h>
+
+#include "ScannerdCounters.h"
+#include "ScannerdEvents.h"
+
+namespace scannerd {
+namespace {
+
+constexpr int kFirstByteMs = 1000;  // as long as a health monitor may take
+
+struct TroubleRow {
+    Trouble trouble;
+    QXlog::Event const& event;
+    QXStats::QXCounter Counters::*counter;
+};
+
+TroubleRow const kTroubles[] = {
+    {Trouble::RequestRefused, events::REQUEST_REFUSED, &Counters::requestsRefused},
+    {Trouble::ItemTooLarge, events::ITEM_TOO_LARGE, &Counters::itemsTooLarge},
+    {Trouble::FileRefused, events::FILE_REFUSED, &Counters::filesRefused},
+    {Trouble::SpoolFailed, events::SPOOL_FAILED, &Counters::spoolsFailed},
+    {Trouble::ScanFailed, events::SCAN_FAILED, &Counters::scansFailed},
+    {Trouble::ClientGone, events::CLIENT_GONE, &Counters::clientsGone},
+    {Trouble::ClientSilent, events::CLIENT_SILENT, &Counters::clientsSilent},
+};
+
+struct StepRow {
+    Step step;
+    QXStats::QXCounter Counters::*counter;
+};
+
+StepRow const kSteps[] = {
+    {Step::ItemTaken, &Counters::items},      {Step::FileTaken, &Counters::filesTaken},
+    {Step::ScanAsked, &Counters::scansAsked}, {Step::AttributesAsked, &Counters::attributesAsked},
+    {Step::Parked, &Counters::parked},        {Step::WokenUp, &Counters::woken},
+};
+
+// A scan client's first word is "get", a monitor's "GET".
+bool SpeaksHttp(int fd) {
+    pollfd one{fd, POLLIN, 0};
+    char first = 0;
+    return ::poll(&one, 1, kFirstByteMs) > 0 && ::recv(fd, &first, 1, MSG_PEEK | MSG_DONTWAIT) == 1 && first == 'G';
+}
+
+}  // namespace
+
+void ScannerdSession::InitialiseConnectionClass(bool, VELT::Config&) { Count(); }
+
+void ScannerdSession::Run() {
+    if (!IsHealthCheck() || SpeaksHttp(m_source.m_stream->GetSocket())) return Connection::Run();
+    initialIds();
+    if (SetupInsideOutside()) Start();
+}
+
+void ScannerdSession::Start() {
+    ++Count().sessions;
+    Wire wire(*m_source.m_stream, &VELT::ServiceLoop::shutdown);
+    try {
+        Converse(wire);
+    } catch (std::exception const&) {  // out of memory, mostly: the client sees that there is no verdict
+        Tell(Trouble::ScanFailed, "internal error");
+    } catch (KORtk::Exception const&) {
+        Tell(Trouble::ScanFailed, "internal error");
+    }
+    m_conversation = nullptr;
+    ReportEnd();
+}
+
+void ScannerdSession::Converse(Wire& wire) {
+    SessionSettings const settings(GetConfig());
+    m_source.m_stream->set_timeout(settings.limits.dataMs);
+    bool const local = m_source.m_address.sin_addr.s_addr == htonl(INADDR_LOOPBACK);
+    Conversation conversation(wire, *this, settings, local, this);
+    m_conversation = &conversation;
+    conversation.Run();
+}
+
+void ScannerdSession::ReportEnd() const {
+    VELT::LogEvent(events::SESSION, [&] {
+        KORlog::InfoBag bag;
+        bag |= QXlog::names::QXPROP_AUDIT_CONV_ID(m_conversationId);
+        bag |= QXlog::names::QXPROP_SOURCE_IP(m_source.m_addressText);
+        bag |= names::ITEMS(m_items);
+        bag |= names::SCANS(m_scans);
+        return bag;
+    });
+}
+
+void ScannerdSession::Tell(Trouble trouble, std::string const& why) {
+    for (TroubleRow const& row : kTroubles) {
+        if (row.trouble != trouble) continue;
+        ++(Count().*row.counter);
+        VELT::LogEvent(row.event, [&] {
+            KORlog::InfoBag bag;
+            bag |= QXlog::names::QXPROP_AUDIT_CONV_ID(m_conversationId);
+            bag |= QXlog::names::QXPROP_SOURCE_IP(m_source.m_addressText);
+            bag |= names::WHY(why);
+            return bag;
+        });
+    }
+}
+
+void ScannerdSession::Note(Step step) {
+    m_items += step == Step::ItemTaken;
+    m_scans += step == Step::ScanAsked;
+    for (StepRow const& row : kSteps) {
+        if (row.step == step) ++(Count().*row.counter);
+    }
+}
+
+InternedString ScannerdSession::Intern(std::string const& name) {
+    eFabric::IPolicyLoader* const store = VELT::EFabricScanAgent::getPolicyLoader();
+    return store ? store->internAttribute(name.c_str()) : InternedString();
+}
+
+// Always on this thread, and by the engines of this process: another scanner daemon is not asked.
+int ScannerdSession::Scan(VELT::ScanContext& context, bool fallback, VELT::ScanOutput*& output) {
+    if (!m_scanner) m_scanner.reset(VELT::ScannerInline::get(&context));
+    unsigned count = 0;
+    if (!m_scanner || m_scanner->setup_scan(count) != 0 || count != 1) return -1;
+    try {
+        return m_scanner->scan(0, output, fallback);
+    } catch (abi::__forced_unwind&) {  // the thread is being cancelled
+        throw;
+    } catch (...) {  // whatever an engine throws: nothing is known of the item
+        return -1;
+    }
+}
+
+void ScannerdSession::ItemEnds() { m_scanner.reset(); }
+
+void ScannerdSession::getConnectionAttributes(IKORPropertyBag* bag) {
+    if (m_conversation) m_conversation->FillAttributes(bag);
+}
+
+}  // namespace scannerd
