@@ -104,7 +104,7 @@ private:
                 property.AddWide(Wide().c_str());
                 return;
             case 1:
-                property.AddLong(static_cast<long>(m_dice()) * (Below(2) ? 1 : 4294967296));
+                property.AddLong(static_cast<long>(m_dice() * (Below(2) ? 1 : 4294967297ul)));
                 return;
             case 2:
                 property.AddULong(m_dice() * (Below(2) ? 1 : 4294967297ul));

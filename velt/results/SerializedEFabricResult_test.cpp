@@ -397,6 +397,15 @@ TEST(ReadResult, HasNothingForTheFrameworksOwnProcessing) {
     EXPECT_TRUE(ok);
     EXPECT_EQ(alone->AddRef(), 0);
     alone->Init();
+    struct : IAlertHandler {
+        bool GetAlertText(char const*, std::wstring&) const override { return true; }
+    } const alerts;
+    alone->AddDescriptionProperty(alerts);
+    alone->Finalise(nullptr, alerts, nullptr);
+    EXPECT_EQ(alone->GetPropertyBag()->Size(), 0);
+    Verdict const verdict(SerializedEFabricResult::deserialize(nullptr));
+    verdict->ReportSpecificScanner("AV");
+    verdict->ResetReportSpecificScanner();
     wchar_t buffer[] = L"#";
     alone->GetInfectionList(buffer, 2, L' ');
     EXPECT_STREQ(buffer, L"#");
