@@ -5,7 +5,6 @@
 #include <poll.h>
 
 #include <algorithm>
-#include <ctime>
 
 #include <velt/connection/Connection.h>
 #include <velt/errors/Failures.h>
@@ -15,13 +14,11 @@
 #include "Exchangers.h"
 #include "SmtpCounters.h"
 #include "SmtpEvents.h"
-#include "core/Headers.h"
 
 namespace smtp {
 namespace {
 
 constexpr std::size_t kMaxWords = 150;  // of each text in a refusal: a reply line has 512 bytes
-constexpr std::size_t kHeaderToReturn = 16384;
 
 // A relay on this machine is a loop only if it is our own port that answers there. A mail exchanger on this machine
 // comes from a stranger's name server, and is never connected to.
@@ -32,19 +29,6 @@ bool IsOwnPort(unsigned short port) {
 }
 
 Reply Circle() { return {554, "5.4.6", "mail goes in circles: the next server is this one"}; }
-
-std::string FirstHeader(VELT::ScannerStream& spool) {
-    std::string header;
-    if (spool.seek(0, 0) < 0) return header;
-    while (header.size() < kHeaderToReturn && header.find("\r\n\r\n") == std::string::npos) {
-        char* data = nullptr;
-        bool done = false;
-        int const count = spool.readdata(data, static_cast<unsigned>(kHeaderToReturn), true, done);
-        if (count <= 0) break;
-        header.append(data, static_cast<std::size_t>(count));
-    }
-    return header;
-}
 
 }  // namespace
 
@@ -83,28 +67,37 @@ std::string Delivery::Refusal(std::string const& finding) const {
 std::vector<RecipientFate> Delivery::Deliver(Message& message, std::vector<Verdict> const& verdicts) {
     std::vector<RecipientFate> fates(message.recipients.size());
     m_clientGone = false;
-    for (Group const& group : GroupsOf(message, verdicts, fates)) DeliverGroup(message, group, fates);
+    m_groups = GroupsOf(message, verdicts, fates);
+    for (Group const& group : m_groups) DeliverGroup(message, group, fates);
     return fates;
 }
 
-void Delivery::DeliverGroup(Message& message, Group const& group, std::vector<RecipientFate>& fates) {
+Shipment Delivery::ShipmentOf(Message const& message, Group const& group, std::vector<RecipientFate> const& fates) {
     Shipment shipment;
     shipment.sender = message.senderText();
     for (std::size_t member : group.members) shipment.recipients.push_back(message.recipients[member].address);
-    bool const original = group.content == message.spool.get();
-    shipment.content.spool = group.content;
-    shipment.content.plain = original && !message.leadingDots;
-    shipment.content.eightBit = message.eightBit;
+    shipment.content = message.contentOf(group.content);
     bool const first = std::none_of(fates.begin(), fates.end(), [](RecipientFate const& fate) {
         return fate.kind == RecipientFate::Kind::Delivered;
     });
-    if (first) shipment.wanted = [this] { return ClientIsThere(); };
+    if (m_askBefore) {
+        shipment.wanted = m_askBefore;
+    } else if (first) {
+        shipment.wanted = [this] { return ClientIsThere(); };
+    }
+    return shipment;
+}
+
+void Delivery::DeliverGroup(Message& message, Group const& group, std::vector<RecipientFate>& fates) {
+    Shipment const shipment = ShipmentOf(message, group, fates);
     std::vector<Reply> const replies = Send(group.route, shipment);
     std::string const server = Server();
     for (std::size_t i = 0; i < group.members.size(); ++i) {
         RecipientFate& fate = fates[group.members[i]];
         bool const delivered = replies[i].group() == 2;
         fate = {delivered ? RecipientFate::Kind::Delivered : RecipientFate::Kind::Failed, replies[i], server};
+        fate.reached = m_reached;
+        fate.unsure = !delivered && m_upstream && m_upstream->unsure();
         ++(delivered ? Count().recipientsDelivered : Count().recipientsFailed);
     }
     Report(shipment, replies);
@@ -114,12 +107,14 @@ void Delivery::DeliverGroup(Message& message, Group const& group, std::vector<Re
 // it, it is made anew.
 std::vector<Reply> Delivery::Send(std::string const& route, Shipment const& shipment) {
     bool const kept = m_upstream && m_route == route && m_upstream->alive();
+    m_reached = kept;
     if (kept) {
         ++Count().upstreamReused;
         std::vector<Reply> replies = m_upstream->Send(shipment);
         if (m_upstream->answered() || m_upstream->usable()) return replies;
     }
     Reply const reached = Reach(route);
+    m_reached = reached.group() == 2;
     if (reached.group() != 2) return std::vector<Reply>(shipment.recipients.size(), reached);
     return m_upstream->Send(shipment);
 }
@@ -224,24 +219,9 @@ void Delivery::Report(Shipment const& shipment, std::vector<Reply> const& replie
     }
 }
 
-Reply Delivery::Notify(Message& message, std::vector<RecipientFate> const& fates, std::string const& helloName) {
-    std::string const header = FirstHeader(*message.spool);
-    NotificationFacts facts;
-    facts.reportingHost = m_settings.greetingName;
-    facts.sender = message.senderText();
-    facts.helloName = helloName;
-    facts.auditId = m_session.getId();
-    facts.messageId = facts.auditId + ".report";
-    facts.arrival = KORnet::rfc2822Date(std::time(nullptr));
-    facts.header = header;
-    for (std::size_t i = 0; i < fates.size(); ++i) {
-        if (fates[i].kind == RecipientFate::Kind::Delivered) continue;
-        facts.failed.push_back(
-            {message.recipients[i].address, StatusOf(fates[i].reply), OneLine(fates[i].reply), fates[i].remote});
-    }
-    std::string const text = DeliveryNotification(facts);
+Reply Delivery::Notify(Message& message, std::string const& text) {
     Shipment shipment;
-    shipment.recipients = {facts.sender};
+    shipment.recipients = {message.senderText()};
     shipment.content.text = text;
     Reply reply;
     for (int attempt = 0; attempt < 2; ++attempt) {

@@ -3,6 +3,7 @@
 // message of the session. Owner: the session. Thread: the session's. Failure: in the fates; nothing throws.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -28,9 +29,20 @@ public:
     // Delivers to every recipient whose verdict lets the message pass. A fate for each recipient.
     std::vector<RecipientFate> Deliver(Message& message, std::vector<Verdict> const& verdicts);
 
-    // Tells the sender of the recipients that were not reached; a second time over a new connection if the first fails.
+    // Recipients of one content that go by one way.
+    struct Group {
+        std::string route;
+        VELT::ScannerStream* content;
+        std::vector<std::size_t> members;
+    };
+    std::vector<Group> const& groups() const { return m_groups; }  // of the last message; they were all tried
+
+    // Asked before each content goes out, in place of whether the client is still there. False: it does not go.
+    void AskBefore(std::function<bool()> ask) { m_askBefore = std::move(ask); }
+
+    // Sends the notification to the sender; a second time over a new connection if the first fails.
     // 2xx: the next server has the notification.
-    Reply Notify(Message& message, std::vector<RecipientFate> const& fates, std::string const& helloName);
+    Reply Notify(Message& message, std::string const& text);
 
     // Whether the last message was kept back as its client had left: it will come again, and is not to arrive twice.
     bool clientGone() const { return m_clientGone; }
@@ -38,16 +50,11 @@ public:
     void Close();  // says QUIT and drops the connection, if there is one
 
 private:
-    struct Group {
-        std::string route;
-        VELT::ScannerStream* content;
-        std::vector<std::size_t> members;
-    };
-
     std::string RouteOf(std::string const& domain) const;
     std::vector<Group> GroupsOf(Message const& message, std::vector<Verdict> const& verdicts,
                                 std::vector<RecipientFate>& fates) const;
     std::string Refusal(std::string const& finding) const;
+    Shipment ShipmentOf(Message const& message, Group const& group, std::vector<RecipientFate> const& fates);
     void DeliverGroup(Message& message, Group const& group, std::vector<RecipientFate>& fates);
     std::vector<Reply> Send(std::string const& route, Shipment const& shipment);
     Reply Reach(std::string const& route);
@@ -62,6 +69,9 @@ private:
     SessionSettings const& m_settings;
     std::unique_ptr<Upstream> m_upstream;  // over the stream of the session's server connection
     std::string m_route;                   // where that leads
+    std::vector<Group> m_groups;
+    std::function<bool()> m_askBefore;  // empty: whether the client is there
+    bool m_reached = false;             // the server of the last group
     bool m_clientGone = false;
 };
 

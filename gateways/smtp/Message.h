@@ -13,12 +13,24 @@
 
 #include "core/Address.h"
 
+class IKORPropertyBag;
+
 namespace smtp {
 
 struct Recipient {
     std::string address;
     std::string domain;  // lower case; empty for <Postmaster>
     InternedString identity;
+};
+
+// What a transaction with the next server carries behind DATA.
+struct Content {
+    VELT::ScannerStream* spool = nullptr;  // either this
+    std::string_view text;                 // or this
+    bool plain = false;     // no line begins with ".", every line ends in CRLF: the bytes are the wire form
+    bool eightBit = false;  // to be declared as BODY=8BITMIME
+
+    std::uint64_t size() const { return spool ? spool->size() : text.size(); }
 };
 
 struct Message {
@@ -33,21 +45,16 @@ struct Message {
     bool leadingDots = false;                    // some line begins with "."
     bool eightBit = false;                       // some byte is above 127
 
+    Content contentOf(VELT::ScannerStream* bytes) const;  // of the spool, or of what a scan made of it
+
     std::string senderText() const { return sender.null ? std::string() : sender.str(); }
-};
-
-// What a transaction with the next server carries behind DATA.
-struct Content {
-    VELT::ScannerStream* spool = nullptr;  // either this
-    std::string_view text;                 // or this
-    bool plain = false;     // no line begins with ".", every line ends in CRLF: the bytes are the wire form
-    bool eightBit = false;  // to be declared as BODY=8BITMIME
-
-    std::uint64_t size() const { return spool ? spool->size() : text.size(); }
 };
 
 // Recipients' addresses as an event shows them: the first few, and how many more.
 std::string ListOf(std::vector<std::string> const& addresses);
 std::string ListOf(std::vector<Recipient> const& recipients);
+
+// What the scan engines are told of a session that a message came in.
+void AddFacts(IKORPropertyBag* bag, Message const& message, std::string const& client, std::string const& hello);
 
 }  // namespace smtp

@@ -24,6 +24,7 @@ inline constexpr KORlog::Key FINDING{"smtp_finding"};
 inline constexpr KORlog::Key REPLY{"smtp_reply"};
 inline constexpr KORlog::Key SERVER{"smtp_server"};
 inline constexpr KORlog::Key COUNT{"smtp_count"};
+inline constexpr KORlog::Key FILE{"smtp_file"};
 inline constexpr KORlog::Key SCANS{"smtp_scans"};  // how many scans had which outcome
 
 }  // namespace smtp::names

@@ -1,19 +1,17 @@
 // The part of SmtpSession that begins with DATA: receive, scan, deliver, answer.
 #include <KORnet/Addr.h>
-#include <QXlog/Names.h>
-#include <eFabric/SessionNames.h>
 
-#include <algorithm>
 #include <ctime>
-#include <iterator>
 
 #include <velt/streams/TCPStream.h>
 
+#include "Notification.h"
 #include "Receiver.h"
 #include "SmtpCounters.h"
 #include "SmtpEvents.h"
 #include "SmtpSession.h"
 #include "Verdict.h"
+#include "VerdictReport.h"
 #include "core/Headers.h"
 
 namespace smtp {
@@ -37,32 +35,6 @@ Reply ReplyTo(Fault fault) {
         if (row.fault == fault) return row.reply;
     }
     return {};
-}
-
-// What is counted and reported of a scan; in the order of Verdict::Outcome.
-struct ScanOutcome {
-    char const* name;
-    QXStats::QXCounter Counters::*counter;
-    QXlog::Event const* event;  // null: the message's own event tells
-};
-
-ScanOutcome const kOutcomes[] = {
-    {"clean", &Counters::scansClean, nullptr},
-    {"acted", &Counters::scansActed, nullptr},
-    {"failed", &Counters::scansFailed, &events::SCAN_FAILED},
-    {"null", &Counters::scansNull, &events::NOT_SCANNED},
-};
-
-ScanOutcome const& OutcomeOf(Verdict const& verdict) { return kOutcomes[static_cast<std::size_t>(verdict.outcome)]; }
-
-// "clean=1 acted=1": those that there were.
-template <class Numbers>
-KORlog::InfoBag OutcomesBag(Numbers const& numbers) {
-    KORlog::InfoBag bag;
-    for (std::size_t i = 0; i < std::size(kOutcomes); ++i) {
-        if (numbers[i] != 0) bag |= KORlog::Key{kOutcomes[i].name}(static_cast<unsigned long>(numbers[i]));
-    }
-    return bag;
 }
 
 }  // namespace
@@ -130,12 +102,7 @@ void SmtpSession::TakeMessage() {
 }
 
 void SmtpSession::getConnectionAttributes(IKORPropertyBag* bag) {
-    namespace names = eFabric::session;
-    bag->NewProperty(names::kSender)->SetNarrow(m_message.senderText().c_str());
-    auto* const recipients = bag->NewProperty(names::kRecipients);
-    for (Recipient const& one : m_message.recipients) recipients->AddNarrow(one.address.c_str());
-    bag->NewProperty(names::kClientAddress)->SetNarrow(m_source.m_addressText.c_str());
-    bag->NewProperty(names::kClientName)->SetNarrow(Printable(m_hello).c_str());
+    AddFacts(bag, m_message, m_source.m_addressText, m_hello);
 }
 
 Reply SmtpSession::ScanAndDeliver() {
@@ -143,51 +110,18 @@ Reply SmtpSession::ScanAndDeliver() {
     m_scan.connection_attributes = new VELT::ScanConnectionAttributes(this);
     m_scan.data = m_message.spool.get();
     std::vector<Verdict> const verdicts = ScanMessage(*this, m_scan);
-    ReportVerdicts(verdicts);
-    bool const unsure = std::any_of(verdicts.begin(), verdicts.end(),
-                                    [](Verdict const& one) { return one.fate == Verdict::Fate::Defer; });
-    if (verdicts.empty() || unsure) return {451, "4.7.1", m_settings->uncheckedText};
+    m_report.Add(*this, m_message.recipients, verdicts);
+    if (AnyUnsure(verdicts)) return {451, "4.7.1", m_settings->uncheckedText};
     return Deliver(verdicts);
 }
 
-// Each scan that was asked for moves one counter; the one that says nothing about the message has one event, too.
-void SmtpSession::ReportVerdicts(std::vector<Verdict> const& verdicts) {
-    for (Verdict const& verdict : verdicts) {
-        ScanOutcome const& outcome = OutcomeOf(verdict);
-        ++(Count().*outcome.counter);
-        if (verdict.disclaimer && verdict.rewritten) ++Count().disclaimersAdded;
-        ++m_outcomes[static_cast<std::size_t>(verdict.outcome)];
-        if (outcome.event) ReportUnscanned(*outcome.event, verdict);
-        if (verdict.fate == Verdict::Fate::Refuse) ReportRefused(verdict);
-    }
-}
-
-void SmtpSession::ReportUnscanned(QXlog::Event const& event, Verdict const& verdict) const {
-    Note(event, [&](KORlog::InfoBag& bag) {
-        bag |= QXlog::names::QXPROP_SCAN_IDENTITY(verdict.identity.c_str());
-        bag |= names::FINDING(verdict.finding);
-    });
-}
-
-void SmtpSession::ReportRefused(Verdict const& verdict) {
-    m_finding = verdict.finding;
-    std::vector<Recipient> refused;
-    std::copy_if(m_message.recipients.begin(), m_message.recipients.end(), std::back_inserter(refused),
-                 [&](Recipient const& one) { return one.identity == verdict.identity; });
-    for (std::size_t i = 0; i < refused.size(); ++i) ++Count().recipientsRefused;
-    Note(events::RECIPIENTS_REFUSED, [&](KORlog::InfoBag& bag) {
-        bag |= names::RECIPIENTS(ListOf(refused));
-        bag |= names::FINDING(verdict.finding);
-        bag |= QXlog::names::QXPROP_SCAN_IDENTITY(verdict.identity.c_str());
-    });
-}
-
 Reply SmtpSession::Deliver(std::vector<Verdict> const& verdicts) {
-    std::vector<RecipientFate> const fates = m_delivery->Deliver(m_message, verdicts);
+    std::vector<RecipientFate> fates = m_delivery->Deliver(m_message, verdicts);
     if (m_delivery->clientGone()) {
         ++Count().clientsGone;
         Note(events::CLIENT_GONE, [&](KORlog::InfoBag& bag) { bag |= names::REPLY("no answer is wanted any more"); });
     }
+    if (m_settings->keep.enabled && !m_delivery->clientGone()) Keep(fates);
     Decision const decision = Decide(fates, m_id);
     if (decision.reply.status == "5.4.6") {
         Note(events::MAIL_LOOP, [&](KORlog::InfoBag& bag) { bag |= names::SERVER(m_settings->relayHost); });
@@ -195,16 +129,28 @@ Reply SmtpSession::Deliver(std::vector<Verdict> const& verdicts) {
     return decision.notify ? TellSender(fates, decision.reply) : decision.reply;
 }
 
+KeptFrom SmtpSession::KeptNow() const { return {*this, *m_settings, m_id, m_conversationId, m_hello, IsInBound()}; }
+
+// What may succeed later waits here for it, content by content.
+void SmtpSession::Keep(std::vector<RecipientFate>& fates) {
+    unsigned number = 0;
+    for (Delivery::Group const& group : m_delivery->groups()) KeepGroup(KeptNow(), m_message, group, ++number, fates);
+}
+
 Reply SmtpSession::TellSender(std::vector<RecipientFate> const& fates, Reply const& accepted) {
     std::vector<std::string> missed;
     for (std::size_t i = 0; i < fates.size(); ++i) {
-        if (fates[i].kind != RecipientFate::Kind::Delivered) missed.push_back(m_message.recipients[i].address);
+        if (!fates[i].taken()) missed.push_back(m_message.recipients[i].address);
     }
     if (m_message.sender.null) {
         Note(events::NOTIFICATION_OMITTED, [&](KORlog::InfoBag& bag) { bag |= names::RECIPIENTS(ListOf(missed)); });
         return accepted;
     }
-    Reply const told = m_delivery->Notify(m_message, fates, m_hello);
+    std::string const text = NotificationOf(
+        {m_settings->greetingName, m_id, m_hello, std::time(nullptr), m_id + ".report"}, m_message, fates);
+    Reply const told = m_delivery->Notify(m_message, text);
+    if (told.group() != 2 && m_settings->keep.enabled && KeepNotification(KeptNow(), m_message, text, 0))
+        return accepted;
     bool const sent = told.group() == 2;
     ++(sent ? Count().notificationsSent : Count().notificationsLost);
     QXlog::Event const& event = sent ? static_cast<QXlog::Event const&>(events::NOTIFICATION_SENT)
@@ -235,8 +181,8 @@ void SmtpSession::ReportMessage(Reply const& reply) {
         bag |= names::SENDER(m_message.senderText());
         bag |= names::RECIPIENTS(ListOf(m_message.recipients));
         bag |= names::SIZE(m_message.size);
-        bag |= names::SCANS(OutcomesBag(m_outcomes));
-        if (!m_finding.empty()) bag |= names::FINDING(m_finding);
+        bag |= names::SCANS(m_report.Outcomes());
+        if (!m_report.finding().empty()) bag |= names::FINDING(m_report.finding());
         if (reply.group() != 2) bag |= names::REPLY(OneLine(reply));
     });
 }

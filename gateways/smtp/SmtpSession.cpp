@@ -133,8 +133,7 @@ void SmtpSession::End(Reply const& reply) {
 void SmtpSession::Abandon() {
     m_message = Message{};
     m_scan.Reset();
-    m_finding.clear();
-    m_outcomes = {};
+    m_report = {};
 }
 
 void SmtpSession::Ehlo(Command const& command) {

@@ -1,6 +1,7 @@
 // SmtpSession: one client of the mail gateway.
 // It takes a message, has it scanned for each identity among its recipients, brings it to the next server, and only
-// then answers: a client that was told 250 knows that the next server has the message.
+// then answers: a client that was told 250 knows that the next server has the message or, where the settings say so,
+// that the message waits in a file until that server takes it.
 // Owner: whoever runs it. Thread: one. Failure: every way in which a message is not delivered is a 4xx or 5xx answer
 // and an event; nothing throws out of Start.
 #pragma once
@@ -15,11 +16,12 @@
 
 #include "Channel.h"
 #include "Delivery.h"
+#include "Keeping.h"
 #include "Message.h"
 #include "Receiver.h"
 #include "Report.h"
 #include "SmtpSettings.h"
-#include "Verdict.h"
+#include "VerdictReport.h"
 #include "core/Command.h"
 #include "core/Outcome.h"
 
@@ -68,9 +70,8 @@ private:
     Reply ScanAndDeliver();
     Reply Deliver(std::vector<Verdict> const& verdicts);
     Reply TellSender(std::vector<RecipientFate> const& fates, Reply const& accepted);
-    void ReportVerdicts(std::vector<Verdict> const& verdicts);
-    void ReportUnscanned(QXlog::Event const& event, Verdict const& verdict) const;
-    void ReportRefused(Verdict const& verdict);
+    KeptFrom KeptNow() const;
+    void Keep(std::vector<RecipientFate>& fates);
     void ReportMessage(Reply const& reply);
     std::string ReceivedFor() const;
 
@@ -91,8 +92,7 @@ private:
     Reply m_lastReply;
     Message m_message;
     VELT::ScanContext m_scan;
-    std::string m_finding;                    // of the last verdict that refused
-    std::array<unsigned, 4> m_outcomes = {};  // of the message's scans, by Verdict::Outcome
+    VerdictReport m_report;
 };
 
 }  // namespace smtp

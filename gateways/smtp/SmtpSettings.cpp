@@ -1,5 +1,7 @@
 #include "SmtpSettings.h"
 
+#include <system/SystemPath.h>
+#include <velt/config_details/settings/smtpretryer.h>
 #include <velt/connection/TCPConnection.h>
 #include <velt/runtime/Proxy.h>
 
@@ -45,7 +47,23 @@ UpstreamTimeouts Timeouts(VELT::Config& config) {
             Milliseconds<S::UpstreamFinalTimeout>(config),    ReadSetting<S::MinDataRate>(config)};
 }
 
+// The default is one of the system's fixed paths; any other directory was named by somebody.
+std::string DeferredDirectory(VELT::Config& config) {
+    using Setting = VELTCFG::smtpretryer::ScanDir;
+    std::string directory = Text<Setting>(config);
+    if (directory == Setting::defaults::value) directory = SystemPath(directory);
+    if (!directory.ends_with('/')) directory += '/';
+    return directory;
+}
+
 }  // namespace
+
+KeepSettings ReadKeepSettings(VELT::Config& config) {
+    return {ReadSetting<S::StoreAndForward>(config),
+            DeferredDirectory(config),
+            {ReadSetting<S::RetryPause>(config), ReadSetting<S::RetryPauseLimit>(config)},
+            ReadSetting<S::GiveUpAfter>(config)};
+}
 
 SessionSettings::SessionSettings(VELT::Config& config)
     : relayHost(Text<S::RelayHost>(config)),
@@ -67,7 +85,8 @@ SessionSettings::SessionSettings(VELT::Config& config)
       commandTimeoutMs(Milliseconds<S::CommandTimeout>(config)),
       minDataRate(ReadSetting<S::MinDataRate>(config)),
       dataTimeoutMs(Milliseconds<S::DataTimeout>(config)),
-      upstream(Timeouts(config)) {}
+      upstream(Timeouts(config)),
+      keep(ReadKeepSettings(config)) {}
 
 void SessionSettings::RelayTo(VELT::TCPConnection const& server) {
     transparent = true;

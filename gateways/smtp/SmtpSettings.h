@@ -10,6 +10,8 @@
 #include <velt/Config.h>
 #include <velt/config_details/commdef.h>
 
+#include "BackOff.h"
+
 namespace VELTCFG::smtp {
 
 using VELT::config_attribute::SettingText;
@@ -186,11 +188,41 @@ struct attrname_UpstreamFinalTimeout {
 using UpstreamFinalTimeout =
     cfg::bounded<attrname_UpstreamFinalTimeout, unsigned, cfg::integral_bounds<unsigned, 600, 1, 3600>>;
 
-using Settings = cfg::setting_list<RelayHost, RelayPort, GreetingName, AcceptDomains, DifferentIdentity, RefusedText,
-                                   UncheckedText, MaxCommandLine, MaxTextLine, MaxHeaderSize, MaxMessageSize,
-                                   MaxRecipients, MaxErrors, MaxIdleCommands, MaxHops, CommandTimeout, DataTimeout,
-                                   MinDataRate, UpstreamGreetingTimeout, UpstreamCommandTimeout, UpstreamDataTimeout,
-                                   UpstreamBlockTimeout, UpstreamFinalTimeout, TransparentSource>;
+struct attrname_StoreAndForward {
+    static constexpr SettingText text{"smtp", "StoreAndForward", "",
+                                      "A message that the next server cannot take now is written to the deferred "
+                                      "directory, and its client is told that it is taken. A retryer has to run that "
+                                      "delivers it. Off: the client keeps it and tries again."};
+};
+using StoreAndForward = cfg::bounded<attrname_StoreAndForward, bool, cfg::bool_bounds<false>>;
+
+struct attrname_RetryPause {
+    static constexpr SettingText text{"smtp", "RetryPause", "seconds",
+                                      "How long a retryer leaves a destination alone, or a message that was put off, "
+                                      "after the first failure; twice as long after each further one. A message rests "
+                                      "for RetryInterval at least."};
+};
+using RetryPause = cfg::bounded<attrname_RetryPause, unsigned, cfg::integral_bounds<unsigned, 300, 1, 86400>>;
+
+struct attrname_RetryPauseLimit {
+    static constexpr SettingText text{"smtp", "RetryPauseLimit", "seconds", "The longest of these pauses."};
+};
+using RetryPauseLimit =
+    cfg::bounded<attrname_RetryPauseLimit, unsigned, cfg::integral_bounds<unsigned, 4000, 1, 86400>>;
+
+struct attrname_GiveUpAfter {
+    static constexpr SettingText text{"smtp", "GiveUpAfter", "seconds",
+                                      "A message that waited for so long is tried once more, given up, and its sender "
+                                      "told."};
+};
+using GiveUpAfter = cfg::bounded<attrname_GiveUpAfter, unsigned, cfg::integral_bounds<unsigned, 432000, 1, 4294967>>;
+
+using Settings =
+    cfg::setting_list<RelayHost, RelayPort, GreetingName, AcceptDomains, DifferentIdentity, RefusedText, UncheckedText,
+                      MaxCommandLine, MaxTextLine, MaxHeaderSize, MaxMessageSize, MaxRecipients, MaxErrors,
+                      MaxIdleCommands, MaxHops, CommandTimeout, DataTimeout, MinDataRate, UpstreamGreetingTimeout,
+                      UpstreamCommandTimeout, UpstreamDataTimeout, UpstreamBlockTimeout, UpstreamFinalTimeout,
+                      TransparentSource, StoreAndForward, RetryPause, RetryPauseLimit, GiveUpAfter>;
 
 }  // namespace VELTCFG::smtp
 
@@ -209,6 +241,16 @@ struct UpstreamTimeouts {
     unsigned minRate = 500;  // bytes per second
 };
 
+// What is kept when it cannot be delivered, and for how long.
+struct KeepSettings {
+    bool enabled = false;
+    std::string directory;  // "/" at its end
+    PauseLimits pause;
+    std::int64_t giveUpSeconds = 432000;
+};
+
+KeepSettings ReadKeepSettings(VELT::Config& config);
+
 struct SessionSettings {
     explicit SessionSettings(VELT::Config& config);
 
@@ -217,6 +259,7 @@ struct SessionSettings {
 
     std::string relayHost;
     unsigned short relayPort;
+    bool keptServer = false;  // these two are of one message that waits
     bool transparent = false;
     bool showsClient;  // to the server of a transparent session
     std::string greetingName;
@@ -236,6 +279,7 @@ struct SessionSettings {
     unsigned minDataRate;
     unsigned dataTimeoutMs;
     UpstreamTimeouts upstream;
+    KeepSettings keep;
 };
 
 }  // namespace smtp

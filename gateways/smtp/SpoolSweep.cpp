@@ -5,6 +5,7 @@
 
 #include <velt/logging/Log.h>
 
+#include "RetryFile.h"
 #include "SmtpEvents.h"
 
 namespace smtp {
@@ -35,6 +36,11 @@ void SweepSpool(std::string const& directory) {
         if (IsStale(*it) && fs::remove(it->path(), ignored)) ++removed;
     }
     if (removed) VELT::LogEvent(events::SPOOL_SWEPT, [&] { return KORlog::InfoBag(names::COUNT(removed)); });
+}
+
+void SweepDeferred(std::string const& directory) {
+    unsigned long const removed = SweepUnfinished(directory);
+    if (removed) VELT::LogEvent(events::DEFERRED_SWEPT, [&] { return KORlog::InfoBag(names::COUNT(removed)); });
 }
 
 }  // namespace smtp

@@ -172,6 +172,7 @@ Reply Upstream::AfterBrokenWrite(int error) {
 Reply Upstream::SendContent(Content const& content) {
     if (int const error = WriteContent(content)) return AfterBrokenWrite(error);
     Reply const reply = ReadReply(m_timeouts.finalMs);
+    m_unsure = !m_usable && reply.code != 421;
     if (reply.group() != 3) return reply;
     m_usable = false;
     return NotSmtp();
@@ -180,6 +181,7 @@ Reply Upstream::SendContent(Content const& content) {
 std::vector<Reply> Upstream::Send(Shipment const& shipment) {
     std::size_t const count = shipment.recipients.size();
     m_answered = false;
+    m_unsure = false;
     Reply const refusal = Refusal(shipment);
     if (refusal.code) return std::vector<Reply>(count, refusal);
     std::vector<Reply> replies(count + 2, Closed());

@@ -39,6 +39,7 @@ public:
 
     bool usable() const { return m_usable; }      // a further transaction may follow
     bool answered() const { return m_answered; }  // the server said something in the last transaction
+    bool unsure() const { return m_unsure; }      // of the last transaction the end was sent, and no answer heard
     bool alive();                                 // the server has neither closed nor spoken out of turn
     void Quit();                                  // says so and waits for nothing
 
@@ -60,6 +61,7 @@ private:
     ReplyParser m_parser;
     bool m_usable = false;
     bool m_answered = false;
+    bool m_unsure = false;
 };
 
 }  // namespace smtp

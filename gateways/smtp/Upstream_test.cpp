@@ -191,6 +191,7 @@ TEST_F(UpstreamTalk, IsATemporaryFailureWhereverTheServerDies) {
         EXPECT_EQ(got.front().code, 451) << dieAfter;
         EXPECT_EQ(got.front().status, "4.4.2") << dieAfter;
         EXPECT_FALSE(m_upstream->usable());
+        EXPECT_TRUE(dieAfter == 2 || m_upstream->unsure() == (dieAfter == 3)) << dieAfter;
     }
 }
 
@@ -205,6 +206,7 @@ TEST_F(UpstreamTalk, IsATemporaryFailureWhenTheServerGoesSilent) {
     std::vector<Reply> const got = GreetAndSend(Ship({"b@b"}));
     EXPECT_EQ(got.front().code, 451);
     EXPECT_EQ(got.front().text, "next server went silent");
+    EXPECT_TRUE(m_upstream->unsure());
     m_stream.reset();
 }
 

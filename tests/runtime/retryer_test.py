@@ -324,21 +324,15 @@ class OneProcess(RetryerCase):
         self.assertEqual(self.names(), [])
 
 
-class WithoutAFactory(RetryerCase):
-    """The mail gateway keeps no mail: it has nobody who could work on a file."""
+class OfTheMailGateway(RetryerCase):
     program = os.environ.get("VELT_SMTP")
     proxy = "smtp"
 
-    def test_gateway_says_so_and_touches_no_file(self):
+    def test_file_that_is_no_mail_is_reported_and_left(self):
         path = self.put("mail", "done")
-        daemon = self.retry()
-        self.wait_event(60000, 19)
-        (worker,) = self.wait_worker()
-        harness.wait_until(lambda: str(path) in harness.descriptors(worker).values(), "the file, open")
-        self.assertIn("keeps no mail", daemon.stderr())
-        with open(path, "r+") as file:
-            with self.assertRaises(BlockingIOError):
-                fcntl.lockf(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        self.retry()
+        (event, *_) = self.wait_event(60000, 25)
+        self.assertEqual(event["values"]["smtp_file"], str(path))
         self.assertEqual(path.read_text(), "done\n")
 
 

@@ -6,10 +6,12 @@
 
 #include <string>
 
+#include <velt/Export.h>
+
 namespace VELT {
 
-extern std::string s_AVEngine, s_AVDats;      // version and definitions of the anti-virus engine
-extern std::string s_SPAMEngine, s_SPAMDats;  // and of the anti-spam engine
+extern VELT_API std::string s_AVEngine, s_AVDats;  // version and definitions of the anti-virus engine
+extern std::string s_SPAMEngine, s_SPAMDats;       // and of the anti-spam engine
 
 // Notes both, and this host, in the sub-bag "QX_PROPERTIES" of a result, which keeps what else is in it.
 void set_qx_version(IKORPropertyBag& bag, std::string const& engine, std::string const& dats);

@@ -7,15 +7,14 @@ namespace {
 
 using Kind = RecipientFate::Kind;
 
-bool IsTemporary(RecipientFate const& fate) { return fate.kind == Kind::Failed && fate.reply.group() == 4; }
-
 // The class of what was said further on, under a code that may stand behind DATA.
 Reply PassOn(Reply const& reply) {
     return {reply.group() == 4 ? 451 : 554, StatusOf(reply), Printable(reply.text, 400)};
 }
 
 Reply OneRefusal(std::vector<RecipientFate> const& fates) {
-    auto const temporary = std::find_if(fates.begin(), fates.end(), IsTemporary);
+    auto const temporary =
+        std::find_if(fates.begin(), fates.end(), [](RecipientFate const& fate) { return fate.temporary(); });
     if (temporary != fates.end()) return PassOn(temporary->reply);
     auto const refused =
         std::find_if(fates.begin(), fates.end(), [](RecipientFate const& fate) { return fate.kind == Kind::Refused; });
@@ -25,17 +24,17 @@ Reply OneRefusal(std::vector<RecipientFate> const& fates) {
 }  // namespace
 
 Decision Decide(std::vector<RecipientFate> const& fates, std::string const& auditId) {
-    auto const delivered = std::count_if(fates.begin(), fates.end(),
-                                         [](RecipientFate const& fate) { return fate.kind == Kind::Delivered; });
+    auto const taken =
+        std::count_if(fates.begin(), fates.end(), [](RecipientFate const& fate) { return fate.taken(); });
     if (fates.empty()) return {{451, "4.3.0", "no recipient"}, false};
-    if (delivered == 0) return {OneRefusal(fates), false};
-    bool const all = static_cast<std::size_t>(delivered) == fates.size();
+    if (taken == 0) return {OneRefusal(fates), false};
+    bool const all = static_cast<std::size_t>(taken) == fates.size();
     return {{250, "2.0.0", "accepted as " + auditId}, !all};
 }
 
 Reply WithoutNotification(std::vector<RecipientFate> const& fates) {
-    auto const missed = std::find_if(fates.begin(), fates.end(),
-                                     [](RecipientFate const& fate) { return fate.kind != Kind::Delivered; });
+    auto const missed =
+        std::find_if(fates.begin(), fates.end(), [](RecipientFate const& fate) { return !fate.taken(); });
     if (missed == fates.end()) return {250, "2.0.0", "accepted"};
     std::string status = StatusOf(missed->reply);
     status.front() = '5';  // nobody tries again

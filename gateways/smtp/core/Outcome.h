@@ -1,7 +1,7 @@
 // What became of each recipient, and what the client is told about the message as a whole.
 // Values only, any thread.
 //   nobody has it      -> one refusal, 4xx as soon as a second try may help; nothing was passed on, nothing is lost
-//   everybody has it   -> 250
+//   everybody has it, or it waits here for them -> 250
 //   some have it       -> 250, and the sender is told of the others by a notification
 // A message of which a part was passed on is never answered by 4xx: the client would send it again, and some would get
 // it twice.
@@ -17,12 +17,18 @@ namespace smtp {
 struct RecipientFate {
     enum class Kind {
         Delivered,  // the next server took it
+        Kept,       // waits in a file here, until the next server takes it
         Refused,    // policy, here
         Failed,     // the next server, or the way to it
     };
     Kind kind = Kind::Failed;
-    Reply reply;         // why not: 4xx or 5xx
-    std::string remote;  // the server that said so; empty: this gateway
+    Reply reply;           // why not: 4xx or 5xx
+    std::string remote;    // the server that said so; empty: this gateway
+    bool reached = false;  // the server was there
+    bool unsure = false;   // it got the whole message, and its answer was not heard
+
+    bool taken() const { return kind == Kind::Delivered || kind == Kind::Kept; }
+    bool temporary() const { return kind == Kind::Failed && reply.group() == 4; }  // a second try may help
 };
 
 struct Decision {

@@ -10,6 +10,7 @@ using Kind = RecipientFate::Kind;
 RecipientFate Delivered() { return {Kind::Delivered, {250, "2.0.0", "ok"}, "mx"}; }
 RecipientFate Refused() { return {Kind::Refused, {554, "5.7.1", "refused: EICAR"}, ""}; }
 RecipientFate Permanent() { return {Kind::Failed, {550, "5.1.1", "unknown"}, "mx"}; }
+RecipientFate Kept() { return {Kind::Kept, {450, "", "greylisted"}, "mx"}; }
 RecipientFate Temporary() { return {Kind::Failed, {450, "", "greylisted"}, "mx"}; }
 
 struct Row {
@@ -31,6 +32,10 @@ TEST(Outcome, IsOneAnswerForTheWholeMessage) {
         {"delivered and refused", {Delivered(), Refused()}, 250, "2.0.0", true},
         {"delivered and unknown", {Permanent(), Delivered()}, 250, "2.0.0", true},
         {"delivered and deferred", {Delivered(), Temporary()}, 250, "2.0.0", true},
+        {"all kept", {Kept(), Kept()}, 250, "2.0.0", false},
+        {"delivered and kept", {Delivered(), Kept()}, 250, "2.0.0", false},
+        {"kept and refused", {Kept(), Refused()}, 250, "2.0.0", true},
+        {"kept and deferred", {Kept(), Temporary()}, 250, "2.0.0", true},
         {"nobody", {}, 451, "4.3.0", false},
     };
     for (Row const& row : rows) {

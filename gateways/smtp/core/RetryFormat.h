@@ -56,7 +56,7 @@ struct RetryStatus {
     std::uint64_t sequence = 0;  // of two slots the higher one holds
     unsigned tries = 0;
     std::int64_t last = 0;  // when the last try began; 0: none was made
-    std::int64_t due = 0;   // when the next one is
+    std::int64_t due = 0;   // when the next one is; 0: as soon as its destination may be tried
     bool unsure = false;    // the last try may have delivered: its answer was not heard, or not noted
     std::vector<Recipient> recipients;
     std::string reason;  // of the last failure; printable

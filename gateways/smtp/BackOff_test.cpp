@@ -1,0 +1,70 @@
+#include "BackOff.h"
+
+#include <gtest/gtest.h>
+
+namespace smtp {
+namespace {
+
+using Answer = BackOff::Answer;
+using Outcome = BackOff::Outcome;
+
+constexpr PauseLimits kLimits{100, 1000};
+
+TEST(Pause, DoublesUpToItsLimitAndIsNeverNone) {
+    EXPECT_EQ(PauseAfter(1, kLimits, 0.5), 100);
+    EXPECT_EQ(PauseAfter(2, kLimits, 0.5), 200);
+    EXPECT_EQ(PauseAfter(4, kLimits, 0.5), 800);
+    EXPECT_EQ(PauseAfter(5, kLimits, 0.5), 1000);
+    EXPECT_EQ(PauseAfter(4000000000u, kLimits, 0.5), 1000);
+    EXPECT_EQ(PauseAfter(1, {1, 1}, 0), 1);
+}
+
+TEST(Pause, IsUpToAQuarterShorterOrLonger) {
+    EXPECT_EQ(PauseAfter(1, kLimits, 0), 75);
+    EXPECT_EQ(PauseAfter(1, kLimits, 1), 125);
+}
+
+TEST(BackOff, LetsAnyNumberGoToADestinationThatDidNotFail) {
+    BackOff backOff;
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(backOff.Ask("a", 1000), Answer::Go);
+    backOff.Tell("a", Outcome::Reached, 1000, kLimits);
+    EXPECT_EQ(backOff.Ask("a", 1000), Answer::Go);
+}
+
+TEST(BackOff, LetsOneTryAfterThePauseAndTheOthersWaitForIt) {
+    BackOff backOff;
+    backOff.Tell("a", Outcome::Failed, 1000, kLimits);
+    EXPECT_EQ(backOff.Ask("a", 1001), Answer::Rest);
+    EXPECT_EQ(backOff.Ask("b", 1001), Answer::Go) << "another destination";
+    EXPECT_EQ(backOff.Ask("a", 1126), Answer::Go);
+    EXPECT_EQ(backOff.Ask("a", 1126), Answer::Busy);
+    backOff.Tell("a", Outcome::Unknown, 1126, kLimits);
+    EXPECT_EQ(backOff.Ask("a", 1126), Answer::Go) << "the first one did not try";
+    backOff.Tell("a", Outcome::Reached, 1127, kLimits);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(backOff.Ask("a", 1127), Answer::Go);
+}
+
+TEST(BackOff, DoublesThePauseWithEachFailureAndNotWithEachOfManyAtOnce) {
+    BackOff backOff;
+    for (int i = 0; i < 6; ++i) backOff.Tell("a", Outcome::Failed, 1000, kLimits);
+    EXPECT_EQ(backOff.Ask("a", 1125), Answer::Go) << "one pause";
+    backOff.Tell("a", Outcome::Failed, 1125, kLimits);
+    EXPECT_EQ(backOff.Ask("a", 1125 + 149), Answer::Rest);
+    EXPECT_EQ(backOff.Ask("a", 1125 + 250), Answer::Go);
+}
+
+TEST(BackOff, EndsAPauseWhenTheClockIsSetBack) {
+    BackOff backOff;
+    backOff.Tell("a", Outcome::Failed, 1000000, kLimits);
+    EXPECT_EQ(backOff.Ask("a", 5), Answer::Go);
+}
+
+TEST(BackOff, KnowsABoundedNumberOfDestinations) {
+    BackOff backOff;
+    for (int i = 0; i <= 10000; ++i) backOff.Tell(std::to_string(i), Outcome::Failed, 1000 + i, {1000000, 1000000});
+    EXPECT_EQ(backOff.Ask("0", 11001), Answer::Go) << "the oldest is forgotten";
+    EXPECT_EQ(backOff.Ask("1", 11001), Answer::Rest);
+}
+
+}  // namespace
+}  // namespace smtp

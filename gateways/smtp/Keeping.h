@@ -1,0 +1,38 @@
+// What cannot be delivered now is kept in files of the deferred directory, from which a retryer takes it.
+// Thread: the session's. Failure: false, and an event that says why; nothing is then kept.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "Delivery.h"
+#include "Message.h"
+#include "Report.h"
+#include "SmtpSettings.h"
+#include "core/Outcome.h"
+
+namespace smtp {
+
+// Whose message it is.
+struct KeptFrom {
+    ReportingSession const& session;
+    SessionSettings const& settings;
+    std::string const& auditId;
+    std::string const& conversationId;
+    std::string const& helloName;
+    bool inbound;
+};
+
+// Keeps the group's content for those of its members whose fate may be another at a second try; their fate is Kept
+// then. `number`: which group of the message it is, from 1.
+void KeepGroup(KeptFrom const& from, Message const& message, Delivery::Group const& group, unsigned number,
+               std::vector<RecipientFate>& fates);
+
+// Keeps a notification to the sender of the message. `tries` of the message, by which its file is known: it is kept
+// once, however often it is asked for.
+bool KeepNotification(KeptFrom const& from, Message const& message, std::string const& text, unsigned tries);
+
+// The versions of what judges mail in this process.
+std::string EnginesText();
+
+}  // namespace smtp

@@ -1,0 +1,347 @@
+#include "RetrySession.h"
+
+#include <KORtk/Exception.h>
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <ctime>
+#include <exception>
+#include <filesystem>
+
+#include <velt/runtime/Proxy.h>
+
+#include "Notification.h"
+#include "SmtpCounters.h"
+#include "SmtpEvents.h"
+
+namespace smtp {
+namespace {
+
+using State = RetryStatus::Recipient;
+using Kind = RecipientFate::Kind;
+
+BackOff& Destinations() {
+    static BackOff& destinations = *new BackOff;
+    return destinations;
+}
+
+// What became of a destination that may be tried, told when it is known, and at the latest when the try is over.
+class Leave {
+public:
+    explicit Leave(std::string destination, PauseLimits const& limits)
+        : m_destination(std::move(destination)), m_limits(limits) {}
+    ~Leave() { Destinations().Tell(m_destination, m_outcome, std::time(nullptr), m_limits); }
+    Leave(Leave const&) = delete;
+    Leave& operator=(Leave const&) = delete;
+
+    void Learn(std::vector<RecipientFate> const& fates) {
+        for (RecipientFate const& fate : fates) {
+            if (fate.reached) m_outcome = BackOff::Outcome::Reached;
+        }
+        bool const failed = std::any_of(fates.begin(), fates.end(), [](RecipientFate const& fate) {
+            return fate.temporary() && !fate.reached && fate.reply.status != kUnchecked;
+        });
+        if (m_outcome == BackOff::Outcome::Unknown && failed) m_outcome = BackOff::Outcome::Failed;
+    }
+
+    static constexpr char const* kUnchecked = "4.7.1";  // a scan that said nothing keeps a mail here
+
+private:
+    std::string m_destination;
+    PauseLimits m_limits;
+    BackOff::Outcome m_outcome = BackOff::Outcome::Unknown;
+};
+
+Mailbox ReadMailbox(std::string const& address) {
+    Mailbox mailbox;
+    std::string const path = '<' + address + '>';
+    std::string_view rest = path;
+    ParsePath(rest, address.empty() ? PathKind::Reverse : PathKind::Forward, mailbox);
+    return mailbox;
+}
+
+bool SplitServer(std::string const& server, std::string& host, unsigned short& port) {
+    std::size_t const colon = server.rfind(':');
+    if (colon == std::string::npos) return false;
+    char const* const end = server.data() + server.size();
+    if (std::from_chars(server.data() + colon + 1, end, port).ptr != end) return false;
+    host = server.substr(0, colon);
+    return true;
+}
+
+}  // namespace
+
+RetrySession::RetrySession(int fd, std::string const& directory, std::string const& name)
+    : m_directory(directory), m_file(fd, directory + name + kRetrySuffix) {}
+
+void RetrySession::InitialiseConnectionClass(bool, VELT::Config&) { Count(); }
+
+bool RetrySession::Active(char const* path) { return m_file.path() == path; }
+
+void RetrySession::getConnectionAttributes(IKORPropertyBag* bag) {
+    AddFacts(bag, m_message, m_source.m_addressText, m_hello);
+}
+
+void RetrySession::Run() {
+    try {
+        Work();
+    } catch (std::exception const& failure) {  // out of memory, mostly: another time
+        m_file.Rest();
+        Note(events::RETRY_FAILED, [&](KORlog::InfoBag& bag) { bag |= names::REPLY(std::string(failure.what())); });
+    } catch (KORtk::Exception const&) {
+        m_file.Rest();
+        Note(events::RETRY_FAILED, [&](KORlog::InfoBag& bag) { bag |= names::REPLY("internal error"); });
+    }
+    if (m_delivery) m_delivery->Close();
+}
+
+void RetrySession::Work() {
+    m_now = std::time(nullptr);
+    errno = 0;
+    RetryFault const fault = m_file.Read();
+    if (fault != RetryFault::None) return ReportDamaged(fault);
+    Adopt();
+    m_wasUnsure = m_file.status().unsure;
+    if (!m_file.status().waits()) return Finish(m_file.status());  // all but the removal was done
+    TakeRecipients();
+    Decide();
+}
+
+void RetrySession::Adopt() {
+    RetryEnvelope const& envelope = m_file.envelope();
+    m_id = envelope.auditId;
+    m_conversationId = envelope.conversationId;
+    m_hello = envelope.helloName;
+    m_source.m_addressText = envelope.clientAddress;
+    m_source.m_address.sin_family = AF_INET;
+    ::inet_pton(AF_INET, envelope.clientAddress.c_str(), &m_source.m_address.sin_addr);
+    m_parentConfig = &VELT::Proxy::s_pProxyInstance->m_config;
+    GetConfig().set(envelope.inbound, this, m_parentConfig);
+    GetConfig().set_source_mail_address(envelope.sender);
+    m_settings.emplace(GetConfig());
+    m_settings->keep.directory = m_directory;
+    m_settings->keptServer = SplitServer(envelope.server, m_settings->relayHost, m_settings->relayPort);
+    m_delivery.emplace(*this, *m_settings);
+    m_delivery->AskBefore([this] { return BeginContent(); });
+}
+
+void RetrySession::TakeRecipients() {
+    RetryEnvelope const& envelope = m_file.envelope();
+    m_message.sender = ReadMailbox(envelope.sender);
+    m_message.sender.null = envelope.sender.empty();
+    m_message.leadingDots = !envelope.plain;
+    m_message.eightBit = envelope.eightBit;
+    m_message.size = m_file.messageLength();
+    for (std::size_t i = 0; i < envelope.recipients.size(); ++i) {
+        if (m_file.status().recipients[i] != State::Waiting) continue;
+        std::string const& address = envelope.recipients[i].address;
+        m_message.recipients.push_back({address, LowerCase(ReadMailbox(address).domain), {}});
+        m_waiting.push_back(i);
+    }
+}
+
+// The gateway gave each file recipients of one way only.
+std::string RetrySession::Destination() const {
+    std::string const& server = m_file.envelope().server;
+    if (!server.empty() || !m_settings->relayHost.empty()) return server;
+    return m_message.recipients.front().domain;
+}
+
+bool RetrySession::IsTooOld() const { return m_now - m_file.envelope().taken >= m_settings->keep.giveUpSeconds; }
+
+void RetrySession::Decide() {
+    RetryStatus const& status = m_file.status();
+    bool const forced = VELT::Proxy::s_pProxyInstance->m_singleProcess;
+    // A time that no pause reaches was made by another clock.
+    bool const early = status.due > m_now && status.due - m_now <= 2L * m_settings->keep.pause.longest;
+    if (early && !forced && !IsTooOld()) return void(m_file.Rest());
+    BackOff::Answer const answer = Destinations().Ask(Destination(), m_now);
+    if (answer == BackOff::Answer::Go || forced) return Try();
+    if (IsTooOld() && status.tries) return GiveUpUntried();
+    if (answer == BackOff::Answer::Rest) m_file.Rest();  // one that is tried just now is asked for at the next walk
+}
+
+void RetrySession::Try() {
+    Leave leave(Destination(), m_settings->keep.pause);
+    ++Count().retries;
+    m_message.spool = std::make_unique<VELT::ScannerStream>(m_id + ".retry", false);
+    errno = 0;
+    RetryFault const fault = m_file.ReadMessage(*m_message.spool);
+    if (fault != RetryFault::None) return ReportDamaged(fault);
+    std::vector<Verdict> const verdicts = Verdicts();
+    std::vector<RecipientFate> fates = m_delivery->Deliver(m_message, verdicts);
+    leave.Learn(fates);
+    Settle(std::move(fates));
+}
+
+// Those of the gateway: the file would not be there had they been others.
+std::vector<Verdict> RetrySession::Verdicts() {
+    std::string const& engines = m_file.envelope().engines;
+    if (!engines.empty() && engines != EnginesText()) return ScanAgain();
+    std::vector<Verdict> verdicts(1);
+    verdicts.front().fate = Verdict::Fate::Pass;
+    return verdicts;
+}
+
+// Content that policy has changed already stays as it is where the policy only would change it again.
+std::vector<Verdict> RetrySession::ScanAgain() {
+    ++Count().retriesScanned;
+    for (Recipient& one : m_message.recipients) {
+        int priority = -1;
+        GetConfig().set_recipient_mail_address(one.address);
+        GetConfig().set_scan_identity(&m_scan, priority, one.identity);
+    }
+    m_scan.connection = this;
+    m_scan.connection_attributes = new VELT::ScanConnectionAttributes(this);
+    m_scan.data = m_message.spool.get();
+    std::vector<Verdict> verdicts = ScanMessage(*this, m_scan);
+    m_report.Add(*this, m_message.recipients, verdicts);
+    for (Verdict& verdict : verdicts) {
+        if (m_file.envelope().rewritten && verdict.outcome == Verdict::Outcome::Clean) verdict.rewritten = nullptr;
+    }
+    return verdicts;
+}
+
+// The last moment at which it is sure that nobody has the message of this try.
+bool RetrySession::BeginContent() {
+    RetryStatus status = m_file.status();
+    if (m_wasUnsure) {
+        ++Count().messagesResent;
+        Note(events::MESSAGE_RESENT, [&](KORlog::InfoBag& bag) {
+            bag |= names::RECIPIENTS(ListOf(m_message.recipients));
+            bag |= names::COUNT(static_cast<unsigned long>(status.tries));
+        });
+    }
+    status.unsure = true;
+    status.last = m_now;
+    m_noteFailed = !m_file.Note(status);
+    return !m_noteFailed;
+}
+
+RetryStatus::Recipient& RetrySession::StateOf(RetryStatus& status, std::size_t recipient) const {
+    return status.recipients[m_waiting[recipient]];
+}
+
+void RetrySession::Settle(std::vector<RecipientFate> fates) {
+    RetryStatus status = m_file.status();
+    RecipientFate waits;
+    std::vector<RecipientFate> failed = fates;
+    bool anyFailed = false;
+    ++status.tries;
+    status.last = m_now;
+    status.unsure = m_wasUnsure;
+    for (std::size_t i = 0; i < fates.size(); ++i) {
+        bool const again = fates[i].temporary() && !IsTooOld();
+        if (again) waits = fates[i];
+        if (again) failed[i].kind = Kind::Kept;
+        if (fates[i].kind == Kind::Delivered) StateOf(status, i) = State::Delivered;
+        status.unsure |= again && fates[i].unsure;
+        anyFailed |= !failed[i].taken();
+    }
+    if (anyFailed && TellSender(failed)) {
+        for (std::size_t i = 0; i < failed.size(); ++i) {
+            if (!failed[i].taken()) StateOf(status, i) = State::Failed;
+        }
+        ReportGivenUp(failed);
+    } else if (anyFailed) {
+        waits = *std::find_if(failed.begin(), failed.end(), [](RecipientFate const& one) { return !one.taken(); });
+    }
+    status.waits() ? PutBack(std::move(status), waits) : Finish(status);
+}
+
+// Nothing was tried now, as the destination rests: what the last try said holds.
+void RetrySession::GiveUpUntried() {
+    m_message.spool = std::make_unique<VELT::ScannerStream>(m_id + ".retry", false);
+    RetryFault const fault = m_file.ReadMessage(*m_message.spool);
+    if (fault != RetryFault::None) return ReportDamaged(fault);
+    RecipientFate fate;
+    fate.reply = {451, "4.4.7", m_file.status().reason};
+    RetryStatus status = m_file.status();
+    std::vector<RecipientFate> const fates(m_waiting.size(), fate);
+    if (!TellSender(fates)) return void(m_file.Rest());
+    for (std::size_t i = 0; i < fates.size(); ++i) StateOf(status, i) = State::Failed;
+    ReportGivenUp(fates);
+    Finish(status);
+}
+
+KeptFrom RetrySession::From() const {
+    return {*this, *m_settings, m_id, m_conversationId, m_hello, m_file.envelope().inbound};
+}
+
+// True: the sender is told, or nobody is there to be told. False: he could not be, and is to be later.
+bool RetrySession::TellSender(std::vector<RecipientFate> const& fates) {
+    if (m_message.sender.null) {
+        std::vector<std::string> missed;
+        for (std::size_t i = 0; i < fates.size(); ++i) {
+            if (!fates[i].taken()) missed.push_back(m_message.recipients[i].address);
+        }
+        Note(events::NOTIFICATION_OMITTED, [&](KORlog::InfoBag& bag) { bag |= names::RECIPIENTS(ListOf(missed)); });
+        return true;
+    }
+    unsigned const tries = m_file.status().tries;
+    NotificationOrigin const origin{m_settings->greetingName, m_id, m_hello, m_file.envelope().taken,
+                                    m_id + ".report" + std::to_string(tries)};
+    return KeepNotification(From(), m_message, NotificationOf(origin, m_message, fates), tries);
+}
+
+// A file that cannot be removed says at least that nothing of it is left to be done.
+void RetrySession::Finish(RetryStatus const& status) {
+    if (!m_file.Remove() && (!m_file.Note(status) || !m_file.Rest())) return ReportStatusLost();
+    Note(events::RETRY_ENDED, [&](KORlog::InfoBag& bag) {
+        bag |= names::COUNT(static_cast<unsigned long>(status.tries));
+        bag |= names::FILE(m_file.path());
+    });
+}
+
+void RetrySession::PutBack(RetryStatus status, RecipientFate const& fate) {
+    auto const& pause = m_settings->keep.pause;
+    bool const ofTheMail = fate.reached || fate.reply.status == Leave::kUnchecked;
+    status.reason = m_noteFailed ? "status could not be written" : OneLine(fate.reply);
+    status.due = ofTheMail ? m_now + PauseAfter(status.tries, pause, Destinations().Random()) : 0;
+    if (!m_file.Note(status)) {
+        ReportStatusLost();
+        m_file.Rest();
+    }
+    Note(events::RETRY_FAILED, [&](KORlog::InfoBag& bag) {
+        bag |= names::RECIPIENTS(ListOf(m_message.recipients));
+        bag |= names::COUNT(static_cast<unsigned long>(status.tries));
+        bag |= names::REPLY(status.reason);
+    });
+}
+
+void RetrySession::ReportGivenUp(std::vector<RecipientFate> const& fates) {
+    std::vector<std::string> given;
+    Reply shown;
+    for (std::size_t i = 0; i < fates.size(); ++i) {
+        if (fates[i].taken()) continue;
+        given.push_back(m_message.recipients[i].address);
+        shown = fates[i].reply;
+        ++Count().recipientsGivenUp;
+    }
+    Note(events::GIVEN_UP, [&](KORlog::InfoBag& bag) {
+        bag |= names::SENDER(m_message.senderText());
+        bag |= names::RECIPIENTS(ListOf(given));
+        bag |= names::REPLY(OneLine(shown));
+    });
+}
+
+// It stays, for somebody who can tell what it was, and is reported again after a rest.
+void RetrySession::ReportDamaged(RetryFault fault) {
+    std::string why = TextOf(fault);
+    if (fault == RetryFault::Unreadable && errno) why += std::string(": ") + std::strerror(errno);
+    m_file.Rest();
+    ++Count().retriesDamaged;
+    Note(events::RETRY_DAMAGED, [&](KORlog::InfoBag& bag) {
+        bag |= names::FILE(m_file.path());
+        bag |= names::FINDING(why);
+    });
+}
+
+void RetrySession::ReportStatusLost() {
+    Note(events::RETRY_STATUS_LOST, [&](KORlog::InfoBag& bag) { bag |= names::FILE(m_file.path()); });
+}
+
+}  // namespace smtp
