@@ -1,0 +1,169 @@
+"""A mail gateway whose mail is scanned by scanner daemons, which a resource manager offers."""
+import os
+import pathlib
+import signal
+import sys
+import threading
+import unittest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "smtp"))
+
+import harness  # noqa: E402
+from scannerd_case import ENDED as SCANNED, POLICIES as SCANNER_POLICIES  # noqa: E402
+from smtp_case import (BOARD, DEFERRED, EICAR, NOT_SCANNED, NOTIFIED, PHRASE, POLICY_REFUSED, REFUSED, RULE_HIT,  # noqa: E402
+                       SCAN_FAILED, SENDER, STAFF, VIRUS, SmtpCase, body, with_attachment)
+
+REMOTE = "127.0.0.3"  # this machine, but not by the address that counts as local
+LOST = ((190002, 399), (190002, 400), (190002, 401), (190002, 402))
+
+
+class Scanner:
+    """A scanner daemon in a root of its own."""
+
+    def __init__(self, gateway, address):
+        self.root, self.address = harness.Root(), address
+        (self.port,) = harness.free_ports(1)
+        settings = {"network": {"BindAddress": [address], "BindPorts": [self.port], "ForbidReverseLookups": True,
+                                "MaxConnections": 16, "NetMem": 16},
+                    "process": {"MemoryLimit": 0, "ShutDownTimeout": 0},
+                    "scannerd": {"SpoolRoots": [str(gateway / "scandir")]}, "scanning": {"MaxScanMem": 64}}
+        self.root.write("rules.xml", '<rules version="1">\n  <policy name="base">\n' + harness.settings_xml(settings) +
+                        "\n  </policy>\n" + SCANNER_POLICIES.format(av="DENY") + "</rules>\n")
+        for name in ("inside.txt", "outside.txt"):
+            self.root.write(name, "NETWORK *\n")
+        self.root.write("scannerd-logging.xml", f'<logging><sink type="json" file="{self.root.log.path}"/></logging>\n')
+        self.daemon = harness.Daemon(self.root, os.environ["VELT_SCANNERD"], "scannerd", "product")
+        harness.wait_until(self.daemon.workers, "a worker of the scanner daemon")
+
+    def items(self):
+        """How many this daemon has been given, by the connections that have ended."""
+        return sum(int(event["values"]["scannerd_items"]) for event in self.root.log.named(*SCANNED))
+
+    def kill(self):
+        """Every process of it, at once."""
+        for pid in self.root.processes():
+            os.kill(pid, signal.SIGKILL)
+        self.daemon.wait()
+
+    def stop(self):
+        if self.daemon.process.poll() is None:
+            self.daemon.signal(signal.SIGHUP)
+        self.daemon.wait()
+        harness.wait_until(lambda: not self.root.processes(), "the end of the scanner daemon")
+
+
+class Farm(SmtpCase):
+    def begin_farm(self, addresses=(harness.SERVER,), **sections):
+        self.manager = self.root.path / "manager"
+        self.manager.mkdir()
+        for name in ("qxrmgrctl", "qxrmgr0", "qxrmgr"):
+            (self.manager / name).touch()
+        self.scanners = [Scanner(self.root.path, address) for address in addresses]
+        for number, scanner in enumerate(self.scanners, 1):
+            self.addCleanup(scanner.root.remove)
+            self.addCleanup(scanner.stop)
+            self.offer(number, scanner)
+        return self.begin(scanning={"LSServerWaitTime": 3}, **sections)
+
+    def offer(self, number, scanner):
+        new = self.manager / "new"
+        new.write_text(f"{scanner.address} {scanner.port}\n")
+        new.rename(self.manager / f"qxrmgr{number}")
+
+    def withdraw(self, number):
+        (self.manager / f"qxrmgr{number}").unlink()
+
+    def launch(self, options=("-d",), arguments=(), environment=None):
+        return super().launch(options, arguments, {
+            "LD_PRELOAD": os.environ["VELT_MANAGER_CALLS"], "VELT_MANAGER": str(self.manager), **(environment or {})})
+
+    def stop_scanners(self):
+        for scanner in self.scanners:
+            scanner.stop()
+
+    def judge(self):
+        """Mail of every kind, and what has to become of it."""
+        self.provokes(VIRUS, RULE_HIT, REFUSED, POLICY_REFUSED)
+        self.assertRegex(self.client().mail(body("hello")), r"^250 ")
+        self.assertRegex(self.client().mail(with_attachment(EICAR)), r"^554 5\.7\.1 .*EICAR")
+        self.assertRegex(self.client().mail(body(PHRASE)), r"^554 ")
+        self.assertRegex(self.client().mail(body(PHRASE), recipients=[BOARD]), r"^250 ")
+        self.assertRegex(self.client().mail(body("x\r\n" * 100000)), r"^250 ")
+        self.assertRegex(self.client().mail(with_attachment(b"x\r\n" * 100000 + EICAR.encode())), r"^554 |^250 ")
+        self.assertRegex(self.client().mail(body("x\r\n" * 100000 + PHRASE)), r"^554 ")
+        self.sink.wait_messages(3)
+
+    def test_mail_is_judged_by_a_daemon_of_this_machine(self):
+        self.begin_farm()
+        self.judge()
+        self.stop_scanners()
+        self.assertEqual(self.scanners[0].items(), 7)
+
+    def test_mail_is_judged_by_a_daemon_elsewhere(self):
+        self.begin_farm((REMOTE,))
+        self.judge()
+        self.stop_scanners()
+        self.assertEqual(self.scanners[0].items(), 7)
+
+    def test_each_identity_has_its_own_verdict_of_one_item(self):
+        self.begin_farm()
+        self.provokes(RULE_HIT, POLICY_REFUSED, NOTIFIED)
+        self.client().mail(body(PHRASE), recipients=[STAFF, BOARD])
+        mail, report = self.sink.wait_messages(2)
+        self.assertEqual((mail.recipients, report.recipients), ([BOARD], [SENDER]))
+        self.stop_scanners()
+        self.assertEqual(self.scanners[0].items(), 1)
+
+    def test_without_a_daemon_mail_waits_with_its_sender(self):
+        self.begin_farm()
+        self.scanners[0].stop()
+        for event in (*LOST, SCAN_FAILED, NOT_SCANNED, DEFERRED):
+            self.expect(*event, at_least=0)
+        self.assertRegex(self.client().mail(body("hello")), r"^451 ")
+        self.assertEqual(self.sink.messages, [])
+
+    def test_daemons_that_are_killed_lose_no_mail_and_pass_none_unscanned(self):
+        self.begin_farm((harness.SERVER, harness.SERVER))
+        for event in (*LOST, SCAN_FAILED, NOT_SCANNED, DEFERRED, VIRUS, RULE_HIT, REFUSED, POLICY_REFUSED):
+            self.expect(*event, at_least=0)
+        taken, passed, stop = [], [], threading.Event()
+
+        def send(number):
+            turn = 0
+            while not stop.is_set():
+                turn += 1
+                client = self.client()
+                if turn % 2:
+                    if client.mail(with_attachment(EICAR)).startswith("250"):
+                        passed.append((number, turn))
+                else:
+                    text = f"mail {number}-{turn}"
+                    if client.mail(body(text)).startswith("250"):
+                        taken.append(text)
+                client.close()
+        threads = [threading.Thread(target=send, args=(number,)) for number in range(4)]
+        for thread in threads:
+            thread.start()
+        try:
+            for turn in range(6):
+                before = len(taken)
+                harness.wait_until(lambda: len(taken) > before + 3, "mail that passes")
+                victim = turn % 2
+                self.scanners[victim].kill()
+                self.withdraw(victim + 1)
+                self.scanners[victim].root.remove()
+                self.scanners[victim] = Scanner(self.root.path, harness.SERVER)
+                self.addCleanup(self.scanners[victim].root.remove)
+                self.addCleanup(self.scanners[victim].stop)
+                self.offer(victim + 1, self.scanners[victim])
+        finally:
+            stop.set()
+            for thread in threads:
+                thread.join(harness.LIMIT)
+        self.assertEqual(passed, [])
+        arrived = b"\n".join(mail.content for mail in self.sink.wait_messages(len(taken)))
+        self.assertEqual([text for text in taken if text.encode() + b"\r\n" not in arrived], [])
+
+
+if __name__ == "__main__":
+    unittest.main()
