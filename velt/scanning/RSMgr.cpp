@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 
 #include <velt/scanning/RSMgrBackends.h>
@@ -12,13 +13,25 @@ using namespace manager;
 
 namespace {
 
-Backend const& Manager() { return g_device; }
+std::atomic<Backend const*> s_chosen{nullptr};
+
+Backend const& Manager() {
+    if (Backend const* const chosen = s_chosen) return *chosen;
+    for (Backend const* const one : {&g_device, &g_socket}) {
+        if (!one->isThere()) continue;
+        s_chosen = one;
+        return *one;
+    }
+    return g_device;
+}
 
 int AskOpen(int handle, Request request, void* argument) {
     return handle < 0 ? -1 : Manager().ask(handle, request, argument);
 }
 
 }  // namespace
+
+void manager::Choose(Backend const* backend) { s_chosen = backend; }
 
 bool RSMgrResourceCtlHandle(int& handle) {
     int const opened = Manager().open(kControl);

@@ -1,6 +1,7 @@
 // RSMgr: the functions that ask the resource manager, which knows the scanner processes and who occupies them. An open
 // handle occupies what it was given; its last close is the end of that, however the process came to it.
-// It is asked through the character device /dev/qxrmgrctl where that exists (docs/formats/resource-manager.md).
+// It is asked through the character device /dev/qxrmgrctl where that exists, and otherwise through the socket of
+// velt-rmgrd where that answers (docs/formats/resource-manager.md).
 // Owner: a handle is its caller's, who frees it. Threads: any, each with handles of its own; a handle that several
 // threads share is only asked whether it is available. Units: seconds, unless told otherwise; addresses in network
 // order. Failure: false or -1 with errno; on a closed handle -1 with the errno that was there. Nothing throws.

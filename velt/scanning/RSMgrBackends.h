@@ -5,17 +5,10 @@
 
 #include <cstdint>
 
-namespace VELT::manager {
+#include <velt/Export.h>
+#include <velt/scanning/RSMgrWire.h>
 
-enum Request : unsigned long {
-    kSetup = 1,
-    kAvailable = 2,
-    kUnAvailable = 3,
-    kWait = 4,
-    kIsUp = 5,
-    kServersInUse = 6,
-    kName = 7,
-};
+namespace VELT::manager {
 
 struct WaitRecord {
     std::int32_t timeout;  // seconds; the others are the answer
@@ -33,9 +26,6 @@ struct SetupRecord {
     char* name;  // 32 bytes, closed by a zero
 };
 
-constexpr int kControl = -1;  // in the place of a resource's number
-constexpr unsigned kNameBytes = 32;
-
 struct Settings {
     int cache, cacheSeconds, connectTimeout, dataTimeout;
 };
@@ -49,6 +39,11 @@ struct Backend {
 };
 
 extern Backend const g_device;
+extern Backend const g_socket;
+
+// The way of this process from now on. Null: the device where it is there, else the socket where it answers; what is
+// found first stays.
+VELT_API void Choose(Backend const* backend);
 
 int MoveUp(int fd);  // out of the numbers that select() can name; the same descriptor where the limit forbids that
 

@@ -1,0 +1,449 @@
+#include "Manager.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <system_error>
+#include <thread>
+
+namespace rmgrd {
+
+using VELT::manager::Question;
+
+namespace {
+
+constexpr std::size_t kMostClients = 8192;
+constexpr std::size_t kOtherDescriptors = 600;  // of probes, and what a process has anyhow
+constexpr std::size_t kMostServers = 512;
+constexpr int kBacklog = 512;
+constexpr int kAcceptPauseMs = 100;
+constexpr int kLongestWait = 24 * 60 * 60;
+
+[[noreturn]] void Fail(std::string const& what) { throw std::system_error(errno, std::generic_category(), what); }
+
+unsigned Random(unsigned below) {
+    static std::minstd_rand engine(std::random_device{}());
+    return std::uniform_int_distribution<unsigned>(0, below - 1)(engine);
+}
+
+// A scanner process that anybody could announce would be one that passes everything.
+bool MayAnnounce(int fd) {
+    ucred peer{};
+    socklen_t length = sizeof peer;
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) return false;
+    return peer.uid == 0 || peer.uid == ::geteuid();
+}
+
+std::size_t MostClients() {
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    std::size_t const room = std::min<std::size_t>(limit.rlim_cur, kMostClients + kOtherDescriptors);
+    return room > 2 * kOtherDescriptors ? room - kOtherDescriptors : room / 2;
+}
+
+// What another process calls itself, as one word for the operator.
+std::string Printable(char const* text, std::size_t most) {
+    std::string name(text, ::strnlen(text, most));
+    std::replace_if(
+        name.begin(), name.end(), [](unsigned char c) { return c <= ' ' || c >= 0x7F; }, '?');
+    return name;
+}
+
+}  // namespace
+
+Manager::Manager(ManagerSettings settings, Probing probe, Telling tell)
+    : m_settings(std::move(settings)),
+      m_probe(std::move(probe)),
+      m_tell(std::move(tell)),
+      m_mostClients(MostClients()),
+      m_farm(m_settings.slowStart, Random) {
+    m_event = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (m_event < 0) Fail("eventfd");
+    try {
+        Listen();
+    } catch (...) {
+        ::close(m_event);
+        throw;
+    }
+}
+
+Manager::~Manager() {
+    while (!EndProbes(kLongestWait)) continue;
+    for (auto const& client : m_clients) ::close(client->fd);
+    ::close(m_listener);
+    ::unlink(m_settings.socketPath.c_str());
+    ::close(m_event);
+}
+
+double Manager::Now() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+// Of two managers on one path the one that listens stays.
+void Manager::Listen() {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::string const& path = m_settings.socketPath;
+    errno = ENAMETOOLONG;
+    if (path.size() >= sizeof address.sun_path) Fail(path);
+    std::memcpy(address.sun_path, path.c_str(), path.size());
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    m_listener = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (m_listener < 0) Fail("socket");
+    if (::connect(m_listener, generic, sizeof address) == 0) {
+        ::close(m_listener);
+        errno = EADDRINUSE;
+        Fail(path);
+    }
+    ::unlink(path.c_str());
+    if (::bind(m_listener, generic, sizeof address) == 0 && ::chmod(path.c_str(), 0660) == 0 &&
+        ::listen(m_listener, kBacklog) == 0)
+        return;
+    int const error = errno;
+    ::close(m_listener);
+    errno = error;
+    Fail(path);
+}
+
+void Manager::Wake() {
+    std::uint64_t const one = 1;
+    [[maybe_unused]] ssize_t const written = ::write(m_event, &one, sizeof one);
+}
+
+void Manager::Stop() {
+    std::lock_guard const hold(m_lock);
+    m_ending = true;
+    m_changed.notify_all();
+    Wake();
+}
+
+bool Manager::EndProbes(int seconds) {
+    std::unique_lock hold(m_lock);
+    m_ending = true;
+    m_changed.notify_all();
+    return m_changed.wait_for(hold, std::chrono::seconds(seconds), [this] { return m_threads == 0; });
+}
+
+void Manager::SetServers(std::vector<ServerFacts> servers) {
+    std::lock_guard const hold(m_lock);
+    m_newServers = std::make_unique<std::vector<ServerFacts>>(std::move(servers));
+    Wake();
+}
+
+// --- the loop ---
+
+void Manager::Run() {
+    for (;;) {
+        {
+            std::lock_guard const hold(m_lock);
+            if (m_ending) return;
+        }
+        TakeServers();
+        TakeFindings();
+        ServeWaiters();
+        Sweep();
+        Poll();
+    }
+}
+
+int Manager::NextTimeoutMs() const {
+    double next = kLongestWait;
+    double const now = Now();
+    for (auto const& client : m_clients)
+        if (client->waits) next = std::min(next, client->until - now);
+    return static_cast<int>(std::ceil(std::max(next, 0.0) * 1000));
+}
+
+void Manager::Poll() {
+    // Where the system has no descriptor to spare, the queue is left alone for a moment.
+    short const accepting = m_acceptFailed ? 0 : POLLIN;
+    int const timeoutMs = m_acceptFailed ? std::min(NextTimeoutMs(), kAcceptPauseMs) : NextTimeoutMs();
+    m_acceptFailed = false;
+    std::vector<pollfd> watched{{m_event, POLLIN, 0}, {m_listener, accepting, 0}};
+    for (auto const& client : m_clients) watched.push_back({client->fd, POLLIN, 0});
+    if (::poll(watched.data(), watched.size(), timeoutMs) <= 0) return;
+    std::uint64_t count;
+    if (watched[0].revents) [[maybe_unused]]
+        ssize_t const drained = ::read(m_event, &count, sizeof count);
+    for (std::size_t i = 2; i < watched.size(); ++i)
+        if (watched[i].revents) Read(*m_clients[i - 2]);
+    if (watched[1].revents) Accept();
+}
+
+void Manager::Accept() {
+    int fd;
+    while ((fd = ::accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK)) >= 0) {
+        if (m_clients.size() >= m_mostClients) {
+            ::close(fd);
+            continue;
+        }
+        m_clients.push_back(std::make_unique<Client>());
+        m_clients.back()->fd = fd;
+    }
+    m_acceptFailed = errno != EAGAIN;
+}
+
+void Manager::Sweep() {
+    std::erase_if(m_clients, [](auto const& client) {
+        if (client->ended) ::close(client->fd);
+        return client->ended;
+    });
+}
+
+// Nothing more is said; the descriptor goes with the sweep.
+void Manager::End(Client& client) {
+    if (client.ended) return;
+    client.ended = true;
+    client.waits = false;
+    ::shutdown(client.fd, SHUT_RDWR);
+    if (client.occupies) m_farm.Leave(client.occupies);
+    client.occupies = 0;
+    if (client.role == Client::Role::Control && client.resource) RemoveServer(client.resource);
+}
+
+// --- questions ---
+
+void Manager::Read(Client& client) {
+    if (client.ended) return;
+    Question question;
+    ssize_t const count = ::recv(client.fd, &question, sizeof question, MSG_DONTWAIT | MSG_TRUNC);
+    if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
+    if (count != sizeof question || !Take(client, question)) End(client);
+}
+
+void Manager::Send(Client& client, VELT::manager::Answer const& answer) {
+    if (::send(client.fd, &answer, sizeof answer, MSG_NOSIGNAL | MSG_DONTWAIT) != sizeof answer) End(client);
+}
+
+void Manager::Answer(Client& client, int result, int error) {
+    VELT::manager::Answer answer{};
+    answer.result = result;
+    answer.error = error;
+    Send(client, answer);
+}
+
+// Who is told nothing yet says nothing, so a question during a wait does not fit either.
+bool Manager::Take(Client& client, Question const& question) {
+    using Role = Client::Role;
+    using namespace VELT::manager;
+    if (client.waits) return false;
+    switch (question.request) {
+        case kOpen:
+            return client.role == Role::Fresh && Open(client, question.values[0]);
+        case kWait:
+            return client.role == Role::Waiter && Wait(client, question.values[0]);
+        case kName:
+            return client.role == Role::Resource && TellName(client);
+        case kSetup:
+            return client.role == Role::Control && Announce(client, question);
+        case kAvailable:
+        case kUnAvailable:
+            return client.role == Role::Control && Willing(client, question.request == kAvailable);
+        case kSettings:
+            return client.role == Role::Control && TellSettings(client);
+        case kServersInUse:
+            if (client.role == Role::Control) Answer(client, static_cast<int>(m_farm.servers().size()));
+            return client.role == Role::Control;
+        default:
+            return false;
+    }
+}
+
+bool Manager::Open(Client& client, int resource) {
+    using Role = Client::Role;
+    if (resource < VELT::manager::kControl) return false;
+    if (resource > 0 && !m_farm.IsUp(resource)) {
+        Answer(client, -1, ENXIO);
+        return false;
+    }
+    client.role = resource > 0 ? Role::Resource : resource == 0 ? Role::Waiter : Role::Control;
+    client.resource = std::max(resource, 0);
+    Answer(client, 0);
+    return true;
+}
+
+// One that waits anew has left what it had.
+bool Manager::Wait(Client& client, int seconds) {
+    if (client.occupies) m_farm.Leave(client.occupies);
+    client.occupies = 0;
+    client.waits = true;
+    client.until = Now() + std::clamp(seconds, 0, kLongestWait);
+    return true;
+}
+
+bool Manager::TellName(Client& client) {
+    VELT::manager::Answer answer{};
+    auto const found = m_farm.servers().find(client.resource);
+    if (found == m_farm.servers().end()) return false;
+    std::strncpy(answer.name, found->second.facts.name.c_str(), sizeof answer.name - 1);
+    Send(client, answer);
+    return true;
+}
+
+bool Manager::TellSettings(Client& client) {
+    VELT::manager::Answer answer{};
+    std::copy(std::begin(m_settings.connections), std::end(m_settings.connections), answer.values);
+    Send(client, answer);
+    return true;
+}
+
+// The first value is how many items at a time; a process that listens on all addresses is on this host.
+bool Manager::Announce(Client& client, Question const& question) {
+    if (client.resource || !MayAnnounce(client.fd)) {
+        Answer(client, -1, client.resource ? EBUSY : EPERM);
+        return true;
+    }
+    ServerFacts facts;
+    facts.name = Printable(question.name, sizeof question.name - 1);
+    facts.capacity = std::max(question.values[0], 0);
+    facts.address.sin_family = AF_INET;
+    facts.address.sin_addr.s_addr = question.address ? question.address : htonl(INADDR_LOOPBACK);
+    facts.address.sin_port = static_cast<in_port_t>(question.port);
+    bool const fits = facts.address.sin_port != 0 && m_farm.servers().size() < kMostServers;
+    if (fits) client.resource = AddServer(facts, false);
+    Answer(client, fits ? client.resource : -1, fits ? 0 : EINVAL);
+    return true;
+}
+
+bool Manager::Willing(Client& client, bool willing) {
+    if (client.resource) m_farm.SetWilling(client.resource, willing);
+    Answer(client, client.resource ? 0 : -1, EINVAL);
+    return true;
+}
+
+// --- waiters ---
+
+void Manager::Offer(Client& client, int resource) {
+    ServerFacts const& facts = m_farm.servers().at(resource).facts;
+    VELT::manager::Answer answer{};
+    answer.result = resource;
+    answer.values[0] = resource;
+    answer.values[1] = m_farm.sequence();
+    answer.values[2] = static_cast<std::int32_t>(facts.address.sin_addr.s_addr);
+    answer.values[3] = facts.address.sin_port;
+    client.waits = false;
+    client.occupies = resource;
+    Send(client, answer);
+}
+
+// First come, first served.
+void Manager::ServeWaiters() {
+    double const now = Now();
+    for (auto const& client : m_clients) {
+        if (!client->waits) continue;
+        if (int const resource = m_farm.Occupy(now)) {
+            Offer(*client, resource);
+        } else if (client->until <= now) {
+            client->waits = false;
+            Answer(*client, -1, EAGAIN);
+        }
+    }
+}
+
+// --- servers and their health ---
+
+int Manager::AddServer(ServerFacts const& facts, bool fromFile) {
+    int const resource = m_farm.Add(facts);
+    m_probed[resource] = {facts, fromFile};
+    std::lock_guard const hold(m_lock);
+    m_probing.insert(resource);
+    try {
+        std::thread([=, this] { ProbeForEver(resource, facts); }).detach();
+        ++m_threads;
+    } catch (std::system_error const& failure) {
+        m_findings.push_back({resource, "cannot be probed, as no thread can be started"});
+    }
+    return resource;
+}
+
+// Its thread may be in the middle of a probe, which takes what it takes.
+void Manager::RemoveServer(int resource) {
+    auto const found = m_probed.find(resource);
+    if (found == m_probed.end()) return;
+    m_tell("server " + found->second.facts.name + " at " + PlaceOf(found->second.facts) + " has gone");
+    {
+        std::lock_guard const hold(m_lock);
+        m_probing.erase(resource);
+        m_changed.notify_all();
+    }
+    m_probed.erase(found);
+    m_farm.Remove(resource);
+    HangUpOn(resource);
+}
+
+void Manager::HangUpOn(int resource) {
+    for (auto const& client : m_clients)
+        if (client->role == Client::Role::Resource && client->resource == resource) End(*client);
+}
+
+void Manager::ProbeForEver(int resource, ServerFacts facts) {
+    for (;;) {
+        std::string problem = m_probe(facts);
+        std::unique_lock hold(m_lock);
+        m_findings.push_back({resource, std::move(problem)});
+        Wake();
+        auto const isOver = [&] { return m_ending || !m_probing.contains(resource); };
+        if (!m_changed.wait_for(hold, std::chrono::seconds(m_settings.probeInterval), isOver)) continue;
+        --m_threads;
+        m_changed.notify_all();
+        return;
+    }
+}
+
+void Manager::TakeFindings() {
+    std::deque<Finding> findings;
+    {
+        std::lock_guard const hold(m_lock);
+        findings.swap(m_findings);
+    }
+    for (Finding const& finding : findings) TakeFinding(finding);
+}
+
+void Manager::TakeFinding(Finding const& finding) {
+    auto const found = m_probed.find(finding.resource);
+    if (found == m_probed.end()) return;
+    Probed& probed = found->second;
+    bool const good = finding.problem.empty();
+    bool const before = m_farm.IsUp(finding.resource);
+    m_farm.SetHealthy(finding.resource, good, Now());
+    if (probed.known && good == before) return;
+    probed.known = true;
+    std::string const who = "server " + probed.facts.name + " at " + PlaceOf(probed.facts);
+    m_tell(who + (good ? " is up" : " gets no work: " + finding.problem));
+    if (!good) HangUpOn(finding.resource);
+}
+
+// A server that stands in the file as before is left as it is.
+void Manager::TakeServers() {
+    std::unique_ptr<std::vector<ServerFacts>> wanted;
+    {
+        std::lock_guard const hold(m_lock);
+        wanted = std::move(m_newServers);
+    }
+    if (!wanted) return;
+    std::vector<int> gone;
+    for (auto const& [resource, probed] : m_probed) {
+        if (!probed.fromFile) continue;
+        auto const same = std::find(wanted->begin(), wanted->end(), probed.facts);
+        if (same == wanted->end())
+            gone.push_back(resource);
+        else
+            wanted->erase(same);
+    }
+    for (int const resource : gone) RemoveServer(resource);
+    for (ServerFacts const& facts : *wanted) AddServer(facts, true);
+}
+
+}  // namespace rmgrd
