@@ -26,6 +26,7 @@ constexpr unsigned kCacheStepSeconds = 30;
 struct Sleepers {
     std::mutex lock;
     std::condition_variable changed;
+    unsigned started = 0;
     unsigned asleep = 0;
     unsigned long arrivals = 0;
     unsigned long looks = 0;
@@ -59,7 +60,11 @@ unsigned __wrap_sleep(unsigned seconds) {
 }
 
 int __wrap_pthread_create(pthread_t* thread, pthread_attr_t const* how, void* (*entry)(void*), void* argument) {
-    return s_noThreads ? EAGAIN : __real_pthread_create(thread, how, entry, argument);
+    if (s_noThreads) return EAGAIN;
+    int const error = __real_pthread_create(thread, how, entry, argument);
+    std::lock_guard const hold(s_sleepers.lock);
+    s_sleepers.started += error == 0 && entry == &VELT::cachehandler;
+    return error;
 }
 
 namespace velt_testing {
@@ -83,6 +88,7 @@ unsigned CacheThreads() {
 
 void LetCacheThreadsLook() {
     std::unique_lock hold(s_sleepers.lock);
+    s_sleepers.changed.wait(hold, [] { return s_sleepers.asleep == s_sleepers.started; });
     unsigned long const expected = s_sleepers.arrivals + s_sleepers.asleep;
     ++s_sleepers.looks;
     s_sleepers.changed.notify_all();

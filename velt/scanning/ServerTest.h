@@ -27,7 +27,7 @@ namespace velt_testing {
 std::vector<unsigned> Pauses();
 void ForgetPauses();
 unsigned CacheThreads();      // that sleep
-void LetCacheThreadsLook();   // returns when each of them has looked once and sleeps again
+void LetCacheThreadsLook();   // returns when each that there is has looked once more and sleeps again
 void RefuseThreads(bool on);  // no more threads can be made
 
 // The soft limit of descriptors while one lives.
