@@ -37,6 +37,12 @@ unsigned long long SocketInode(int fd) {
     return ::fstat(fd, &found) == 0 && S_ISSOCK(found.st_mode) ? found.st_ino : 0;
 }
 
+bool IsHeld(int end) {
+    pollfd one{end, POLLIN, 0};
+    ::poll(&one, 1, 0);
+    return (one.revents & POLLHUP) == 0;
+}
+
 }  // namespace
 
 ManagerModel::ManagerModel() { s_manager = this; }
@@ -81,6 +87,13 @@ void ManagerModel::SetPresent(bool present) {
 
 void ManagerModel::WriteSettings(std::string const& text) const { m_root.Write("settings", text); }
 
+void ManagerModel::Forget() {
+    std::lock_guard const hold(m_lock);
+    m_calls.clear();
+    auto const isClosed = [](Handle const& handle) { return !IsHeld(handle.end.get()); };
+    m_handles.erase(std::remove_if(m_handles.begin(), m_handles.end(), isClosed), m_handles.end());
+}
+
 std::vector<ManagerModel::Call> ManagerModel::calls() const {
     std::lock_guard const hold(m_lock);
     return m_calls;
@@ -104,11 +117,7 @@ unsigned ManagerModel::opens(int device) const {
 unsigned ManagerModel::held(int device) const {
     std::lock_guard const hold(m_lock);
     unsigned count = 0;
-    for (Handle const& handle : m_handles) {
-        pollfd one{handle.end.get(), POLLIN, 0};
-        ::poll(&one, 1, 0);
-        count += handle.device == device && (one.revents & POLLHUP) == 0;
-    }
+    for (Handle const& handle : m_handles) count += handle.device == device && IsHeld(handle.end.get());
     return count;
 }
 

@@ -55,6 +55,8 @@ public:
     void SetPresent(bool present);                      // /proc/qxrmgr and /dev/qxrmgrctl
     void WriteSettings(std::string const& text) const;  // the entry; without this there is none
 
+    void Forget();  // what was called, and the handles that nobody has any more
+
     std::vector<Call> calls() const;
     std::vector<WaitRecord> waits() const;  // as they were asked
     unsigned opens(int device) const;
