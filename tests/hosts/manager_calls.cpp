@@ -1,7 +1,8 @@
 // A library to be loaded before the C library, which stands for the kernel module of a resource manager. Its devices
 // are files of the folder that VELT_MANAGER names: "qxrmgrctl", "qxrmgr0", and for each server "qxrmgr" and its number,
 // which holds "ADDRESS PORT". A server whose file is gone is down; each change of the folder makes a new generation of
-// the list. Descriptors are the system's own.
+// the list. A daemon that
+// announces itself is server 1. Descriptors are the system's own.
 #ifndef _GNU_SOURCE
 #define _GNU_SOURCE
 #endif
@@ -27,6 +28,12 @@
 namespace {
 
 constexpr int kMostServers = 8;
+
+struct SetupRecord {
+    std::int32_t first, second, third;
+    std::uint32_t address, port;
+    char const* name;
+};
 
 struct WaitRecord {
     std::int32_t timeout, id, sequence;
@@ -101,8 +108,25 @@ int Wait(WaitRecord& record) {
     return -1;
 }
 
+// A scanner process is server 1 from its announcement on.
+int SetUp(SetupRecord const& record) {
+    static auto const real = Next<std::FILE* (*)(char const*, char const*)>("fopen");
+    std::FILE* const file = real((Folder() + "/announced").c_str(), "we");
+    if (!file) return -1;
+    in_addr const address{record.address};
+    std::fprintf(file, "%s %u\n%d %s\n", ::inet_ntoa(address), ntohs(static_cast<std::uint16_t>(record.port)),
+                 record.first, record.name);
+    return std::fclose(file);
+}
+
+int MakeAvailable() { return std::rename((Folder() + "/announced").c_str(), (Folder() + "/qxrmgr1").c_str()); }
+
 int Ask(std::string const& device, unsigned long request, void* argument) {
     switch (request) {
+        case 1:
+            return SetUp(*static_cast<SetupRecord*>(argument));
+        case 2:
+            return MakeAvailable();
         case 4:
             return Wait(*static_cast<WaitRecord*>(argument));
         case 5:

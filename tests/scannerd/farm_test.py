@@ -14,13 +14,14 @@ from smtp_case import (BOARD, DEFERRED, EICAR, NOT_SCANNED, NOTIFIED, PHRASE, PO
                        SCAN_FAILED, SENDER, STAFF, VIRUS, SmtpCase, body, with_attachment)
 
 REMOTE = "127.0.0.3"  # this machine, but not by the address that counts as local
+ANNOUNCED = (60100, 9)
 LOST = ((190002, 399), (190002, 400), (190002, 401), (190002, 402))
 
 
 class Scanner:
     """A scanner daemon in a root of its own."""
 
-    def __init__(self, gateway, address):
+    def __init__(self, gateway, address, environment=None):
         self.root, self.address = harness.Root(), address
         (self.port,) = harness.free_ports(1)
         settings = {"network": {"BindAddress": [address], "BindPorts": [self.port], "ForbidReverseLookups": True,
@@ -32,7 +33,7 @@ class Scanner:
         for name in ("inside.txt", "outside.txt"):
             self.root.write(name, "NETWORK *\n")
         self.root.write("scannerd-logging.xml", f'<logging><sink type="json" file="{self.root.log.path}"/></logging>\n')
-        self.daemon = harness.Daemon(self.root, os.environ["VELT_SCANNERD"], "scannerd", "product")
+        self.daemon = harness.Daemon(self.root, os.environ["VELT_SCANNERD"], "scannerd", "product", environment=environment)
         harness.wait_until(self.daemon.workers, "a worker of the scanner daemon")
 
     def items(self):
@@ -54,16 +55,29 @@ class Scanner:
 
 class Farm(SmtpCase):
     def begin_farm(self, addresses=(harness.SERVER,), **sections):
+        self.begin_manager()
+        self.scanners = []
+        for number, address in enumerate(addresses, 1):
+            self.offer(number, self.add_scanner(address))
+        return self.begin(scanning={"LSServerWaitTime": 3}, **sections)
+
+    def begin_manager(self):
         self.manager = self.root.path / "manager"
         self.manager.mkdir()
         for name in ("qxrmgrctl", "qxrmgr0", "qxrmgr"):
             (self.manager / name).touch()
-        self.scanners = [Scanner(self.root.path, address) for address in addresses]
-        for number, scanner in enumerate(self.scanners, 1):
-            self.addCleanup(scanner.root.remove)
-            self.addCleanup(scanner.stop)
-            self.offer(number, scanner)
-        return self.begin(scanning={"LSServerWaitTime": 3}, **sections)
+
+    def add_scanner(self, address, environment=None):
+        scanner = Scanner(self.root.path, address, environment)
+        self.addCleanup(scanner.root.remove)
+        self.addCleanup(scanner.stop)
+        self.scanners.append(scanner)
+        return scanner
+
+    @property
+    def managed(self):
+        """The environment of a daemon that finds the manager."""
+        return {"LD_PRELOAD": os.environ["VELT_MANAGER_CALLS"], "VELT_MANAGER": str(self.manager)}
 
     def offer(self, number, scanner):
         new = self.manager / "new"
@@ -75,7 +89,7 @@ class Farm(SmtpCase):
 
     def launch(self, options=("-d",), arguments=(), environment=None):
         return super().launch(options, arguments, {
-            "LD_PRELOAD": os.environ["VELT_MANAGER_CALLS"], "VELT_MANAGER": str(self.manager), **(environment or {})})
+            **self.managed, **(environment or {})})
 
     def stop_scanners(self):
         for scanner in self.scanners:
@@ -104,6 +118,20 @@ class Farm(SmtpCase):
         self.judge()
         self.stop_scanners()
         self.assertEqual(self.scanners[0].items(), 7)
+
+    def test_a_daemon_announces_itself_where_there_is_a_manager(self):
+        self.begin_manager()
+        self.scanners = []
+        scanner = self.add_scanner(harness.SERVER, self.managed)
+        self.assertEqual((self.manager / "qxrmgr1").read_text(), f"{harness.SERVER} {scanner.port}\n16 scannerd\n")
+        self.assertEqual(len(scanner.root.log.named(*ANNOUNCED)), 1)
+        held = {pid for pid in scanner.root.processes()
+                if any("qxrmgrctl" in os.readlink(fd) for fd in pathlib.Path(f"/proc/{pid}/fd").iterdir())}
+        self.assertEqual(held, {scanner.daemon.monitor()}, "workers that drain are not offered")
+        self.begin(scanning={"LSServerWaitTime": 3})
+        self.judge()
+        self.stop_scanners()
+        self.assertEqual(scanner.items(), 7)
 
     def test_each_identity_has_its_own_verdict_of_one_item(self):
         self.begin_farm()
@@ -152,9 +180,7 @@ class Farm(SmtpCase):
                 self.scanners[victim].kill()
                 self.withdraw(victim + 1)
                 self.scanners[victim].root.remove()
-                self.scanners[victim] = Scanner(self.root.path, harness.SERVER)
-                self.addCleanup(self.scanners[victim].root.remove)
-                self.addCleanup(self.scanners[victim].stop)
+                self.scanners[victim] = self.add_scanner(harness.SERVER)
                 self.offer(victim + 1, self.scanners[victim])
         finally:
             stop.set()

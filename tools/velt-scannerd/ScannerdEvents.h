@@ -18,6 +18,7 @@ void RegisterTexts();  // gives the logging library the words; once, at start-up
 namespace scannerd::names {
 
 inline constexpr KORlog::Key ITEMS{"scannerd_items"};
+inline constexpr KORlog::Key PORT{"scannerd_port"};
 inline constexpr KORlog::Key SCANS{"scannerd_scans"};
 inline constexpr KORlog::Key WHY{"scannerd_why"};
 

@@ -127,7 +127,7 @@ InternedString ScannerdSession::Intern(std::string const& name) {
     return store ? store->internAttribute(name.c_str()) : InternedString();
 }
 
-// Always on this thread, and by the engines of this process: another scanner daemon is not asked.
+// On this thread, and by the engines of this process.
 int ScannerdSession::Scan(VELT::ScanContext& context, bool fallback, VELT::ScanOutput*& output) {
     if (!m_scanner) m_scanner.reset(VELT::ScannerInline::get(&context));
     unsigned count = 0;

@@ -22,6 +22,14 @@ struct listname_SpoolRoots {
 };
 using SpoolRoots = cfg::list<listname_SpoolRoots, VELT::CharBuf>;
 
+struct attrname_Announce {
+    static constexpr SettingText text{
+        "scannerd", "Announce", "",
+        "The resource manager of this machine, where there is one, is told of the daemon. "
+        "Read at start-up."};
+};
+using Announce = cfg::bounded<attrname_Announce, bool, cfg::bool_bounds<true>>;
+
 struct attrname_MaxItemSize {
     static constexpr SettingText text{"scannerd", "MaxItemSize", "KiB",
                                       "Largest item that is scanned; a client with a larger one is refused."};
@@ -62,8 +70,8 @@ struct attrname_ParkTimeout {
 };
 using ParkTimeout = cfg::bounded<attrname_ParkTimeout, unsigned, cfg::integral_bounds<unsigned, 300, 1, 86400>>;
 
-using Settings =
-    cfg::setting_list<SpoolRoots, MaxItemSize, IdleTimeout, RequestTimeout, DataTimeout, ItemTimeout, ParkTimeout>;
+using Settings = cfg::setting_list<Announce, SpoolRoots, MaxItemSize, IdleTimeout, RequestTimeout, DataTimeout,
+                                   ItemTimeout, ParkTimeout>;
 
 }  // namespace VELTCFG::scannerd
 

@@ -1,11 +1,23 @@
 // velt-scannerd: scans what gateways on this machine and on others send to it.
 #include <velt/runtime/Proxy.h>
 #include <velt/runtime/TCPServiceLoop.h>
+#include <velt/scanning/ScannerConn.h>
 
+#include "Announcement.h"
 #include "ScannerdEvents.h"
 #include "ScannerdSession.h"
+#include "ScannerdSettings.h"
 
 namespace {
+
+class ScannerdProxy : public VELT::Proxy {
+public:
+    int ProxyInit() override {
+        bool const wanted = VELT::ReadSetting<VELTCFG::scannerd::Announce>(m_config);
+        if (wanted) scannerd::Announce(GetSvcBindings(), m_proxyName, m_acceptCount * m_maxConnections);
+        return 0;
+    }
+};
 
 VELT::Connection* MakeSession(bool) { return new scannerd::ScannerdSession; }
 
@@ -14,6 +26,7 @@ VELT::Connection* MakeSession(bool) { return new scannerd::ScannerdSession; }
 int main(int argc, char** argv) {
     scannerd::events::RegisterTexts();
     VELT::TCPServiceLoop::RegisterConnectionFactory(MakeSession);
-    new VELT::Proxy;
+    VELT::ScannerConn::disable_ls();  // its own engines scan, also where a manager offers others
+    new ScannerdProxy;
     return VELT::ProxyStart(argc, argv);
 }
