@@ -230,19 +230,18 @@ void decode_property(SerialSource& source, char const* value, IKORProperty& prop
 
 namespace {
 
-// A step on the way to a property: "NAME", or "NAME<INDEX>".
+// A step on the way to a property: "NAME", or "NAME<INDEX>". No index, and one that makes no sense, means the first
+// bag.
 struct Step {
     explicit Step(char* segment) : name(segment) {
         char* const bracket = std::strchr(segment, '<');
         if (!bracket) return;
         *bracket = '\0';
-        char* end = nullptr;
-        long const number = std::strtol(bracket + 1, &end, 10);
-        if (end != bracket + 1 && number >= 0) index = number;
+        index = std::max(std::strtol(bracket + 1, nullptr, 10), 0l);
     }
 
     char const* name;
-    long index = -1;  // also where it is none
+    long index = 0;
 };
 
 // The bag at this step, and those before it, made if they are not there. Null: it is beyond what may be made.
@@ -250,7 +249,7 @@ IKORPropertyBag* Descend(IKORPropertyBag& bag, Step const& step, SerialSource& s
     if (step.index > kMostIndex) return nullptr;
     IKORProperty* property = bag.GetProperty(step.name);
     unsigned const there = property && property->GetType() == KORProp_Bag ? property->GetCount() : 0;
-    unsigned const last = static_cast<unsigned>(std::max(step.index, 0l));
+    auto const last = static_cast<unsigned>(step.index);
     if (last < there) return property->GetBagAt(last);
     if (!source.TakeBags(last + 1 - there)) return nullptr;
     if (!property) property = bag.NewProperty(step.name);
