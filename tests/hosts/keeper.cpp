@@ -35,7 +35,7 @@ public:
 
     // There is no client, and so no direction and no Start.
     void Run() override {
-        Note(m_isNew ? "new" : "again");
+        if (!Note(m_isNew ? "new" : "again")) return;
         std::string word = TakeWord();
         if (word == "wait") {
             while (::access((m_directory + "go").c_str(), F_OK) != 0) ::poll(nullptr, 0, 10);
@@ -52,12 +52,14 @@ public:
 private:
     std::string Path() const { return m_directory + m_id + ".rmd"; }
 
-    void Note(std::string const& what) const {
-        std::string const line = std::to_string(::getpid()) + " " + m_id + " " + what + "\n";
+    // A note that was cut short is told from the next one by the line end before that.
+    bool Note(std::string const& what) const {
+        std::string const line = "\n" + std::to_string(::getpid()) + " " + m_id + " " + what + "\n";
         int const journal =
             ::open((m_directory + "../journal").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-        [[maybe_unused]] ssize_t const ignored = ::write(journal, line.data(), line.size());
-        ::close(journal);
+        bool const whole = ::write(journal, line.data(), line.size()) == static_cast<ssize_t>(line.size());
+        if (journal != -1) ::close(journal);
+        return whole;
     }
 
     // The last line of the file, which is cut off.
@@ -68,19 +70,18 @@ private:
         while (!all.empty() && all.back() == '\n') all.pop_back();
         std::size_t const end = all.rfind('\n');
         std::size_t const begin = end == std::string::npos ? 0 : end + 1;
-        if (begin != 0) [[maybe_unused]]
-            int const ignored = ::ftruncate(m_fd, static_cast<off_t>(begin));
+        if (begin != 0 && ::ftruncate(m_fd, static_cast<off_t>(begin)) != 0) return "";
         return all.substr(begin);
     }
 
     // Noted first: a process that dies between the two does the work twice, and never not at all. A file that has been
     // put in the place of this one is other work.
     void Finish() const {
-        Note("done");
-        struct stat held {
-        }, named{};
-        ::fstat(m_fd, &held);
-        if (::stat(Path().c_str(), &named) == 0 && named.st_ino == held.st_ino) ::unlink(Path().c_str());
+        if (!Note("done")) return;
+        struct stat held {};
+        struct stat named {};
+        if (::fstat(m_fd, &held) != 0 || ::stat(Path().c_str(), &named) != 0) return;
+        if (named.st_ino == held.st_ino) ::unlink(Path().c_str());
     }
 
     // The status time becomes the present with it.

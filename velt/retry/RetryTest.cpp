@@ -11,6 +11,10 @@ int __real_poll(pollfd* watched, nfds_t count, int timeoutMs);
 int __wrap_poll(pollfd* watched, nfds_t count, int timeoutMs);
 int __real_lockf(int fd, int command, off_t length);
 int __wrap_lockf(int fd, int command, off_t length);
+int __real_nanosleep(timespec const* length, timespec* left);
+int __wrap_nanosleep(timespec const* length, timespec* left);
+dirent* __real_readdir(DIR* listing);
+dirent* __wrap_readdir(DIR* listing);
 }
 
 std::time_t __wrap_time(std::time_t* out) {
@@ -35,6 +39,19 @@ int __wrap_poll(pollfd* watched, nfds_t count, int timeoutMs) {
 int __wrap_lockf(int fd, int command, off_t length) {
     if (velt_testing::RetryHooks::beforeLock) velt_testing::RetryHooks::beforeLock();
     return __real_lockf(fd, command, length);
+}
+
+int __wrap_nanosleep(timespec const* length, timespec* left) {
+    long& shown = velt_testing::RetryHooks::monotonicMs;
+    if (shown == 0) return __real_nanosleep(length, left);
+    shown += length->tv_sec * 1000 + length->tv_nsec / 1'000'000;
+    return 0;
+}
+
+dirent* __wrap_readdir(DIR* listing) {
+    if (!velt_testing::RetryHooks::readingFails) return __real_readdir(listing);
+    errno = EIO;
+    return nullptr;
 }
 
 namespace velt_testing {
@@ -83,6 +100,7 @@ RetryFixture::~RetryFixture() {
     RetryHooks::poll = nullptr;
     RetryHooks::beforeLock = nullptr;
     RetryHooks::monotonicMs = 0;
+    RetryHooks::readingFails = false;
     s_run = nullptr;
     s_answersForItsFile = true;
     s_current = nullptr;

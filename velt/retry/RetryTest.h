@@ -5,6 +5,7 @@
 // std::system_error.
 #pragma once
 
+#include <dirent.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -31,7 +32,8 @@ namespace velt_testing {
 struct RetryHooks {
     static inline std::function<int(pollfd*, nfds_t, int)> poll;
     static inline std::function<void()> beforeLock;
-    static inline long monotonicMs = 0;  // what the steady clock shows; 0: the system's
+    static inline bool readingFails = false;  // of directories
+    static inline long monotonicMs = 0;       // what the steady clock shows, which a sleep moves; 0: the system's
 };
 
 int RealPoll(pollfd* watched, int timeoutMs);

@@ -133,6 +133,27 @@ TEST_F(RetryRun, StopThatComesDuringTheRestEndsItWithinASecond) {
     EXPECT_EQ(s_made.size(), 1u);
 }
 
+TEST_F(RetryRun, WaitThatFailsIsARestAllTheSame) {
+    RetryHooks::poll = [this](pollfd*, nfds_t, int timeoutMs) {
+        m_waits.push_back(timeoutMs);
+        errno = ENOMEM;
+        return -1;
+    };
+    EXPECT_EQ(WalksOf(3), (std::vector<long>{1000, 4000, 7000}));
+    EXPECT_LE(m_waits.size(), 7u);
+}
+
+TEST_F(RetryRun, WaitThatASignalInterruptsIsTakenUpAgain) {
+    RetryHooks::poll = [this](pollfd*, nfds_t, int timeoutMs) {
+        m_waits.push_back(timeoutMs);
+        RetryHooks::monotonicMs += 300;
+        errno = EINTR;
+        return -1;
+    };
+    EXPECT_EQ(WalksOf(2), (std::vector<long>{1000, 4000}));
+    EXPECT_EQ(m_waits.at(9), 300) << "what is left of the rest";
+}
+
 TEST_F(RetryRun, StopBeforeTheFirstWalkIsTheEnd) {
     ServiceLoop::shutdown = true;
     m_loop->Run();

@@ -128,6 +128,11 @@ long NowMs() {
     return now.tv_sec * kMsPerSecond + now.tv_nsec / 1'000'000;
 }
 
+void Sleep(int milliseconds) {
+    timespec const rest{milliseconds / kMsPerSecond, milliseconds % kMsPerSecond * 1'000'000};
+    ::nanosleep(&rest, nullptr);
+}
+
 }  // namespace
 
 // By what the files of one walk are judged.
@@ -216,7 +221,9 @@ void RetryerServiceLoop::RestUntil(long end) {
 
 void RetryerServiceLoop::WatchParent(int milliseconds) {
     pollfd parent{m_parentReadFd, POLLIN, 0};
-    if (::poll(&parent, 1, milliseconds) <= 0) return;
+    int const ready = ::poll(&parent, 1, milliseconds);
+    if (ready == -1 && errno != EINTR) Sleep(milliseconds);  // such an error does not go away by itself
+    if (ready <= 0) return;
     if (parent.revents & POLLIN) {
         if (HandleMessageFromParent() != 0) CloseParentRead();
     } else if (parent.revents & POLLHUP) {

@@ -222,7 +222,7 @@ TEST_F(RetryWalk, ClockThatWasSetBackKeepsAFileAtRestAndANewOneDue) {
 TEST_F(RetryWalk, EachFileIsJudgedAfreshAndByTheSameTime) {
     for (char const* const name : {"a.rmd", "b.rmd", "c.rmd"}) Wait(name);
     Wait("rests.rmd", 100);
-    LetPassSince("rests.rmd", 300);
+    LetPassSince("a.rmd", 300);
     s_run = [this] { m_time.Pass(1000); };
     Walk();
     EXPECT_EQ(Ids(), (std::vector<std::string>{"a", "b", "c"}));
@@ -354,6 +354,20 @@ TEST_F(RetryWalk, DirectoryThatCannotBeReadIsReportedAndNotCounted) {
     EXPECT_EQ(velt_testing::Describe(m_events.Bag(VELT::events::RETRY_DIRECTORY_FAILED)),
               "retry_directory=" + m_directory);
     EXPECT_EQ(Counted("directory_scans"), 0u);
+}
+
+TEST_F(RetryWalk, DirectoryThatBreaksOffIsReportedAndTheWalkEnds) {
+    Wait("a.rmd");
+    RetryHooks::readingFails = true;
+    std::size_t const before = OpenDescriptors();
+    Walk();
+    EXPECT_EQ(m_events.Names(), std::vector<std::string>{"70002:119"});
+    EXPECT_EQ(Counted("directory_scans"), 1u);
+    EXPECT_EQ(OpenDescriptors(), before);
+    errno = EIO;  // an end that is none of a failure says nothing
+    RetryHooks::readingFails = false;
+    Walk();
+    EXPECT_EQ(m_events.Count(VELT::events::RETRY_DIRECTORY_FAILED), 1u);
 }
 
 TEST_F(RetryWalk, EndsBetweenTwoFilesOnceTheProcessStops) {
