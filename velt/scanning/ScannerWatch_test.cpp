@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <deque>
+#include <mutex>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -582,6 +583,23 @@ TEST_F(ScanTimer, ComesByAgainAndAgain) {
     another.endscan();
     EXPECT_EQ(watch.callbacks, before);
     EXPECT_EQ(LastPause(), 100000u) << "ten buckets a second";
+
+    std::mutex mutex;
+    std::vector<unsigned> visited;
+    std::deque<TestWatch> watches(10);
+    for (unsigned i = 0; i < 10; ++i) {
+        watches[i].onCallback = [&, i] {
+            std::lock_guard const hold(mutex);
+            visited.push_back(i);
+        };
+        watches[i].startscan(&session);
+    }
+    EXPECT_TRUE(Eventually([&] {
+        std::lock_guard const hold(mutex);
+        return visited.size() >= 40;
+    }));
+    for (TestWatch& each : watches) each.endscan();
+    for (std::size_t i = 21; i < 40; ++i) EXPECT_EQ(visited[i], (visited[i - 1] + 1) % 10) << "bucket after bucket";
 }
 
 }  // namespace
