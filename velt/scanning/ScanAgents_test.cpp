@@ -468,6 +468,17 @@ TEST_F(DebugAgent, ALimitIsReadOnlyWhereSeveralScansMayRun) {
     delete out;
 }
 
+TEST_F(DebugAgent, OfSeveralScansThoseBehindTheSecondReplaceTheContent) {
+    ASSERT_EQ(Prepare("end\n" + std::string(kVerdict) + "\n3\nabcdef"), 0);
+    agent.count = 3;
+    ASSERT_EQ(Scan(1), 0);
+    EXPECT_EQ(output->output, nullptr);
+    ASSERT_EQ(Scan(2), 0);
+    EXPECT_EQ(Replacement(), "abc");
+    Drop();
+    EXPECT_EQ(agent.scan(3, output, false), -1);
+}
+
 TEST_F(DebugAgent, AReplacementThatCannotBeWrittenIsAFailedScan) {
     std::string const rest(20000, 'q');
     ASSERT_EQ(Prepare("modified 1\nend\n" + std::string(kVerdict) + "\n" + rest), 0);
