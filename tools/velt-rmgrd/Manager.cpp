@@ -34,7 +34,7 @@ constexpr int kLongestWait = 24 * 60 * 60;
 [[noreturn]] void Fail(std::string const& what) { throw std::system_error(errno, std::generic_category(), what); }
 
 unsigned Random(unsigned below) {
-    static std::minstd_rand engine(std::random_device{}());
+    static std::minstd_rand engine(static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count()));
     return std::uniform_int_distribution<unsigned>(0, below - 1)(engine);
 }
 
