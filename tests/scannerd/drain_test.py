@@ -5,7 +5,7 @@ import threading
 import unittest
 
 import harness
-from scannerd_case import EICAR, ScannerdCase, mail, scan, set_up
+from scannerd_case import EICAR, SWEPT, ScannerdCase, mail, scan, set_up
 
 
 class Draining(ScannerdCase):
@@ -64,6 +64,14 @@ class Killed(ScannerdCase):
         self.assertTrue(client.is_closed())
         harness.wait_until(lambda: self.workers() not in ([], [killed]), "a successor")
         self.assertTrue(self.client().item(mail(EICAR)).triggered)
+
+    def test_what_killed_workers_left_is_removed_an_hour_later(self):
+        old = self.spooled(b"old", "scannerd/old.in")
+        os.utime(old, (0, 0))
+        young = self.spooled(b"young", "scannerd/young.in")
+        self.begin()
+        self.wait_event(*SWEPT)
+        self.assertEqual((old.exists(), young.exists()), (False, True))
 
     def test_many_clients_at_once_each_get_their_own_verdict(self):
         self.begin(network={"AcceptCount": 2, "MaxConnections": 8})

@@ -1,7 +1,9 @@
 // velt-scannerd: scans what gateways on this machine and on others send to it.
+#include <velt/logging/Log.h>
 #include <velt/runtime/Proxy.h>
 #include <velt/runtime/TCPServiceLoop.h>
 #include <velt/scanning/ScannerConn.h>
+#include <velt/streams/SpoolSweep.h>
 
 #include "Announcement.h"
 #include "ScannerdEvents.h"
@@ -15,6 +17,11 @@ public:
     int ProxyInit() override {
         bool const wanted = VELT::ReadSetting<VELTCFG::scannerd::Announce>(m_config);
         if (wanted) scannerd::Announce(GetSvcBindings(), m_proxyName, m_acceptCount * m_maxConnections);
+        unsigned long const stale = VELT::RemoveStaleSpool(m_scanDir);
+        if (stale) {
+            VELT::LogEvent(scannerd::events::SPOOL_SWEPT,
+                           [&] { return KORlog::InfoBag(scannerd::names::ITEMS(stale)); });
+        }
         return 0;
     }
 };
