@@ -208,7 +208,6 @@ bool ScannerConn::read_answer(StreamRequest& answer) {
 bool ScannerConn::is_ok_response(StreamRequest const& answer) {
     std::string const* const state = HeaderOf(answer, "State");
     if (state && *state == "OK") return true;
-    cacheable = false;
     if (state)
         report_refusal();
     else

@@ -297,7 +297,9 @@ TEST_F(RemoteAttributes, AskedForWithoutEndKeepTheScanGoing) {
 // A server may say two blocks at once. What was read ahead makes no socket readable.
 TEST_F(RemoteAttributes, AndTheAnswerMayComeInOnePiece) {
     Converse(remote, {"C " + InLine(), std::string("S ") + kOk, std::string("C ") + kScan,
-                      "S State Attributes\n\nState Attributes\n\n" + Clean("after")});
+                      "S State Attributes\n\nState Attributes\n\n" + Clean("after"),
+                      "C conattr.HOPS sl 3\n\r\nconattr.HOPS sl 3\n\r\n", std::string("C ") + kStasis,
+                      std::string("S ") + kOk});
     EXPECT_EQ(Scan(), 0);
     EXPECT_EQ(session.asked, 2);
     EXPECT_EQ(All(*output->output), "after");
@@ -475,10 +477,15 @@ TEST_F(ScanChainRemote, ComesBehindAnIdleScanThreadAndBeforeScanningInLine) {
     manager.Answer(6, 1);
     Set("scanning", "MaxScannerThreads", FakeValue::Unsigned(1));
     ScannerThread::initialise(&world.proxy().m_config);
-    std::unique_ptr<Scanner> const busy(ScannerThread::get(&context));
-    ASSERT_NE(busy, nullptr);
-    manager.ToFail(EIO);
+    context.identities = {Intern("staff"), Intern("guests")};
+    std::unique_ptr<Scanner> const first(Scanner::get(&context));
+    unsigned count = 0;
+    EXPECT_EQ(first->setup_scan(count), 0);
+    EXPECT_EQ(count, 1u) << "a scan thread has one scan, whatever the number of identities";
     std::unique_ptr<Scanner> const next(Scanner::get(&context));
+    EXPECT_EQ(next->setup_scan(count), 0);
+    EXPECT_EQ(count, 2u);
+    manager.ToFail(EIO);
     EXPECT_EQ(next->scan(0, output, false), -1000);
 }
 
