@@ -97,6 +97,16 @@ TEST_F(ScanThreads, AreAsManyAsTheSettingsSayOrElseTheirDefaults) {
     }
 }
 
+TEST_F(ScanThreads, HaveTheStackThatTheSystemGivesEveryThread) {
+    Pool(1, 1);
+    std::size_t ofTheScan = 0, ofAnother = 0;
+    AtScan([&] { ofTheScan = OwnStack(); });
+    std::unique_ptr<Scanner> const scanner = Get();
+    EXPECT_EQ(Scan(*scanner), 0);
+    std::thread([&] { ofAnother = OwnStack(); }).join();
+    EXPECT_EQ(ofTheScan, ofAnother);
+}
+
 TEST_F(ScanThreads, ThatAreAllBusyLeaveTheItemToTheSessionsOwnThread) {
     NEEDS_A_FRESH_POOL();
     Pool(1, 1);

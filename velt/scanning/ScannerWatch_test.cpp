@@ -567,6 +567,45 @@ TEST_F(ForkedScanWatch, ThreadsOfTheLibraryLeaveTheAlarmToTheFirst) {
     EXPECT_EQ(::sigismember(&own, SIGALRM), 0);
 }
 
+// What a thread really gets that asks for so much: a sanitizer adds to it.
+std::size_t StackOfAThreadWith(std::size_t kibibytes) {
+    std::size_t size = 0;
+    pthread_attr_t attributes;
+    ::pthread_attr_init(&attributes);
+    ::pthread_attr_setstacksize(&attributes, kibibytes * 1024);
+    auto const measure = [](void* out) -> void* {
+        *static_cast<std::size_t*>(out) = OwnStack();
+        return nullptr;
+    };
+    pthread_t thread;
+    if (::pthread_create(&thread, &attributes, measure, &size) == 0) ::pthread_join(thread, nullptr);
+    ::pthread_attr_destroy(&attributes);
+    return size;
+}
+
+TEST_F(ScanTimer, HasTheStackThatTheSettingsGiveIt) {
+    struct Row {
+        FakeValue setting;
+        std::size_t kibibytes;
+    };
+    Row const rows[] = {{FakeValue::Unsigned(256), 256}, {FakeValue::Unsigned(1), 64}, {FakeValue::Unreadable(), 128}};
+    for (Row const& row : rows) {
+        EXPECT_TRUE(InChild([&] {
+            Set("scanning", "InlineScannerThreadStackSize", row.setting);
+            Configure(0);
+            FixedTime const time;
+            ScannerWatch::start();
+            std::atomic<std::size_t> stack{0};
+            TestWatch watch;
+            watch.onCallback = [&stack] { stack = OwnStack(); };
+            watch.startscan(&session);
+            bool const called = Eventually([&] { return stack != 0; });
+            watch.endscan();
+            return called && stack == StackOfAThreadWith(row.kibibytes);
+        })) << row.kibibytes;
+    }
+}
+
 // The last one: its thread visits the buckets of all that come behind it.
 TEST_F(ScanTimer, ComesByAgainAndAgain) {
     Configure(0);

@@ -63,6 +63,16 @@ public:
 
 unsigned LastPause();  // of usleep while the time stood still; microseconds
 
+// Bytes, of the calling thread.
+inline std::size_t OwnStack() {
+    pthread_attr_t attributes;
+    std::size_t size = 0;
+    ::pthread_getattr_np(::pthread_self(), &attributes);
+    ::pthread_attr_getstacksize(&attributes, &size);
+    ::pthread_attr_destroy(&attributes);
+    return size;
+}
+
 inline unsigned long Counter(char const* name) { return QXStats::QXCounter(name).value(); }
 
 class CountingSession : public VELT::Connection {
