@@ -1,90 +1,15 @@
-"""Mail that the next server cannot take: the gateway keeps it, and a retryer delivers it, whatever dies meanwhile."""
-import collections
-import contextlib
-import os
-import pathlib
-import random
+"""Mail that the next server cannot take: the gateway keeps it, and a retryer delivers it or gives it up."""
 import re
-import signal
-import subprocess
-import threading
 import time
 import unittest
 import zlib
-from xml.sax.saxutils import quoteattr
 
 import harness
 import mail_sink
-import smtp_case
-from smtp_case import (BOARD, DEFERRED, FAILED, NOTIFIED, NOT_NOTIFIED, PHRASE, POLICY_REFUSED, REFUSED, RULE_HIT, SENDER,
-                       STAFF, UNREACHED, SmtpCase, body)
-
-COUNTERS = os.environ["VELT_COUNTERS"]
-RETRYER = ("-d", "-s", "retryer", "-t", "smtp")
-WALK, NO_FILE = (70000, 117), (70002, 120)
-KEPT, STORE_FAILED, RETRY_FAILED, RETRY_ENDED, GIVEN_UP = (60000, 19), (60000, 20), (60000, 21), (60000, 22), (60000, 23)
-RESENT, DAMAGED = (60000, 24), (60000, 25)
-WORKER, CLIENT_GONE = (10000, 54), (60000, 14)
-COUNT = int(os.environ.get("VELT_DEFERRED_MAILS", 60))
-EVERY_SECOND = {"ScanInterval": 1, "RetryInterval": 1, "NewFileDelta": 1}
-PATIENT = {"RetryPause": 1, "RetryPauseLimit": 1}
-
-
-def message_id(content):
-    return re.search(rb"^Message-ID: *(.*?)\r$", content, re.MULTILINE | re.IGNORECASE)[1]
-
-
-def numbered(number):
-    return f"Message-ID: <{number}@outside.example>\r\nSubject: {number}\r\n\r\nhello\r\n".encode()
-
-
-class DeferredCase(SmtpCase):
-    routine = {**SmtpCase.routine, WALK: "each walk names the files that it comes by",
-               KEPT: "the next server was away", RETRY_ENDED: "a mail has left", FAILED: "the next server was away",
-               UNREACHED: "so that it could not be connected", RETRY_FAILED: "also at a later try"}
-
-    def begin(self, smtp=None, **sections):
-        given = {"StoreAndForward": True, **PATIENT, "UpstreamFinalTimeout": 5, **(smtp or {})}
-        made = super().begin(smtp=given, smtpretryer={**EVERY_SECOND, **sections.pop("smtpretryer", {})}, **sections)
-        self.gateway = made
-        for name in ("smtp-retryer", "smtp-retryer2"):
-            self.root.write(f"{name}-logging.xml", f'<logging><sink type="json" file={quoteattr(str(self.root.log.path))}/>'
-                                                   "</logging>\n")
-        return made
-
-    @property
-    def directory(self):
-        return self.root.path / "deferred/smtp"
-
-    def waiting(self):
-        """The files that a walk takes."""
-        names = (entry.name for entry in self.directory.iterdir()) if self.directory.exists() else ()
-        return sorted(name for name in names if name.endswith(".rmd"))
-
-    def wait_empty(self, limit=60):
-        harness.wait_until(lambda: not self.waiting(), "an empty deferred directory", limit)
-
-    def retryer(self, options=RETRYER, arguments=(), name="smtp-retryer"):
-        made = harness.Daemon(self.root, self.program, name, self.product, options, arguments)
-        self.daemons.append(made)
-        self._expected.started()
-        return made
-
-    def away(self):
-        self.sink.refuse_connections()
-
-    def back(self):
-        """A server on the same port again, with what it had."""
-        before = self.sink
-        self.sink = mail_sink.MailSink(before.port)
-        self.addCleanup(self.sink.close)
-
-    def wait_tries(self, count=1):
-        return harness.wait_until(lambda: len(self.events(*RETRY_FAILED)) >= count or None, f"{count} failed tries")
-
-    def counters(self, name="smtp-retryer"):
-        told = subprocess.run([COUNTERS, name], capture_output=True, text=True, env={**os.environ, "VELT_ROOT": str(self.root.path)})
-        return dict((line.split()[0], int(line.split()[-1])) for line in told.stdout.splitlines() if line.split())
+from deferred_case import (DAMAGED, GIVEN_UP, KEPT, NO_FILE, RESENT, RETRY_FAILED, STORE_FAILED, WALK, DeferredCase,
+                           message_id, numbered)
+from smtp_case import (BOARD, DEFERRED, NOTIFIED, NOT_NOTIFIED, PHRASE, POLICY_REFUSED, REFUSED, RULE_HIT, SENDER, STAFF,
+                       body)
 
 
 class Kept(DeferredCase):
@@ -335,66 +260,6 @@ class Retried(DeferredCase):
         changed = re.sub(rb"^engines .*$", lambda old: b"engines " + b"x" * (len(old[0]) - 8), envelope, flags=re.MULTILINE)
         first = content[:10] + content[10:20] + content[20:53] + b"%08x" % zlib.crc32(changed) + content[61:71]
         path.write_bytes(first + b"%08x\n" % zlib.crc32(first) + changed + content[80 + length:])
-
-
-class Killed(DeferredCase):
-    """What was told 250 arrives, whoever dies; what arrives twice was counted."""
-    repeats = 0  # of mails whose client heard no 250
-
-    def send_all(self, count, told):
-        """Sends mails, each until it was told 250."""
-        for number in range(count):
-            while not self.send(number):
-                self.repeats += 1
-            told.append(number)
-
-    def send(self, number):
-        try:
-            client = smtp_case.Client(self.port)
-            reply = client.mail(numbered(number))
-            client.close()
-        except OSError:
-            reply = ""
-        return reply.startswith("250")
-
-    def kill_workers(self, daemon):
-        """SIGKILL for what this daemon's monitor has forked."""
-        children = pathlib.Path(f"/proc/{daemon.pid}/task/{daemon.pid}/children")
-        for pid in map(int, children.read_text().split()):
-            with contextlib.suppress(ProcessLookupError):
-                os.kill(pid, signal.SIGKILL)
-
-    def turn(self, number):
-        """The next server goes and comes."""
-        if number % 4 == 1:
-            self.away()
-        elif number % 4 == 3:
-            self.back()
-            self.sinks.append(self.sink)
-
-    def numbers_that_arrived(self):
-        return [int(mail_sink.subject_of(one.content)) for sink in self.sinks for one in sink.messages]
-
-    def test_nothing_that_was_taken_is_lost(self):
-        self.begin()
-        self.sinks = [self.sink]
-        for event in (RESENT, DEFERRED, CLIENT_GONE, NO_FILE, WORKER):
-            self.expect(*event, at_least=0)
-        retryer, told = self.retryer(), []
-        sender = threading.Thread(target=self.send_all, args=(COUNT, told))
-        sender.start()
-        number = 0
-        while sender.is_alive() or number % 4 != 3 or number < 12:
-            number += 1
-            self.kill_workers(self.gateway if number % 2 else retryer)
-            self.turn(number)
-            sender.join(random.uniform(0.1, 0.5))
-        self.wait_empty()
-        arrived = collections.Counter(self.numbers_that_arrived())
-        self.assertEqual(set(range(COUNT)) - set(arrived), set(), "told 250, and never seen")
-        again = sum(arrived.values()) - COUNT
-        # A client whose answer was lost sends again, too: what it said twice is known by its audit ids.
-        self.assertLessEqual(again, len(self.events(*RESENT)) + self.repeats, arrived)
 
 
 if __name__ == "__main__":
