@@ -1,4 +1,4 @@
-# Install rules: both header trees, three libraries, the CMake package, the pkg-config file, and the unit for systemd.
+# Install rules: both header trees, three libraries, the CMake package, the pkg-config file, and the units for systemd.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS velt veltplatform EXPORT VeltTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
@@ -22,8 +22,10 @@ if(SYSTEMD_FOUND)
   set(VELT_SERVICE_TYPE notify)
   set(VELT_SERVICE_TYPE_REMARK "Ready when a worker accepts: it is the worker that says so, not the main process.")
 endif()
-configure_file(packaging/systemd/velt-smtp.service.in ${CMAKE_BINARY_DIR}/velt-smtp.service @ONLY)
-install(FILES ${CMAKE_BINARY_DIR}/velt-smtp.service DESTINATION lib/systemd/system)
+foreach(unit velt-scannerd velt-smtp)
+  configure_file(packaging/systemd/${unit}.service.in ${CMAKE_BINARY_DIR}/${unit}.service @ONLY)
+  install(FILES ${CMAKE_BINARY_DIR}/${unit}.service DESTINATION lib/systemd/system)
+endforeach()
 install(FILES packaging/systemd/velt-sysusers.conf DESTINATION lib/sysusers.d RENAME velt.conf)
 install(FILES packaging/systemd/velt-tmpfiles.conf DESTINATION lib/tmpfiles.d RENAME velt.conf)
 configure_file(packaging/systemd/interception-netfilter.conf.in ${CMAKE_BINARY_DIR}/interception-netfilter.conf @ONLY)
@@ -35,5 +37,6 @@ install(PROGRAMS packaging/nftables/velt-routes DESTINATION ${CMAKE_INSTALL_LIBE
 install(PROGRAMS packaging/systemd/replace-workers DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/velt)
 install(DIRECTORY packaging/schemas DESTINATION ${CMAKE_INSTALL_DATADIR}/velt FILES_MATCHING PATTERN "*.xsd")
 install(DIRECTORY packaging/samples DESTINATION ${CMAKE_INSTALL_DATADIR}/velt)
-install(FILES docs/operating.md docs/policy.md docs/smtp.md docs/settings.md docs/events.md docs/interception.md
+install(FILES docs/operating.md docs/policy.md docs/smtp.md docs/velt-scannerd.md docs/settings.md docs/events.md
+              docs/interception.md
         DESTINATION ${CMAKE_INSTALL_DOCDIR})
