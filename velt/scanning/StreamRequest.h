@@ -1,5 +1,5 @@
 // StreamRequest: the header block with which a scanner process begins each of its answers, as a map of names and
-// values. Names are compared byte by byte; the last of a name counts.
+// values. Names are compared byte by byte; the last of a name counts (docs/formats/scan-protocol.md).
 // Owner: the caller's stack. Thread: the one that owns the stream. Units: bytes.
 // Failure: read_headers answers below 0; what had been read by then is in the map, and the stream is good for nothing.
 #pragma once
