@@ -2,7 +2,7 @@
 // are files of the folder that VELT_MANAGER names: "qxrmgrctl", "qxrmgr0", and for each server "qxrmgr" and its number,
 // which holds "ADDRESS PORT". A server whose file is gone is down; each change of the folder makes a new generation of
 // the list. A daemon that
-// announces itself is server 1. Descriptors are the system's own.
+// announces itself is server 1, unless there is a file "refuses". Descriptors are the system's own.
 #ifndef _GNU_SOURCE
 #define _GNU_SOURCE
 #endif
@@ -110,6 +110,7 @@ int Wait(WaitRecord& record) {
 
 // A scanner process is server 1 from its announcement on.
 int SetUp(SetupRecord const& record) {
+    if (::faccessat(AT_FDCWD, (Folder() + "/refuses").c_str(), F_OK, 0) == 0) return -1;
     static auto const real = Next<std::FILE* (*)(char const*, char const*)>("fopen");
     std::FILE* const file = real((Folder() + "/announced").c_str(), "we");
     if (!file) return -1;

@@ -14,7 +14,7 @@ from smtp_case import (BOARD, DEFERRED, EICAR, NOT_SCANNED, NOTIFIED, PHRASE, PO
                        SCAN_FAILED, SENDER, STAFF, VIRUS, SmtpCase, body, with_attachment)
 
 REMOTE = "127.0.0.3"  # this machine, but not by the address that counts as local
-ANNOUNCED = (60100, 9)
+ANNOUNCED, NOT_ANNOUNCED = (60100, 9), (60100, 10)
 LOST = ((190002, 399), (190002, 400), (190002, 401), (190002, 402))
 
 
@@ -132,6 +132,16 @@ class Farm(SmtpCase):
         self.judge()
         self.stop_scanners()
         self.assertEqual(scanner.items(), 7)
+
+    def test_a_daemon_that_the_manager_refuses_serves_those_who_know_it(self):
+        self.begin_manager()
+        (self.manager / "refuses").touch()
+        self.scanners = []
+        scanner = self.add_scanner(harness.SERVER, self.managed)
+        self.assertEqual(len(scanner.root.log.named(*NOT_ANNOUNCED)), 1)
+        self.offer(1, scanner)
+        self.begin(scanning={"LSServerWaitTime": 3})
+        self.assertRegex(self.client().mail(body("hello")), r"^250 ")
 
     def test_each_identity_has_its_own_verdict_of_one_item(self):
         self.begin_farm()
