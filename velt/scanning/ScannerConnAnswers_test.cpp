@@ -309,7 +309,7 @@ TEST_F(RemoteContent, InTheSharedFileIsOpenedAnewAndNothingIsRead) {
     for (int modified : {0, 1}) {
         FillSpool();
         std::string const file = body->get_spool_file();
-        Converse(local, {"C " + Setup("filename " + file + "\n") + "\r\n", ok, scan, "X pass",
+        Converse(local, {"C " + SetupBlock("filename " + file + "\n") + "\r\n", ok, scan, "X pass",
                          "S " + Answer("99", 1, 1, modified) + kClean + kNoProperties, std::string("C ") + kStasis, ok,
                          "X close"});
         bool isChanged = false;
@@ -332,7 +332,7 @@ TEST_F(RemoteContent, InTheSharedFileIsOpenedAnewAndNothingIsRead) {
 TEST_F(RemoteContent, InTheSharedFileIsLostWithTheFile) {
     FillSpool();
     std::string const file = body->get_spool_file();
-    Converse(local, {"C " + Setup("filename " + file + "\n") + "\r\n", ok, scan, "X pass",
+    Converse(local, {"C " + SetupBlock("filename " + file + "\n") + "\r\n", ok, scan, "X pass",
                      "S " + Answer("99", 1, 1, 0) + kClean + kNoProperties, "X end"});
     session.onCallback = [&] {
         if (::unlink(file.c_str()) == 0) local.Pass();

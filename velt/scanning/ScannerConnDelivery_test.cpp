@@ -75,7 +75,7 @@ TEST_F(RemoteItem, IsCountedWithWhatBecameOfIt) {
 TEST_F(RemoteSetup, IsTheseBytesAndTheHeaderBlockLeavesInOneWrite) {
     context.properties.NewProperty("SIZE_LIMIT")->SetLong(42);
     std::string const section = "scan_properties.SIZE_LIMIT sl 42\n\r\n";
-    Converse(remote, {"C " + Setup(), "C " + section + "hello\nworld\n", std::string("S ") + kOk,
+    Converse(remote, {"C " + SetupBlock(), "C " + section + "hello\nworld\n", std::string("S ") + kOk,
                       std::string("C ") + kScan, "S " + Clean(), std::string("C ") + kStasis, std::string("S ") + kOk});
     EXPECT_EQ(Scan(), 0);
     EXPECT_EQ(TakeSent(), (std::vector<std::string>{
@@ -86,7 +86,7 @@ TEST_F(RemoteSetup, IsTheseBytesAndTheHeaderBlockLeavesInOneWrite) {
 TEST_F(RemoteSetup, TellsALocalServerTheSpoolFileAndSendsNoContent) {
     FillSpool();
     std::string const file = body->get_spool_file();
-    Converse(local, {"C " + Setup("filename " + file + "\n") + "\r\n", std::string("S ") + kOk,
+    Converse(local, {"C " + SetupBlock("filename " + file + "\n") + "\r\n", std::string("S ") + kOk,
                      std::string("C ") + kScan, "S " + Clean(), std::string("C ") + kStasis, std::string("S ") + kOk});
     EXPECT_EQ(Scan(), 0);
 }
@@ -121,7 +121,8 @@ TEST_F(RemoteSetup, SendsTheContentFromItsStartWhereverItWasRead) {
 
 TEST_F(RemoteSetup, HasNoContentWhereThereIsNone) {
     Fill("");
-    Converse(remote, {"C " + Setup() + "\r\n", std::string("S ") + kOk, std::string("C ") + kScan, "S " + Clean()});
+    Converse(remote,
+             {"C " + SetupBlock() + "\r\n", std::string("S ") + kOk, std::string("C ") + kScan, "S " + Clean()});
     EXPECT_EQ(Scan(), 0);
 }
 
@@ -169,7 +170,7 @@ TEST_F(RemoteSetup, SendsInLineWhatLiesInAFileWhoseNameWouldForgeAHeader) {
 TEST_F(RemoteSetup, FailsWhereTheFileIsShorterThanItWas) {
     FillSpool();
     ASSERT_EQ(::truncate(body->get_spool_file().c_str(), 5000), 0);
-    Converse(remote, {"C " + Setup() + "\r\n" + content.substr(0, 5000), "X end"});
+    Converse(remote, {"C " + SetupBlock() + "\r\n" + content.substr(0, 5000), "X end"});
     EXPECT_EQ(Scan(), -1001);
     EXPECT_EQ(NumberAt(TheReport(events::SCANNER_EXCHANGE_FAILED), "velt_error.velt_os_error"), EIO);
 }
@@ -198,7 +199,7 @@ TEST_F(RemoteSetup, FailsWhereTheFileCannotBeRead) {
             ::dup2(broken, fd);
     }
     ::close(broken);
-    Converse(remote, {"C " + Setup() + "\r\n", "X end"});
+    Converse(remote, {"C " + SetupBlock() + "\r\n", "X end"});
     EXPECT_EQ(Scan(), -1001);
     EXPECT_EQ(NumberAt(TheReport(events::SCANNER_EXCHANGE_FAILED), "velt_error.velt_os_error"), EISDIR);
 }

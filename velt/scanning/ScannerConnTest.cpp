@@ -87,7 +87,7 @@ void ScannerConnTest::Converse(ScannerPeer& server, ScannerPeer::Conversation st
     server.Converse(std::move(steps));
 }
 
-std::string ScannerConnTest::Setup(std::string const& more) const {
+std::string ScannerConnTest::SetupBlock(std::string const& more) const {
     return "get setup_scan\nprotocol smtp\ntime 1700000000\nsize " + std::to_string(content.size()) +
            "\npolicy content_in\n" + more + "\n";
 }

@@ -60,8 +60,8 @@ protected:
     void Converse(ScannerPeer& server, ScannerPeer::Conversation steps);
 
     // The request as it is: the item's content follows, or what the test says.
-    std::string Setup(std::string const& more = "") const;
-    std::string InLine() const { return Setup() + "\r\n" + content; }
+    std::string SetupBlock(std::string const& more = "") const;
+    std::string InLine() const { return SetupBlock() + "\r\n" + content; }
     static std::string Answer(std::string const& size, int inInput, int cached, int modified);
     // A whole answer of a scan whose content, if any, is its own stream's.
     static std::string Clean(std::string const& content = "") {
