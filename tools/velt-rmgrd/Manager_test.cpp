@@ -252,6 +252,27 @@ TEST_F(ManagerOccupation, IsGivenToTheFirstWhoWaited) {
     EXPECT_LT(::recv(late.get(), &answer, sizeof answer, MSG_DONTWAIT), 0);
 }
 
+// The end of an announcement is told while the test holds the lock: what comes meanwhile is seen in one look.
+TEST_F(ManagerOccupation, GoesToNobodyWhoLeftInTheSameMoment) {
+    Start({Facts("a", 1)});
+    EXPECT_EQ(Announce(announced, "b", 0, 4311), 2);
+    EXPECT_EQ(RSMgrUnAvailable(announced), 0);
+    EXPECT_TRUE(IsTold("b", "is up"));
+    EXPECT_EQ(Wait(first), 1);
+    Fd gone = Raw();
+    Ask(gone, manager::kOpen, 0);
+    manager::Answer answer;
+    EXPECT_EQ(::recv(gone.get(), &answer, sizeof answer, 0), static_cast<ssize_t>(sizeof answer));
+    Ask(gone, manager::kWait, 60);
+    {
+        std::lock_guard const hold(lock);
+        RSMgrFreeResource(announced);
+        RSMgrFreeResource(first);
+        gone.Close();
+    }
+    EXPECT_EQ(Wait(second), 1);
+}
+
 TEST_F(ManagerOccupation, IsLeftByAnotherWait) {
     Start({Facts("a", 1)});
     EXPECT_EQ(Wait(first), 1);
