@@ -32,6 +32,7 @@ class Hostile(ScannerdCase):
             for _ in range(times):
                 client.send(piece)
         with contextlib.suppress(OSError):
+            client.socket.shutdown(socket.SHUT_WR)
             client.is_closed()
 
     def assert_bounded(self, worker, before):
