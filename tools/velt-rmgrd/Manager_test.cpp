@@ -264,6 +264,7 @@ TEST_F(ManagerOccupation, GoesToNobodyWhoLeftInTheSameMoment) {
     manager::Answer answer;
     EXPECT_EQ(::recv(gone.get(), &answer, sizeof answer, 0), static_cast<ssize_t>(sizeof answer));
     Ask(gone, manager::kWait, 60);
+    EXPECT_TRUE(RSMgrActive()) << "what was asked before has been heard by now";
     {
         std::lock_guard const hold(lock);
         RSMgrFreeResource(announced);
