@@ -40,8 +40,13 @@ bool RetryerThreadPool::Active(char const* path) {
     return found;
 }
 
+// Sessions that were queued before the idle thread woke have made no other one start: it is made up for here, as nobody
+// comes to queue while the walk is held up.
 void RetryerThreadPool::WaitForRoom() {
     ::pthread_mutex_lock(&m_mutex);
+    if (m_connections.size() >= m_maxThreads + m_maxQueue) {
+        while (m_threadCount < m_maxThreads) AddThread(false);
+    }
     while (m_connections.size() >= m_maxThreads + m_maxQueue && !ServiceLoop::shutdown) {
         timespec until{};
         ::clock_gettime(CLOCK_MONOTONIC, &until);

@@ -135,6 +135,26 @@ TEST_F(RetryPool, HoldsTheWalkUpThoughRetiredThreadsCountAsIdle) {
     pool.Shutdown();
 }
 
+// What is queued in one go finds the one thread idle each time, until it has woken.
+TEST_F(RetryPool, StartsTheThreadsThatAFullPoolLacks) {
+    OpenRetryPool pool(2);
+    pool.StartPool(1);
+    ::pthread_mutex_lock(&pool.m_mutex);
+    pool.m_idleThreads += 5;
+    ::pthread_mutex_unlock(&pool.m_mutex);
+    Door held, freed;
+    pool.QueueConnection(new FileHolder("/d/a.rmd", held), true);
+    for (char const* const path : {"/d/b.rmd", "/d/c.rmd", "/d/d.rmd"}) {
+        pool.QueueConnection(new FileHolder(path, freed), true);
+    }
+    freed.Open();
+    std::thread walker([&] { pool.WaitForRoom(); });
+    EXPECT_TRUE(Eventually([&] { return pool.Held() == 1; })) << "another thread runs what waits behind the first";
+    held.Open();
+    walker.join();
+    pool.Shutdown();
+}
+
 TEST_F(RetryPool, HoldsNobodyUpOnceTheProcessStops) {
     OpenRetryPool pool(1);
     for (char const* const path : {"/d/a.rmd", "/d/b.rmd"}) pool.m_connections.push_back(new FileHolder(path, m_run));

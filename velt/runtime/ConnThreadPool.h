@@ -48,6 +48,8 @@ public:
     void Shutdown();  // lets the threads finish what is queued; returns when the last has left
 
 protected:
+    void AddThread(bool permanent);  // m_mutex held
+
     bool m_shuttingDown;
     bool m_queueWaiting;  // an enqueuer waits for room
     int m_idleThreads;    // stays one too high for each temporary thread that has retired
@@ -66,8 +68,7 @@ protected:
     std::deque<Connection*> m_queue;
 
 private:
-    bool HasFreeThread() const;  // m_mutex held
-    void AddThread(bool permanent);
+    bool HasFreeThread() const;                   // m_mutex held
     void FindRoom(bool wait);                     // m_mutex held
     Connection* TakeFirst();                      // m_mutex held, the queue not empty
     Connection* WaitForWork(int timeoutSeconds);  // m_mutex held; null: idle too long, or shutdown
