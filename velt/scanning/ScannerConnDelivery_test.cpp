@@ -503,6 +503,15 @@ TEST_F(ScanChainRemote, IsNotTakenWhereTheSettingTurnsItOff) {
     EXPECT_NE(std::unique_ptr<Scanner>(ScannerInline::get(&context)), nullptr);
 }
 
+TEST_F(ScanChainRemote, IsSetUpWithTheChainBeforeTheStackIsLookedAt) {
+    manager.Answer(6, 1);
+    world.proxy().m_handlerStackSize = 128;
+    Set("scanning", "LSDisabled", FakeValue::Flag(1));
+    Scanner::initialise(&world.proxy().m_config);
+    EXPECT_FALSE(ScannerProcessActive());
+    EXPECT_EQ(world.proxy().m_handlerStackSize, 0u);
+}
+
 TEST_F(ScanChainRemote, CanBeTurnedOffWheneverAHostLikes) {
     manager.Answer(6, 1);
     EXPECT_TRUE(ScannerProcessActive());
