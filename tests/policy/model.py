@@ -65,12 +65,15 @@ class Setting:
                               ""))
 
 
+DAEMONS = ("scannerd", "smtp")  # whose sections the library does not have
+
+
 def settings():
     """Those of the library that are no lists, from the generated page."""
     found = []
     page = (ROOT / "docs/settings.md").read_text()
     for title, section in re.findall(r"^## (\w+)\n(.*?)(?=^## |\Z)", page, re.M | re.S):
-        if title == "smtp":
+        if title in DAEMONS:
             continue
         for key, kind, default, bounds, slot in re.findall(
                 r"^\| `(\w+)` \| ([\w ]+) \|([^|]*)\|([^|]*)\|[^|]*\| (\w+) \|", section, re.M):
