@@ -387,16 +387,18 @@ TEST_F(StandardConfigTest, NetworkListsThatAreNotThereGiveNobodyADirection) {
 }
 
 // Any other type will do, and a queue that has no name is one that nobody knows.
-TEST_F(StandardConfigTest, OtherServiceTypeIsARetryerWithOneWorker) {
-    for (char const* const type : {"retryer", "TCP", ""}) {
-        m_proxy->m_serviceType = type;
-        m_proxy->m_acceptCount = 4;
-        m_proxy->GetStandardConfig();
-        EXPECT_EQ(m_proxy->m_acceptCount, 1u) << type;
-        EXPECT_NE(dynamic_cast<VELT::RetryerServiceLoop*>(m_proxy->m_serviceLoop), nullptr) << type;
-        delete std::exchange(m_proxy->m_serviceLoop, nullptr);
-    }
+class OtherServiceType : public StandardConfigTest, public ::testing::WithParamInterface<char const*> {};
+
+TEST_P(OtherServiceType, IsARetryerWithOneWorker) {
+    m_proxy->m_serviceType = GetParam();
+    m_proxy->m_acceptCount = 4;
+    m_proxy->GetStandardConfig();
+    EXPECT_EQ(m_proxy->m_acceptCount, 1u);
+    EXPECT_NE(dynamic_cast<VELT::RetryerServiceLoop*>(m_proxy->m_serviceLoop), nullptr);
+    delete std::exchange(m_proxy->m_serviceLoop, nullptr);
 }
+
+INSTANTIATE_TEST_SUITE_P(Words, OtherServiceType, ::testing::Values("retryer", "TCP", ""));
 
 // --- bindings ---
 
