@@ -40,13 +40,11 @@ bool RetryerThreadPool::Active(char const* path) {
     return found;
 }
 
-// Sessions that were queued before the idle thread woke have made no other one start: it is made up for here, as nobody
-// comes to queue while the walk is held up.
+// A session that was queued while a retired thread counted as idle, or before the idle one woke, made no other one
+// start: it is made up for here.
 void RetryerThreadPool::WaitForRoom() {
     ::pthread_mutex_lock(&m_mutex);
-    if (m_connections.size() >= m_maxThreads + m_maxQueue) {
-        while (m_threadCount < m_maxThreads) AddThread(false);
-    }
+    while (m_threadCount < m_maxThreads && m_threadCount < m_connections.size()) AddThread(false);
     while (m_connections.size() >= m_maxThreads + m_maxQueue && !ServiceLoop::shutdown) {
         timespec until{};
         ::clock_gettime(CLOCK_MONOTONIC, &until);

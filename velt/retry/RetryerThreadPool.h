@@ -27,7 +27,7 @@ public:
 
     // Returns once fewer sessions are held than run and wait in a full queue, or the process stops. The wait inside
     // QueueConnection alone would let in any number, each with its open file, once threads that have retired count as
-    // idle.
+    // idle. It starts the threads that the sessions held lack, for the same reason: QueueConnection starts none then.
     void WaitForRoom();
 
 protected:

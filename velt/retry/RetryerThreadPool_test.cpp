@@ -155,6 +155,24 @@ TEST_F(RetryPool, StartsTheThreadsThatAFullPoolLacks) {
     pool.Shutdown();
 }
 
+// With less than a full pool, too.
+TEST_F(RetryPool, ASessionDoesNotWaitBehindAnotherWhileThreadsAreFree) {
+    OpenRetryPool pool(3);
+    pool.StartPool(1);
+    ::pthread_mutex_lock(&pool.m_mutex);
+    pool.m_idleThreads += 5;
+    ::pthread_mutex_unlock(&pool.m_mutex);
+    Door held, freed;
+    freed.Open();
+    pool.QueueConnection(new FileHolder("/d/a.rmd", held), true);
+    pool.WaitForRoom();
+    pool.QueueConnection(new FileHolder("/d/b.rmd", freed), true);
+    pool.WaitForRoom();
+    EXPECT_TRUE(Eventually([&] { return pool.Held() == 1; }));
+    held.Open();
+    pool.Shutdown();
+}
+
 TEST_F(RetryPool, HoldsNobodyUpOnceTheProcessStops) {
     OpenRetryPool pool(1);
     for (char const* const path : {"/d/a.rmd", "/d/b.rmd"}) pool.m_connections.push_back(new FileHolder(path, m_run));
