@@ -38,6 +38,7 @@ public:
     using RetryerThreadPool::m_maxThreads;
     using RetryerThreadPool::m_mutex;
     using RetryerThreadPool::m_queueWaiting;
+    using RetryerThreadPool::m_threadCount;
     using RetryerThreadPool::RetryerThreadPool;
 
     std::size_t Held() {
@@ -45,6 +46,12 @@ public:
         std::size_t const held = m_connections.size();
         ::pthread_mutex_unlock(&m_mutex);
         return held;
+    }
+    unsigned Threads() {
+        ::pthread_mutex_lock(&m_mutex);
+        unsigned const threads = m_threadCount;
+        ::pthread_mutex_unlock(&m_mutex);
+        return threads;
     }
 };
 
@@ -177,9 +184,11 @@ TEST_F(RetryPool, HoldsNobodyUpOnceTheProcessStops) {
     OpenRetryPool pool(1);
     for (char const* const path : {"/d/a.rmd", "/d/b.rmd"}) pool.m_connections.push_back(new FileHolder(path, m_run));
     std::thread walker([&] { pool.WaitForRoom(); });
+    EXPECT_TRUE(Eventually([&] { return pool.Threads() == 1; })) << "it has let go of the mutex, and waits";
     VELT::ServiceLoop::shutdown = true;
     walker.join();
     while (!pool.m_connections.empty()) pool.RemoveConnection(pool.m_connections.front());
+    pool.Shutdown();
 }
 
 TEST_F(RetryPool, FullQueueHoldsTheCallerUpUntilAThreadTakesWork) {
