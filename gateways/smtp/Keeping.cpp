@@ -88,8 +88,7 @@ void KeepGroup(KeptFrom const& from, Message const& message, Delivery::Group con
     ReportKept(from, name, envelope, status, content);
 }
 
-bool KeepNotification(KeptFrom const& from, Message const& message, std::string const& text, unsigned tries) {
-    std::string const name = from.auditId + ".report" + std::to_string(tries);
+bool KeepNotification(KeptFrom const& from, Message const& message, std::string const& text, std::string const& name) {
     std::string const path = from.settings.keep.directory + name + kRetrySuffix;
     if (::access(path.c_str(), F_OK) == 0) return true;
     RetryEnvelope envelope = EnvelopeOf(from);

@@ -28,9 +28,9 @@ struct KeptFrom {
 void KeepGroup(KeptFrom const& from, Message const& message, Delivery::Group const& group, unsigned number,
                std::vector<RecipientFate>& fates);
 
-// Keeps a notification to the sender of the message. `tries` of the message, by which its file is known: it is kept
-// once, however often it is asked for.
-bool KeepNotification(KeptFrom const& from, Message const& message, std::string const& text, unsigned tries);
+// Keeps a notification to the sender of the message. `name` of its file, by which it is known: it is kept once, however
+// often it is asked for.
+bool KeepNotification(KeptFrom const& from, Message const& message, std::string const& text, std::string const& name);
 
 // The versions of what judges mail in this process.
 std::string EnginesText();

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <exception>
@@ -75,7 +76,7 @@ bool SplitServer(std::string const& server, std::string& host, unsigned short& p
 }  // namespace
 
 RetrySession::RetrySession(int fd, std::string const& directory, std::string const& name)
-    : m_directory(directory), m_file(fd, directory + name + kRetrySuffix) {}
+    : m_directory(directory), m_name(name), m_file(fd, directory + name + kRetrySuffix) {}
 
 void RetrySession::InitialiseConnectionClass(bool, VELT::Config&) { Count(); }
 
@@ -281,10 +282,20 @@ bool RetrySession::TellSender(std::vector<RecipientFate> const& fates) {
         Note(events::NOTIFICATION_OMITTED, [&](KORlog::InfoBag& bag) { bag |= names::RECIPIENTS(ListOf(missed)); });
         return true;
     }
-    unsigned const tries = m_file.status().tries;
-    NotificationOrigin const origin{m_settings->greetingName, m_id, m_hello, m_file.envelope().taken,
-                                    m_id + ".report" + std::to_string(tries)};
-    return KeepNotification(From(), m_message, NotificationOf(origin, m_message, fates), tries);
+    std::string const name = ReportName(fates);
+    NotificationOrigin const origin{m_settings->greetingName, m_id, m_hello, m_file.envelope().taken, name};
+    return KeepNotification(From(), m_message, NotificationOf(origin, m_message, fates), name);
+}
+
+// One for each set of recipients of each file: a try that is repeated finds what it wrote, and nobody else does.
+std::string RetrySession::ReportName(std::vector<RecipientFate> const& fates) const {
+    std::uint32_t sum = 0;
+    for (std::size_t i = 0; i < fates.size(); ++i) {
+        if (!fates[i].taken()) sum = Checksum(m_message.recipients[i].address + '\n', sum);
+    }
+    char text[9];
+    std::snprintf(text, sizeof text, "%08x", sum);
+    return m_name + ".report" + std::to_string(m_file.status().tries) + '.' + text;
 }
 
 // A file that cannot be removed says at least that nothing of it is left to be done.

@@ -47,6 +47,7 @@ private:
     void Settle(std::vector<RecipientFate> fates);
     void GiveUpUntried();
     bool TellSender(std::vector<RecipientFate> const& fates);
+    std::string ReportName(std::vector<RecipientFate> const& fates) const;
     void Finish(RetryStatus const& status);
     void PutBack(RetryStatus status, RecipientFate const& fate);
     void ReportGivenUp(std::vector<RecipientFate> const& fates);
@@ -58,6 +59,7 @@ private:
     RetryStatus::Recipient& StateOf(RetryStatus& status, std::size_t recipient) const;
 
     std::string const m_directory;
+    std::string const m_name;  // of the file, without the suffix
     RetryFile m_file;
     std::optional<SessionSettings> m_settings;
     std::optional<Delivery> m_delivery;

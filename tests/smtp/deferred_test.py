@@ -262,5 +262,25 @@ class Retried(DeferredCase):
         path.write_bytes(first + b"%08x\n" % zlib.crc32(first) + changed + content[80 + length:])
 
 
+class TwoContents(DeferredCase):
+    """Policy changed the mail for some of its recipients: it waits in two files."""
+    phrase = "REPLACE"
+
+    def test_each_file_of_a_mail_has_its_recipients_told_of(self):
+        self.begin()
+        self.provokes(RULE_HIT, GIVEN_UP)
+        self.away()
+        self.assertRegex(self.client().mail(body(PHRASE), [STAFF, BOARD]), r"^250 ")
+        self.assertEqual(len(self.waiting()), 2)
+        self.back()
+        self.sink.replies = {f"RCPT {STAFF}": "550 5.1.1 who?", f"RCPT {BOARD}": "550 5.1.1 who?"}
+        self.retryer()
+        reports = self.sink.wait_messages(2)
+        self.assertEqual(sorted(re.findall(rb"Final-Recipient: rfc822; (.*)\r", reports[0].content + reports[1].content)),
+                         [STAFF.encode(), BOARD.encode()])
+        self.assertEqual(len({message_id(one.content) for one in reports}), 2)
+        self.wait_empty()
+
+
 if __name__ == "__main__":
     unittest.main()
