@@ -55,6 +55,18 @@ bool FlushDirectory(std::string const& directory) {
     return flushed;
 }
 
+// False: it is not there. A folder that is made is flushed into the one above it, or a loss of power would take it away
+// with all that was put into it since.
+bool MakeFolder(fs::path const& path, mode_t mode, bool& made) {
+    std::error_code ignored;
+    made = false;
+    if (fs::is_directory(path, ignored)) return true;
+    if (path.has_parent_path() && !MakeFolder(path.parent_path(), 0755, made)) return false;
+    made = ::mkdir(path.c_str(), mode) == 0;
+    if (!made) return errno == EEXIST && fs::is_directory(path, ignored);
+    return ::chmod(path.c_str(), mode) == 0 && FlushDirectory(path.has_parent_path() ? path.parent_path() : ".");
+}
+
 bool WriteMessage(int fd, Content const& content, RetryLayout& layout) {
     BlockReader reader(content);
     std::uint64_t at = layout.message();
@@ -112,7 +124,21 @@ bool IsLongUnfinished(fs::directory_entry const& entry) {
     return ::time(nullptr) - facts.st_ctime > std::chrono::seconds(kLongUnfinished).count();
 }
 
+// No sum says who wrote a file. One of the directory's owner is let in, and one that the superuser put there.
+bool IsOurs(struct stat const& facts, std::string const& path) {
+    struct stat folder {};
+    bool const known = facts.st_uid == 0 || facts.st_uid == ::geteuid() ||
+                       (::stat(fs::path(path).parent_path().c_str(), &folder) == 0 && facts.st_uid == folder.st_uid);
+    return known && !(facts.st_mode & S_IWOTH);
+}
+
 }  // namespace
+
+bool MakeRetryDirectory(std::string const& directory, long user, long group) {
+    bool made = false;
+    if (!MakeFolder(fs::path(directory).parent_path(), 0700, made)) return false;
+    return !made || ::chown(directory.c_str(), static_cast<uid_t>(user), static_cast<gid_t>(group)) == 0;
+}
 
 bool StoreRetryFile(std::string const& directory, std::string const& name, RetryEnvelope const& envelope,
                     RetryStatus const& status, Content const& content) {
@@ -154,7 +180,9 @@ bool RetryFile::ReadPart(std::uint64_t from, std::uint64_t length, std::string& 
 RetryFault RetryFile::Read() {
     struct stat facts {};
     std::string part;
-    if (::fstat(m_fd, &facts) != 0 || !ReadPart(0, RetryLayout::kFirstLine, part)) return RetryFault::Unreadable;
+    if (::fstat(m_fd, &facts) != 0) return RetryFault::Unreadable;
+    if (!IsOurs(facts, m_path)) return RetryFault::NotOurs;
+    if (!ReadPart(0, RetryLayout::kFirstLine, part)) return RetryFault::Unreadable;
     RetryFault fault = ReadFirstLine(part, m_layout);
     if (fault != RetryFault::None) return fault;
     if (static_cast<std::uint64_t>(facts.st_size) != m_layout.end()) return RetryFault::Truncated;

@@ -16,6 +16,10 @@ namespace smtp {
 inline constexpr char const* kRetrySuffix = ".rmd";
 inline constexpr char const* kUnfinishedSuffix = ".rmd.tmp";
 
+// Makes the directory of such files, and the folders above it, unless it is there: for `user` and `group` alone (-1:
+// whose the process is). False, with errno: it is not there, or not as it has to be.
+bool MakeRetryDirectory(std::string const& directory, long user, long group);
+
 // Writes a whole file. `directory` ends in "/". tries of 0: it is due at once; otherwise it begins with a rest.
 // True: it is there after whatever happens to the machine. False, with errno: it is not there.
 bool StoreRetryFile(std::string const& directory, std::string const& name, RetryEnvelope const& envelope,

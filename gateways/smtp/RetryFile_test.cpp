@@ -184,6 +184,51 @@ bool RetryFiles::DiesAt(int n, std::function<bool()> const& what) {
     return WEXITSTATUS(status) == 1;
 }
 
+TEST_F(RetryFiles, LieInADirectoryThatNobodyElseLooksInto) {
+    bool const superuser = ::geteuid() == 0;
+    mode_t const before = ::umask(0);
+    Calls::directory = m_room / "";
+    Calls::watched = true;
+    bool const made = MakeRetryDirectory(m_room / "queue/smtp/", superuser ? 12345 : -1, superuser ? 12346 : -1);
+    Calls::watched = false;
+    ::umask(before);
+    ASSERT_TRUE(made);
+    struct stat facts {};
+    ASSERT_EQ(::stat((m_room / "queue/smtp").c_str(), &facts), 0);
+    EXPECT_EQ(facts.st_mode & 07777, 0700u);
+    EXPECT_EQ(facts.st_uid, superuser ? 12345 : ::geteuid());
+    EXPECT_EQ(facts.st_gid, superuser ? 12346 : ::getegid());
+    ASSERT_EQ(::stat((m_room / "queue").c_str(), &facts), 0);
+    EXPECT_EQ(facts.st_mode & 07777, 0755u);
+    EXPECT_EQ(facts.st_uid, ::geteuid());
+    EXPECT_EQ(Calls::names.count("queue"), 1u) << "the folder above was flushed";
+}
+
+TEST_F(RetryFiles, LieInTheDirectoryThatIsThereAsItIs) {
+    ASSERT_EQ(::chmod(m_directory.c_str(), 0750), 0);
+    EXPECT_TRUE(MakeRetryDirectory(m_directory, 12345, 12345));
+    struct stat facts {};
+    ASSERT_EQ(::stat(m_directory.c_str(), &facts), 0);
+    EXPECT_EQ(facts.st_mode & 07777, 0750u);
+    EXPECT_EQ(facts.st_uid, ::geteuid());
+    std::ofstream(m_room / "file") << "in the way";
+    EXPECT_FALSE(MakeRetryDirectory(m_room / "file/", -1, -1));
+    EXPECT_FALSE(MakeRetryDirectory(m_room / "file/smtp/", -1, -1));
+}
+
+TEST_F(RetryFiles, OfOthersAreNotRead) {
+    ASSERT_TRUE(Store());
+    ASSERT_EQ(::chmod(Path().c_str(), 0602), 0);
+    EXPECT_EQ(Fault(Path()), RetryFault::NotOurs);
+    ASSERT_EQ(::chmod(Path().c_str(), 0660), 0);
+    EXPECT_EQ(Fault(Path()), RetryFault::None);
+    if (::geteuid() != 0) GTEST_SKIP() << "needs the right to give files away";
+    ASSERT_EQ(::chown(Path().c_str(), 12345, 12345), 0);
+    EXPECT_EQ(Fault(Path()), RetryFault::NotOurs);
+    ASSERT_EQ(::chown(m_directory.c_str(), 12345, 12345), 0);
+    EXPECT_EQ(Fault(Path()), RetryFault::None) << "the directory's owner may have files in it";
+}
+
 TEST_F(RetryFiles, AreReadAsTheyWereWritten) {
     ASSERT_TRUE(Store());
     auto const file = Open(Path());

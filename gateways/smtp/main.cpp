@@ -1,9 +1,10 @@
 // velt-smtp: the mail gateway, and with "-s retryer -t smtp" the retryer for the mail that it keeps.
 #include <QXlog/QXlog.h>
 
-#include <filesystem>
-#include <system_error>
+#include <cerrno>
+#include <cstring>
 
+#include <velt/config_details/settings/process.h>
 #include <velt/logging/Log.h>
 #include <velt/retry/RetryerServiceLoop.h>
 #include <velt/runtime/Proxy.h>
@@ -17,6 +18,11 @@
 
 namespace {
 
+// Nobody is meant where the setting is absent, whatever its own default says.
+struct NoText {
+    static constexpr char const* value = "";
+};
+
 class SmtpProxy : public VELT::Proxy {
 public:
     int ProxyInit() override {
@@ -29,15 +35,24 @@ public:
 
 private:
     // What cannot be made is told again with each message that is not kept.
-    void MakeDirectory(std::string const& path) const {
-        std::error_code error;
-        std::filesystem::create_directories(path, error);
-        if (!error) return;
+    void MakeDirectory(std::string const& path) {
+        long const user = Identity<VELTCFG::process::attrname_UserId>(MapUID);
+        long const group = Identity<VELTCFG::process::attrname_GroupId>(MapGID);
+        if (smtp::MakeRetryDirectory(path, user, group)) return;
+        std::string const why = std::strerror(errno);
         VELT::LogEvent(smtp::events::STORE_FAILED, [&] {
             KORlog::InfoBag bag = smtp::names::FILE(path);
-            bag |= smtp::names::FINDING(error.message());
+            bag |= smtp::names::FINDING(why);
             return bag;
         });
+    }
+
+    // What the process becomes later; -1: nothing else than what it is.
+    template <class Attribute>
+    long Identity(long (*map)(char const* name)) {
+        auto const name =
+            VELT::ReadSetting<VELT::config_attribute::unbounded<Attribute, VELT::CharBuf, NoText>>(m_config);
+        return name.empty() ? -1 : map(name.c_str());
     }
 };
 

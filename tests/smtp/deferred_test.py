@@ -1,5 +1,6 @@
 """Mail that the next server cannot take: the gateway keeps it, and a retryer delivers it or gives it up."""
 import re
+import stat
 import time
 import unittest
 import zlib
@@ -34,6 +35,11 @@ class Kept(DeferredCase):
         self.wait_empty()
         self.assert_nothing_left()
         self.assertEqual(len(self.sink.messages), 1)
+
+    def test_directory_that_it_makes_is_nobody_elses(self):
+        self.begin()
+        self.assertEqual(stat.S_IMODE(self.directory.stat().st_mode), 0o700)
+        self.assertEqual(stat.S_IMODE(self.directory.parent.stat().st_mode), 0o755)
 
     def test_setting_is_off_by_itself_and_the_client_keeps_the_mail(self):
         self.begin(smtp={"StoreAndForward": False})

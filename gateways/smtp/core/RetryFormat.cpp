@@ -6,6 +6,8 @@
 #include <charconv>
 #include <cstdio>
 
+#include "Address.h"
+
 namespace smtp {
 namespace {
 
@@ -112,6 +114,20 @@ bool ReadLine(std::string_view line, RetryEnvelope& out) {
     return false;
 }
 
+// The server is sent it as it stands.
+bool IsPath(std::string const& address, PathKind kind) {
+    Mailbox ignored;
+    std::string const path = '<' + address + '>';
+    std::string_view rest = path;
+    return ParsePath(rest, kind, ignored) == PathError::None && rest.empty();
+}
+
+bool HasPaths(RetryEnvelope const& envelope) {
+    return IsPath(envelope.sender, PathKind::Reverse) &&
+           std::all_of(envelope.recipients.begin(), envelope.recipients.end(),
+                       [](RetryRecipient const& one) { return IsPath(one.address, PathKind::Forward); });
+}
+
 bool IsState(char c) {
     using Recipient = RetryStatus::Recipient;
     auto const state = static_cast<Recipient>(c);
@@ -126,6 +142,8 @@ char const* TextOf(RetryFault fault) {
             return "no fault";
         case RetryFault::Unreadable:
             return "file cannot be read";
+        case RetryFault::NotOurs:
+            return "another user's file, or one that anybody may write to";
         case RetryFault::NotARetryFile:
             return "not a file of this kind";
         case RetryFault::OtherVersion:
@@ -209,7 +227,7 @@ RetryFault ReadEnvelope(std::string_view bytes, RetryLayout const& layout, Retry
         if (!ReadLine(Cut(bytes, '\n'), out)) return RetryFault::HeadDamaged;
     }
     bool const whole = !out.auditId.empty() && out.taken > 0 && !out.recipients.empty() &&
-                       layout.slotLength == SlotLength(out.recipients.size());
+                       layout.slotLength == SlotLength(out.recipients.size()) && HasPaths(out);
     return whole ? RetryFault::None : RetryFault::HeadDamaged;
 }
 

@@ -16,6 +16,7 @@ namespace smtp {
 enum class RetryFault {
     None,
     Unreadable,      // the system's, in errno
+    NotOurs,         // another user's, or one that anybody may write to
     NotARetryFile,   // does not begin as one
     OtherVersion,    // one of a later release
     Truncated,       // shorter, or longer, than it says itself

@@ -118,6 +118,27 @@ TEST(RetryEnvelopeText, IsRefusedAtEveryCutAndEveryChange) {
     }
 }
 
+// The next server would be sent them.
+TEST(RetryEnvelopeText, IsRefusedWithAnAddressThatIsNone) {
+    for (char const* const address :
+         {"a\r\nDATA", "bob@inside.example\r\nRSET", "bob@inside.example> SIZE=1", "bob", "a b@inside.example"}) {
+        RetryEnvelope sent = SomeEnvelope(), received = SomeEnvelope(), read;
+        sent.sender = received.recipients[1].address = address;
+        for (RetryEnvelope const& envelope : {sent, received}) {
+            std::string const text = WriteEnvelope(envelope);
+            EXPECT_EQ(ReadEnvelope(text, LayoutOf(envelope, text), read), RetryFault::HeadDamaged) << text;
+        }
+    }
+}
+
+TEST(RetryEnvelopeText, TakesTheNullPathAndThePostmaster) {
+    RetryEnvelope envelope = SomeEnvelope(), read;
+    envelope.sender.clear();
+    envelope.recipients[0].address = "postmaster";
+    std::string const text = WriteEnvelope(envelope);
+    EXPECT_EQ(ReadEnvelope(text, LayoutOf(envelope, text), read), RetryFault::None);
+}
+
 // Whoever can compute a checksum gets no further than to a clear refusal.
 TEST(RetryEnvelopeText, IsRefusedWhereItMakesNoSense) {
     RetryEnvelope const envelope = SomeEnvelope();
