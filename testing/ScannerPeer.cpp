@@ -65,6 +65,11 @@ void ScannerPeer::Pass() {
     m_changed.notify_all();
 }
 
+bool ScannerPeer::IsHeld() const {
+    std::lock_guard const hold(m_lock);
+    return m_held > 0;
+}
+
 void ScannerPeer::Finish() {
     for (std::thread& one : m_threads) one.join();
     m_threads.clear();
@@ -118,8 +123,10 @@ void ScannerPeer::Do(Fd& fd, std::string const& deed) {
     }
     if (deed == "pass") {
         std::unique_lock hold(m_lock);
+        ++m_held;
         EXPECT_TRUE(m_changed.wait_for(hold, std::chrono::seconds(kPatienceSeconds), [this] { return m_passes > 0; }));
         --m_passes;
+        --m_held;
     }
 }
 

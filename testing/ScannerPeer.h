@@ -31,6 +31,7 @@ public:
     sockaddr_in& address() { return m_listener.address(); }
     void Converse(Conversation steps);  // over the next connection that nobody has yet; several go on at once
     void Pass();                        // lets one "X pass" go on, now or later
+    bool IsHeld() const;                // some conversation is at its "X pass"
     void Finish();                      // returns when all conversations are over
     unsigned connections() const;
 
@@ -47,6 +48,7 @@ private:
     unsigned m_turns = 0;
     mutable std::mutex m_lock;  // guards all below
     std::condition_variable m_changed;
+    unsigned m_held = 0;
     unsigned m_passes = 0;
     unsigned m_connections = 0;
 };

@@ -271,6 +271,10 @@ void ScannerConn::send_attributes() {
 bool ScannerConn::take(unsigned index, StreamRequest const& answer, ScanOutput*& output) {
     unsigned size = 0;
     if (!has_headers(answer, size)) return false;
+    if (answer.failure() != 0) {  // the empty line may come yet, and would be that of a clean verdict
+        report_failure(answer.failure());
+        return false;
+    }
     std::unique_ptr<SerializedEFabricResult> verdict = read_verdict();
     if (!verdict) return false;
     auto* const made = new ScannerProcessScanOutput;

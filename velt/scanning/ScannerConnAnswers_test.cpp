@@ -25,7 +25,14 @@ protected:
         Converse(remote, {"C " + InLine(), ok, scan, "S " + answer, "X " + deed});
         return Scan();
     }
-    // The same, and the connection is kept.
+    // The same, but that the server falls silent after so many bytes, and goes on when a read has given up.
+    int AfterScanWithStall(std::string const& answer, std::size_t at) {
+        Converse(remote,
+                 {"C " + InLine(), ok, scan, "S " + answer.substr(0, at), "X pass", "S " + answer.substr(at), "X end"});
+        Stall(remote);
+        return Scan();
+    }
+    // Whole and in time, so that the connection is kept.
     int Kept(std::string const& answer, ScannerPeer& server, std::string const& setup) {
         Converse(server, {"C " + setup, ok, scan, "S " + answer, std::string("C ") + kStasis, ok});
         return Scan();
@@ -253,6 +260,15 @@ TEST_F(RemoteScanAnswer, WithoutContentThatIsCutAnywhereIsAFailure) {
             DropScanner();
         }
     }
+}
+
+// What comes late cannot be told from what it continues: an empty line that ends the headers would end the verdict.
+TEST_F(RemoteScanAnswer, ThatStallsBeforeTheEmptyLineOfItsHeadersIsAFailure) {
+    std::string const headers = Answer("0", 1, 0, 0);
+    EXPECT_EQ(AfterScanWithStall(headers + kFound + kNoProperties, headers.size() - 1), -1);
+    EXPECT_EQ(output, nullptr);
+    ExpectFailure(ETIMEDOUT);
+    EXPECT_FALSE(IsOccupied());
 }
 
 TEST_F(RemoteScanAnswer, IsTheSameWhereverTheNetworkCutsIt) {

@@ -21,6 +21,21 @@ constexpr int kShortStepMs = 5;
 
 thread_local std::vector<std::string> t_sent;
 thread_local int t_steps = 0;
+thread_local velt_testing::ScannerPeer* t_stalling = nullptr;
+
+// Whom nothing has come from by the time it is held says nothing before it is let go.
+int WaitForStall(pollfd* watched, nfds_t count) {
+    for (;;) {
+        bool const held = t_stalling->IsHeld();
+        int const ready = __real_poll(watched, count, held ? 0 : kShortStepMs);
+        if (ready != 0) return ready;
+        if (!held) continue;
+        std::exchange(t_stalling, nullptr)->Pass();
+        pollfd late = *watched;
+        __real_poll(&late, 1, velt_testing::kPatienceSeconds * 1000);
+        return 0;
+    }
+}
 
 }  // namespace
 
@@ -30,6 +45,7 @@ ssize_t __wrap_send(int fd, void const* data, size_t length, int flags) {
 }
 
 int __wrap_poll(pollfd* watched, nfds_t count, int timeout_ms) {
+    if (timeout_ms != kStepMs && timeout_ms != 0 && t_stalling) return WaitForStall(watched, count);
     if (timeout_ms != kStepMs) return __real_poll(watched, count, timeout_ms);
     int const ready = __real_poll(watched, count, kShortStepMs);
     t_steps += ready == 0;
@@ -43,6 +59,8 @@ using namespace VELT;
 std::vector<std::string> TakeSent() { return std::exchange(t_sent, {}); }
 
 int StepsOfASecond() { return t_steps; }
+
+void Stall(ScannerPeer& server) { t_stalling = &server; }
 
 unsigned long Counted(char const* name) { return QXStats::QXCounter(name).value(); }
 
@@ -63,6 +81,7 @@ ScannerConnTest::ScannerConnTest() {
     context.identities = {Intern("staff")};
     TakeSent();
     t_steps = 0;
+    t_stalling = nullptr;
     scansBefore = Counted("scanner.conn.scans");
     failuresBefore = Counted("scanner.conn.failures");
 }

@@ -26,6 +26,10 @@ std::vector<std::string> TakeSent();
 
 int StepsOfASecond();  // of waits that ran out, in this test
 
+// The next "X pass" of this server is a stall: a read of the test's thread that waits for it runs out. What the server
+// says then has come when the read is told.
+void Stall(ScannerPeer& server);
+
 unsigned long Counted(char const* name);
 
 class ItemSession : public WaitingSession {

@@ -1,5 +1,6 @@
 #include <velt/scanning/StreamRequest.h>
 
+#include <cerrno>
 #include <string_view>
 
 #include <velt/streams/BufferedStream.h>
@@ -18,6 +19,7 @@ constexpr int kNoHeader = -3;
 // A line longer than the stream's buffer comes in pieces: what follows the first of them belongs to its value.
 int StreamRequest::read_headers(BufferedStream* stream) {
     clear();
+    m_failure = 0;
     std::string name, value;
     bool unfinished = false;
     for (unsigned long bytes = 0;;) {
@@ -25,7 +27,10 @@ int StreamRequest::read_headers(BufferedStream* stream) {
         LINE_STATE_T state = LINE_CLOSED;
         bool io_done = false;
         int const length = stream->getline(line, true, io_done, state, true);
-        if (length < 0) break;
+        if (length < 0) {
+            m_failure = errno ? errno : EIO;
+            break;
+        }
         if (!line) return kPeerClosed;
         std::string_view const text(line, static_cast<std::size_t>(length));
         if ((bytes += text.size() + 1) > s_mostBytes) return kBadLine;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <deque>
 #include <map>
 #include <string>
@@ -70,6 +71,19 @@ TEST(HeaderBlock, WithALineWithoutASpaceIsAnErrorAtOnce) {
     Block const block = Read({"State OK\ngarbage\nsize 1\n\n"});
     EXPECT_EQ(block.result, -2);
     EXPECT_EQ(block.headers, (Headers{{"State", "OK"}}));
+}
+
+TEST(HeaderBlock, TellsWhatEndedItBeforeItsEmptyLine) {
+    ScriptedStream stream({"State OK\n"}, EndsWith::silence);
+    StreamRequest request;
+    EXPECT_EQ(request.read_headers(&stream), 0);
+    EXPECT_EQ(request.failure(), ETIMEDOUT);
+    stream.Say("State OK\n\nState OK\n");
+    EXPECT_EQ(request.read_headers(&stream), 0);
+    EXPECT_EQ(request.failure(), 0);
+    stream.EndWith(EndsWith::reset);
+    EXPECT_EQ(request.read_headers(&stream), 0);
+    EXPECT_EQ(request.failure(), ECONNRESET);
 }
 
 TEST(HeaderBlock, ThatAFailedConnectionCutsIsCompleteFromItsFirstHeaderOn) {
