@@ -1,6 +1,7 @@
 #include "testing/ScannerPeer.h"
 
 #include <gtest/gtest.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -85,6 +86,8 @@ Fd ScannerPeer::TakeTurn(unsigned turn) {
     m_changed.wait(hold, [&] { return m_connections == turn; });
     hold.unlock();
     Fd fd = IsReadable(m_listener.fd()) ? m_listener.Accept() : Fd();
+    int const on = 1;
+    ::setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);  // one step does not wait for another's receipt
     hold.lock();
     ++m_connections;
     m_changed.notify_all();

@@ -63,9 +63,11 @@ int SerialSource::ReadLine(char*& line, bool& complete) {
     do {
         complete = false;
         if (m_overdrawn) return -1;
+        if (m_end <= 0) return m_end;
         length = m_stream.getline(line, true, io_done, state, true);
         if (length > 0 && !Take(static_cast<unsigned long>(length) + kLineBytes)) return -1;
         complete = state == LINE_COMPLETE;
+        if (state == LINE_CLOSED) m_end = length;
     } while (length > 0 && line[0] == '#');
     return length;
 }
@@ -73,9 +75,13 @@ int SerialSource::ReadLine(char*& line, bool& complete) {
 int SerialSource::ReadPiece(char*& data, unsigned long most) {
     if (m_bytes == 0) m_overdrawn = true;
     if (m_overdrawn) return -1;
+    if (m_end <= 0) return m_end;
     bool io_done = false;
     int const got = m_stream.readdata(data, static_cast<unsigned>(std::min({most, kPiece, m_bytes})), true, io_done);
-    if (got > 0) m_bytes -= static_cast<unsigned long>(got);
+    if (got > 0)
+        m_bytes -= static_cast<unsigned long>(got);
+    else
+        m_end = got;
     return got;
 }
 

@@ -23,7 +23,8 @@ constexpr long kMostIndex = 1023;           // of a bag among the elements of it
 constexpr unsigned kMostSegments = 64;      // of a property's path, its own name included
 constexpr unsigned kMostBags = 65536;       // that the paths of one verdict or section make
 
-// The stream of one verdict or section, and what may still be taken from it.
+// The stream of one verdict or section, and what may still be taken from it. Its end is one for good, also where it was
+// a wait that ran out: what comes later would be taken for what it is not.
 class SerialSource {
 public:
     explicit SerialSource(BufferedStream& stream) : m_stream(stream) {}
@@ -42,6 +43,7 @@ private:
     unsigned long m_bytes = kMostBytes;
     unsigned m_bags = kMostBags;
     bool m_overdrawn = false;
+    int m_end = 1;  // what the read answered that met the end or failed; above 0: none has
 };
 
 // The next line, with its end cut off. It lasts until more is read.

@@ -3,9 +3,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cwchar>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <velt/results/SerialDecoding.h>
@@ -31,6 +33,20 @@ public:
 
     Verdict verdict;
     IKORScanResult const* result = nullptr;
+};
+
+// A text with one wait in it that runs out.
+class StallingStream : public ScriptedStream {
+public:
+    StallingStream(std::string const& text, std::size_t at) : ScriptedStream({text.substr(0, at), text.substr(at)}) {}
+    int read(char* data, unsigned length, unsigned* received) override {
+        *received = 0;
+        if (reads() == 1 && !std::exchange(m_stalled, true)) return ETIMEDOUT;
+        return ScriptedStream::read(data, length, received);
+    }
+
+private:
+    bool m_stalled = false;
 };
 
 std::wstring Names(SerializedEFabricResult const& verdict, int size) {
@@ -256,6 +272,31 @@ TEST(ReadVerdict, TellsWhetherItsEmptyLineWasThere) {
     ended = true;
     EXPECT_NE(Verdict(SerializedEFabricResult::deserialize(nullptr, &ended)), nullptr);
     EXPECT_FALSE(ended);
+}
+
+// The empty line of a result that comes late would be taken for that of the verdict, without the results behind it.
+TEST(ReadVerdict, ThatStalledIsCutWhateverComesLater) {
+    std::string const whole = "msr.triggered sl 0\nmsr.sr.result\ncleanstatus sl 0\nproperty .t ss " + Wide(L"a\n\n") +
+                              "\nmsr.sr.result\ninfectionlist " + Wide(L"E\n\n") + "\nmsr.triggered sl 1\n\n";
+    for (std::size_t cut = 1; cut < whole.size(); ++cut) {
+        StallingStream wire(whole, cut);
+        bool ended = true;
+        errno = 0;
+        Verdict const verdict(SerializedEFabricResult::deserialize(&wire, &ended));
+        EXPECT_FALSE(ended) << cut;
+        EXPECT_EQ(errno, ETIMEDOUT) << cut;
+    }
+}
+
+TEST(ReadSection, ThatStalledIsCutWhateverComesLater) {
+    std::string const whole = "p.a sl 1\np.t ss " + Wide(L"a\n\n") + "p.b sl 2\n\r\n";
+    for (std::size_t cut = 1; cut < whole.size(); ++cut) {
+        StallingStream wire(whole, cut);
+        KORPropertyBag bag;
+        bool ended = true;
+        SerializedEFabricResult::deserialize(&wire, "p", bag, &ended);
+        EXPECT_FALSE(ended) << cut;
+    }
 }
 
 TEST(ReadSection, ReplacesWhatTheBagHolds) {

@@ -271,6 +271,19 @@ TEST_F(RemoteScanAnswer, ThatStallsBeforeTheEmptyLineOfItsHeadersIsAFailure) {
     EXPECT_FALSE(IsOccupied());
 }
 
+TEST_F(RemoteScanAnswer, ThatStallsAnywhereIsAFailure) {
+    std::string const result = "msr.sr.result\ncleanstatus sl 0\n\n";
+    std::string const answer = Answer("5", 0, 0, 0) + "msr.triggered sl 0\n" + result + result +
+                               "msr.triggered sl 1\n\nproperties.FOUND sl 7\n\r\nclean";
+    for (std::size_t cut = 1; cut < answer.size(); ++cut) {
+        EXPECT_EQ(AfterScanWithStall(answer, cut), -1) << cut;
+        EXPECT_EQ(events.Events().size(), 1u) << cut;
+        EXPECT_FALSE(IsOccupied());
+        events.Clear();
+        DropScanner();
+    }
+}
+
 TEST_F(RemoteScanAnswer, IsTheSameWhereverTheNetworkCutsIt) {
     context.identities = {InternedString()};
     std::string const answer = Answer("5", 0, 0, 0) + kFound + "properties.FOUND sl 7\n\r\nclean";
