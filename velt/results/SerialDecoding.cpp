@@ -3,6 +3,7 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <clocale>
 #include <cstdlib>
 #include <cstring>
@@ -49,8 +50,14 @@ bool ReadText(SerialSource& source, long count, std::basic_string<Char>& out) {
 
 // --- what is read ---
 
+// The errno tells it from an end that the other side chose.
+void SerialSource::Overdraw() {
+    m_overdrawn = true;
+    errno = EMSGSIZE;
+}
+
 bool SerialSource::Take(unsigned long bytes) {
-    if (bytes > m_bytes) m_overdrawn = true;
+    if (bytes > m_bytes) Overdraw();
     if (m_overdrawn) return false;
     m_bytes -= bytes;
     return true;
@@ -73,7 +80,7 @@ int SerialSource::ReadLine(char*& line, bool& complete) {
 }
 
 int SerialSource::ReadPiece(char*& data, unsigned long most) {
-    if (m_bytes == 0) m_overdrawn = true;
+    if (m_bytes == 0) Overdraw();
     if (m_overdrawn) return -1;
     if (m_end <= 0) return m_end;
     bool io_done = false;

@@ -34,10 +34,11 @@ public:
     int ReadLine(char*& line, bool& complete);       // as getline; comment lines are never seen
     int ReadPiece(char*& data, unsigned long most);  // raw bytes; 0 or -1 where there are none
     bool TakeBags(unsigned count);                   // false: none of them may be made
-    bool overdrawn() const { return m_overdrawn; }   // more came than one verdict may have: nothing more is read
+    bool overdrawn() const { return m_overdrawn; }   // more came than one may have: no more is read; errno EMSGSIZE
 
 private:
     bool Take(unsigned long bytes);
+    void Overdraw();
 
     BufferedStream& m_stream;
     unsigned long m_bytes = kMostBytes;

@@ -65,8 +65,10 @@ SerializedEFabricResult* SerializedEFabricResult::deserialize(BufferedStream* st
     return ok ? made.release() : nullptr;
 }
 
-void SerializedEFabricResult::deserialize(BufferedStream* stream, char const* name, IKORPropertyBag& bag, bool* ended) {
+void SerializedEFabricResult::deserialize(BufferedStream* stream, char const* name, IKORPropertyBag& bag, bool* ended,
+                                          bool* other) {
     if (ended) *ended = false;
+    if (other) *other = false;
     bag.Clear();
     if (!stream) return;
     results::SerialSource source(*stream);
@@ -74,7 +76,10 @@ void SerializedEFabricResult::deserialize(BufferedStream* stream, char const* na
     char* line = nullptr;
     bool complete = false;
     while (source.ReadLine(line, complete) > 0) {
-        if (std::strncmp(line, name, length) != 0) return;
+        if (std::strncmp(line, name, length) != 0) {
+            if (other) *other = true;
+            return;
+        }
         if (line[length] == '.') results::decode_property_bag(bag, source, line + length + 1);
     }
     if (ended) *ended = complete;

@@ -38,8 +38,10 @@ public:
     static SerializedEFabricResult* deserialize(BufferedStream* stream, bool* ended = nullptr);
 
     // A property section in place of what the bag holds. It ends at its empty line, at the end of the stream, and at a
-    // line that does not begin with the name, which is lost; `ended` as above, false in the other two cases.
-    static void deserialize(BufferedStream* stream, char const* name, IKORPropertyBag& bag, bool* ended = nullptr);
+    // line that does not begin with the name, which is lost; `ended` as above, false in the other two cases, of which
+    // `other`, where it is given, is the second. Neither, and EMSGSIZE in errno: it was more than a section may be.
+    static void deserialize(BufferedStream* stream, char const* name, IKORPropertyBag& bag, bool* ended = nullptr,
+                            bool* other = nullptr);
 
     SerializedEFabricResult(BufferedStream* stream, bool& ok);
     SerializedEFabricResult(SerializedEFabricResult const&) = delete;

@@ -319,13 +319,15 @@ TEST(ReadSection, OfAnotherNameStopsAtItsFirstLineWhichIsLost) {
     Text source("conattr.a sl 1\nproperties.a sl 2\n\n");
     KORPropertyBag bag;
     bag.NewProperty("old");
-    bool ended = true;
-    SerializedEFabricResult::deserialize(&source.stream, "properties", bag, &ended);
+    bool ended = true, other = false;
+    SerializedEFabricResult::deserialize(&source.stream, "properties", bag, &ended, &other);
     EXPECT_EQ(bag.Size(), 0);
     EXPECT_FALSE(ended);
-    SerializedEFabricResult::deserialize(&source.stream, "properties", bag, &ended);
+    EXPECT_TRUE(other);
+    SerializedEFabricResult::deserialize(&source.stream, "properties", bag, &ended, &other);
     EXPECT_EQ(LongOf(bag, "a"), 2);
     EXPECT_TRUE(ended);
+    EXPECT_FALSE(other);
 }
 
 TEST(ReadSection, SkipsALineThatOnlyBeginsWithItsName) {

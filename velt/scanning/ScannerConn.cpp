@@ -319,13 +319,13 @@ std::unique_ptr<SerializedEFabricResult> ScannerConn::read_verdict() {
 
 // A section of another name leaves the connection out of step, and nothing tells by how much.
 bool ScannerConn::read_properties(IKORPropertyBag& bag) {
-    bool ended = false;
+    bool ended = false, other = false;
     errno = 0;
-    SerializedEFabricResult::deserialize(stream, "properties", bag, &ended);
+    SerializedEFabricResult::deserialize(stream, "properties", bag, &ended, &other);
     if (ended) return true;
     int const error = errno;
     cacheable = false;
-    if (error == 0 && stream->IsStillConnected()) return true;
+    if (other) return true;
     report_failure(error);
     return false;
 }

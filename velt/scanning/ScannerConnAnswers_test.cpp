@@ -2,6 +2,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <string_view>
 #include <utility>
 
 #include "testing/Child.h"
@@ -161,6 +162,32 @@ TEST_F(RemoteScanAnswer, UnderTheNameOfTheRequestsSectionGivesNoProperties) {
     EXPECT_EQ(AfterScan(Answer("0", 0, 0, 0) + kFound + "scan_properties.FOUND sl 7\n\r\n"), 0);
     EXPECT_TRUE(output->result->IsTriggered());
     EXPECT_EQ(output->properties.Size(), 0);
+}
+
+// What the numbers of a section leave behind, and what the server does next, make no difference.
+TEST_F(RemoteScanAnswer, WithALineOfAnotherNameGivesThePropertiesBeforeIt) {
+    std::string const answer = Answer("0", 0, 0, 0) + kFound + "properties.FOUND sl 99999999999999999999\nother\n";
+    for (char const* const deed : {"close", "end"}) {
+        Converse(remote, {"C " + InLine(), ok, scan, "X pass", "S " + answer, std::string("X ") + deed});
+        bool const closes = std::string_view(deed) == "close";
+        session.onCallback = [&, isFirst = true]() mutable {
+            if (!std::exchange(isFirst, false)) return;
+            remote.Pass();
+            if (closes) remote.Finish();
+        };
+        EXPECT_EQ(Scan(), 0) << deed;
+        EXPECT_EQ(output->properties.Size(), 1) << deed;
+        EXPECT_TRUE(events.Names().empty()) << deed;
+        DropScanner();
+    }
+}
+
+// Its rest would be taken for the content.
+TEST_F(RemoteScanAnswer, WithMorePropertiesThanASectionMayHaveIsAFailure) {
+    std::string lines;
+    for (int i = 0; i < 270000; ++i) lines += "#\n";
+    EXPECT_EQ(AfterScan(Answer("5", 0, 0, 0) + kFound + lines + kNoProperties + "clean"), -1);
+    ExpectFailure(EMSGSIZE);
 }
 
 TEST_F(RemoteScanAnswer, ThatRefusesLeavesTheConnectionAndAFurtherScanGoesOutOnIt) {
