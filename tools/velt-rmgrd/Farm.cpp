@@ -24,8 +24,8 @@ std::string PlaceOf(ServerFacts const& facts) {
     return std::string(text) + ':' + std::to_string(ntohs(facts.address.sin_port));
 }
 
-Farm::Farm(int slowStart, std::function<unsigned(unsigned)> random)
-    : m_slowStart(slowStart), m_random(std::move(random)) {}
+Farm::Farm(int slowStart, std::function<unsigned(unsigned)> random, int firstSequence)
+    : m_slowStart(slowStart), m_random(std::move(random)), m_sequence(firstSequence) {}
 
 int Farm::Add(ServerFacts const& facts) {
     m_servers[++m_lastResource].facts = facts;

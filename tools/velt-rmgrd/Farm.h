@@ -26,7 +26,8 @@ std::string PlaceOf(ServerFacts const& facts);
 class Farm {
 public:
     // `random` gives a number below its argument. A server that came up gets its share by and by, within slowStart.
-    Farm(int slowStart, std::function<unsigned(unsigned)> random);
+    // The sequences of two farms, one after the other, should have no number in common: clients know servers by it.
+    Farm(int slowStart, std::function<unsigned(unsigned)> random, int firstSequence = 1);
 
     int Add(ServerFacts const& facts);  // the new resource's number, 1 or more; not healthy yet, and takes work
     void Remove(int resource);
@@ -56,7 +57,7 @@ private:
     std::function<unsigned(unsigned)> m_random;
     std::map<int, Server> m_servers;
     int m_lastResource = 0;
-    int m_sequence = 1;
+    int m_sequence;
 };
 
 }  // namespace rmgrd

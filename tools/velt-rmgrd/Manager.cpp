@@ -38,6 +38,9 @@ unsigned Random(unsigned below) {
     return std::uniform_int_distribution<unsigned>(0, below - 1)(engine);
 }
 
+// By chance, so that it is none of an earlier manager's; as many changes have room above it.
+int FirstSequence() { return static_cast<int>(std::random_device{}() >> 2) + 1; }
+
 // A scanner process that anybody could announce would be one that passes everything.
 bool MayAnnounce(int fd) {
     ucred peer{};
@@ -68,7 +71,7 @@ Manager::Manager(ManagerSettings settings, Probing probe, Telling tell)
       m_probe(std::move(probe)),
       m_tell(std::move(tell)),
       m_mostClients(MostClients()),
-      m_farm(m_settings.slowStart, Random) {
+      m_farm(m_settings.slowStart, Random, FirstSequence()) {
     m_event = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (m_event < 0) Fail("eventfd");
     try {

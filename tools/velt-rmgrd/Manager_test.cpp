@@ -512,6 +512,25 @@ TEST_F(ManagerSocket, ThatGoesAwayEndsSearchesAndResources) {
     EXPECT_EQ(Wait(first), 1) << "who opens anew finds the next one";
 }
 
+// A client knows servers by their generation and id, and holds on to the manager that it asked about them.
+TEST_F(ManagerSocket, OfTheNextManagerOffersServersThatNobodyKnows) {
+    Start({Facts("a")});
+    EXPECT_EQ(Wait(first), 1);
+    ScannerServer* const before = ScannerServer::findserver(sequence, id, 1, &where);
+    EXPECT_TRUE(before->Up());
+    StopManager();
+    RSMgrFreeResource(first);
+    {
+        std::lock_guard const hold(lock);
+        lines.clear();
+    }
+    Start({Facts("a")});
+    EXPECT_EQ(Wait(first), 1);
+    ScannerServer* const after = ScannerServer::findserver(sequence, id, 1, &where);
+    EXPECT_NE(after, before);
+    EXPECT_TRUE(after->Up());
+}
+
 TEST_F(ManagerSocket, ServesManyAtOnce) {
     Start({Facts("a", 3), Facts("b", 3, 4311)});
     EXPECT_TRUE(IsTold("a", "is up"));
