@@ -475,7 +475,10 @@ TEST_F(RemoteWait, EndsWithTheServersResourceAndItsIdleConnectionsGo) {
     EXPECT_EQ(Scan(1), 0);
     Offer(remote);
     session.onCallback = [&] { manager.SetUp(kResource, false); };
+    int const steps = StepsOfASecond(), callbacks = session.callbacks;
     EXPECT_EQ(Scan(0), -1);
+    EXPECT_EQ(StepsOfASecond(), steps + 2) << "the first finds it up and calls back, the second ends the wait";
+    EXPECT_EQ(session.callbacks, callbacks + 1);
     EXPECT_FALSE(IsOccupied());
     EXPECT_EQ(output, nullptr);
     EXPECT_TRUE(events.Names().empty());
