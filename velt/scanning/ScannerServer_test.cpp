@@ -293,9 +293,7 @@ TEST_P(IdleConnections, GetTheTimeoutOfTheSettings) {
         Say(peer, good);
         ScannerServer::LsDataTimeout = one.setting;
         std::unique_ptr<TCPStream> const stream(server.cached_server());
-        if (one.milliseconds == 0)
-            continue;  // whether an answer that is there already is in time is the stream's business
-        ASSERT_NE(stream, nullptr) << one.setting;
+        ASSERT_NE(stream, nullptr) << one.setting;  // what is there already is in time
         EXPECT_EQ(stream->set_timeout(0), one.milliseconds) << one.setting;
     }
 }
@@ -308,8 +306,6 @@ TEST_P(IdleConnections, ThatDoNotWakeUpAreDroppedWithoutAWord) {
     closed.Close();
     Say(empty, "\n");
     Say(nonsense, "nonsense\n\n");
-    ScannerServer::LsDataTimeout = 1;
-    ::shutdown(silent.get(), SHUT_WR);
     Say(fine, "State NO\n\n");  // a header is all that is asked for
     std::unique_ptr<TCPStream> const stream(server.cached_server());
     ASSERT_NE(stream, nullptr);
