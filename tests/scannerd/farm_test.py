@@ -21,13 +21,13 @@ LOST = ((190002, 399), (190002, 400), (190002, 401), (190002, 402))
 class Scanner:
     """A scanner daemon in a root of its own."""
 
-    def __init__(self, gateway, address, environment=None):
+    def __init__(self, gateway, address, environment=None, agent=""):
         self.root, self.address = harness.Root(), address
         (self.port,) = harness.free_ports(1)
         settings = {"network": {"BindAddress": [address], "BindPorts": [self.port], "ForbidReverseLookups": True,
                                 "MaxConnections": 16, "NetMem": 16},
                     "process": {"MemoryLimit": 0, "ShutDownTimeout": 0},
-                    "scannerd": {"SpoolRoots": [str(gateway / "scandir")]}, "scanning": {"MaxScanMem": 64}}
+                    "scannerd": {"SpoolRoots": [str(gateway / "scandir")]}, "scanning": {"MaxScanMem": 64, "ScannerAgent": agent}}
         self.root.write("rules.xml", '<rules version="1">\n  <policy name="base">\n' + harness.settings_xml(settings) +
                         "\n  </policy>\n" + SCANNER_POLICIES.format(av="DENY") + "</rules>\n")
         for name in ("inside.txt", "outside.txt"):
@@ -67,8 +67,8 @@ class Farm(SmtpCase):
         for name in ("qxrmgrctl", "qxrmgr0", "qxrmgr"):
             (self.manager / name).touch()
 
-    def add_scanner(self, address, environment=None):
-        scanner = Scanner(self.root.path, address, environment)
+    def add_scanner(self, address, environment=None, agent=""):
+        scanner = Scanner(self.root.path, address, environment, agent)
         self.addCleanup(scanner.root.remove)
         self.addCleanup(scanner.stop)
         self.scanners.append(scanner)
@@ -158,6 +158,16 @@ class Farm(SmtpCase):
         for event in (*LOST, SCAN_FAILED, NOT_SCANNED, DEFERRED):
             self.expect(*event, at_least=0)
         self.assertRegex(self.client().mail(body("hello")), r"^451 ")
+        self.assertEqual(self.sink.messages, [])
+
+    def test_a_daemon_that_looks_at_nothing_passes_no_mail(self):
+        self.begin_manager()
+        self.scanners = []
+        self.offer(1, self.add_scanner(harness.SERVER, agent="null"))
+        self.begin(scanning={"LSServerWaitTime": 3})
+        for event in (*LOST, SCAN_FAILED, NOT_SCANNED, DEFERRED):
+            self.expect(*event, at_least=0)
+        self.assertRegex(self.client().mail(with_attachment(EICAR)), r"^451 4\.7\.1 ")
         self.assertEqual(self.sink.messages, [])
 
     def test_daemons_that_are_killed_lose_no_mail_and_pass_none_unscanned(self):

@@ -77,6 +77,16 @@ VELT::ScannerStream* ContentOf(ScanOutput const& output) {
     return output.output_in_input && !output.input_modified ? nullptr : output.output;
 }
 
+// An agent that looks at nothing gives a result without a word, and no content: to a client it would be a clean
+// verdict.
+bool SaysNothing(ScanOutput const& output) {
+    IScanResultHandler const& result = *output.result;
+    char const* const action = result.GetMasterActionCode();
+    bool const acted = (action && *action) || result.IsTriggered() || result.IsModified();
+    long position = 0;
+    return !output.output && !acted && !result.GetMasterScanResult() && !result.FindFirstScanResult(position);
+}
+
 std::string HeadOf(ScanOutput const& output, VELT::ScannerStream const* content) {
     auto const flag = [](bool on) { return on ? " 1\n" : " 0\n"; };
     std::string head = "State OK\nsize " + std::to_string(content ? content->size() : 0) + '\n';
@@ -253,6 +263,7 @@ Conversation::State Conversation::Scan(StreamRequest const& request) {
     if (m_badAnswer) return Refuse(Trouble::RequestRefused, "attributes that cannot be read");
     if (!m_wire.IsPeerThere()) return Report(Trouble::ClientGone, "during a scan"), State::Closed;
     if (result != 0 || !output || !output->result) return ScanFailed("the engines gave no verdict");
+    if (SaysNothing(*output)) return ScanFailed("nobody looked at the item");
     return Answer(*output);
 }
 

@@ -224,6 +224,14 @@ TEST_F(ConversationTest, ForgetsAnItemsPropertiesWithIt) {
     EXPECT_EQ(sizes, (std::vector<long>{1, 0}));
 }
 
+// Over the wire the result of an agent that looks at nothing would read as a clean one.
+TEST_F(ConversationTest, GivesNoVerdictWhereNobodyLooked) {
+    m_desk.engine = [](VELT::ScanContext&, VELT::ScanOutput& output) { output.output = nullptr; };
+    EXPECT_EQ(Answers(ItemOf("a mail") + "get scan\n\n"), std::string(kOk) + "State FAILED\n\n");
+    EXPECT_EQ(m_desk.troubles, std::vector{Trouble::ScanFailed});
+    EXPECT_EQ(m_desk.lastWhy, "nobody looked at the item");
+}
+
 // --- Attributes ---
 
 class AttributesTest : public ConversationTest {
