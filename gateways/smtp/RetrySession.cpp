@@ -161,8 +161,9 @@ void RetrySession::Decide() {
     if (early && !forced && !IsTooOld()) return void(m_file.Rest());
     BackOff::Answer const answer = Destinations().Ask(Destination(), m_now);
     if (answer == BackOff::Answer::Go || forced) return Try();
+    if (answer == BackOff::Answer::Busy) return;  // what becomes of that decides at the next walk
     if (IsTooOld() && status.tries) return GiveUpUntried();
-    if (answer == BackOff::Answer::Rest) m_file.Rest();  // one that is tried just now is asked for at the next walk
+    m_file.Rest();
 }
 
 void RetrySession::Try() {
