@@ -169,6 +169,7 @@ void RetrySession::Decide() {
 void RetrySession::Try() {
     Leave leave(Destination(), m_settings->keep.pause);
     ++Count().retries;
+    m_file.Rest();  // should this try end the process, the next one is not at once
     m_message.spool = std::make_unique<VELT::ScannerStream>(m_id + ".retry", false);
     errno = 0;
     RetryFault const fault = m_file.ReadMessage(*m_message.spool);

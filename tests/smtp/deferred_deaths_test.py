@@ -7,6 +7,7 @@ import random
 import signal
 import struct
 import threading
+import time
 import unittest
 
 import harness
@@ -168,6 +169,20 @@ class Dying(DeferredCase):
             self.assertLessEqual(len({message_id(one.content) for one in reports}), 1)
             self.assertIn(f"<{number}@outside.example>".encode(), reports[0].content)
         self.assertGreater(self.sweep_the_dead(give_up), 8)
+
+    def test_mail_whose_try_ends_the_worker_rests_before_the_next(self):
+        self.begin(smtpretryer={"RetryInterval": 5})
+        self.dying_retryer()
+        self.sink.replies = {"MAIL": "451 4.3.2 later"}
+        number = self.mail()
+        self.arm(3)  # the file is locked, the mail is let rest; then it is noted that its content goes out
+        self.sink.replies = {}
+        harness.wait_until(lambda: self.plan.read_bytes()[0] == 0, "the end of a worker")
+        (name,) = self.waiting()
+        died = (self.directory / name).stat().st_ctime
+        harness.wait_until(lambda: self.copies(number), "the mail")
+        self.assertGreater(time.time() - died, 5)
+        self.assertEqual(self.copies(number), 1)
 
 
 if __name__ == "__main__":
