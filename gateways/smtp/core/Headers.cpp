@@ -7,7 +7,8 @@ namespace {
 
 constexpr std::size_t kReturnedHeaderLimit = 16384;
 
-std::string Boundary(NotificationFacts const& facts) { return "velt-report-" + facts.messageId; }
+// 70 characters are the most that a boundary may have.
+std::string Boundary(NotificationFacts const& facts) { return "velt-" + facts.messageId; }
 
 void Part(std::string& out, NotificationFacts const& facts, std::string_view type) {
     out += "\r\n--" + Boundary(facts) + "\r\nContent-Type: ";

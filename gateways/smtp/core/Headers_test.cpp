@@ -47,13 +47,22 @@ std::size_t Count(std::string const& text, std::string const& what) {
     return count;
 }
 
+// Of the hundredth file of a mail, after a hundred tries.
+TEST(Notification, HasABoundaryThatIsNotTooLong) {
+    NotificationFacts facts = Report("Subject: hello\r\n\r\n");
+    facts.messageId = "1e83ef37-611f-454a-b2a2-09d1c1c112b3.100.report100.8afa8534";
+    std::string const text = DeliveryNotification(facts);
+    std::size_t const begin = text.find("boundary=\"") + 10;
+    EXPECT_LE(text.find('"', begin) - begin, 70u);
+}
+
 TEST(Notification, IsAReportOfThreePartsWithOneGroupPerRecipient) {
     std::string const text = DeliveryNotification(Report("Subject: hello\r\nX: y\r\n\r\nbody\r\n"));
     EXPECT_NE(text.find("multipart/report; report-type=delivery-status"), std::string::npos);
     EXPECT_NE(text.find("To: <alice@a.example>\r\n"), std::string::npos);
     EXPECT_NE(text.find("Auto-Submitted: auto-replied\r\n"), std::string::npos);
-    EXPECT_EQ(Count(text, "\r\n--velt-report-m-8\r\n"), 3u);
-    EXPECT_EQ(Count(text, "\r\n--velt-report-m-8--\r\n"), 1u);
+    EXPECT_EQ(Count(text, "\r\n--velt-m-8\r\n"), 3u);
+    EXPECT_EQ(Count(text, "\r\n--velt-m-8--\r\n"), 1u);
     EXPECT_EQ(Count(text, "Final-Recipient: rfc822; "), 2u);
     EXPECT_NE(text.find("Final-Recipient: rfc822; bob@b.example\r\nAction: failed\r\nStatus: 5.7.1\r\n"
                         "Diagnostic-Code: smtp; 554 5.7.1 refused: EICAR\r\n"),
