@@ -17,6 +17,7 @@
 #include <random>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 namespace rmgrd {
 
@@ -188,7 +189,7 @@ void Manager::Poll() {
 void Manager::Accept() {
     int fd;
     while ((fd = ::accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK)) >= 0) {
-        if (m_clients.size() >= m_mostClients) {
+        if (!MakeRoom()) {
             ::close(fd);
             continue;
         }
@@ -196,6 +197,22 @@ void Manager::Accept() {
         m_clients.back()->fd = fd;
     }
     m_acceptFailed = errno != EAGAIN;
+}
+
+// A process keeps a handle for each server of each list that it has seen, and closes none itself: at the limit the
+// oldest one of an earlier list ends, which tells its process to open the server's connections anew.
+bool Manager::MakeRoom() {
+    bool const wasFull = std::exchange(m_full, false);
+    if (m_clients.size() < m_mostClients) return true;
+    auto const old = std::find_if(m_clients.begin(), m_clients.end(), [this](auto const& client) {
+        return client->role == Client::Role::Resource && client->sequence != m_farm.sequence();
+    });
+    m_full = old == m_clients.end();
+    if (m_full && !wasFull) m_tell("too many connections: who comes now is refused");
+    if (m_full) return false;
+    End(**old);
+    Sweep();
+    return true;
 }
 
 void Manager::Sweep() {
@@ -273,6 +290,7 @@ bool Manager::Open(Client& client, int resource) {
     }
     client.role = resource > 0 ? Role::Resource : resource == 0 ? Role::Waiter : Role::Control;
     client.resource = std::max(resource, 0);
+    client.sequence = m_farm.sequence();
     Answer(client, 0);
     return true;
 }

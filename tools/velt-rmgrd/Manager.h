@@ -50,6 +50,7 @@ private:
         int fd;
         enum class Role { Fresh, Control, Waiter, Resource } role = Role::Fresh;
         int resource = 0;  // Resource: which; Control: announced, and gone with this connection
+        int sequence = 0;  // Resource: of the list when it was opened
         int occupies = 0;
         bool waits = false;
         double until = 0;  // of the wait
@@ -69,6 +70,7 @@ private:
     static double Now();
     void Listen();
     void Accept();
+    bool MakeRoom();
     void Read(Client& client);
     void Answer(Client& client, int result, int error = 0);
     void Send(Client& client, VELT::manager::Answer const& answer);
@@ -101,7 +103,8 @@ private:
     std::size_t const m_mostClients;
     int m_listener = -1;
     bool m_acceptFailed = false;
-    int m_event = -1;  // written to by other threads
+    bool m_full = false;  // the last who came found no room
+    int m_event = -1;     // written to by other threads
 
     // Of Run's thread.
     Farm m_farm;

@@ -1,6 +1,7 @@
 #include "Manager.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -156,6 +157,38 @@ protected:
 };
 class ManagerAnnouncements : public ManagerTest {};
 class ManagerSocket : public ManagerTest {};
+
+// A manager that has room for this many connections.
+class ManagerThatIsFull : public ManagerTest {
+protected:
+    static constexpr int kRoom = 100;
+    ManagerThatIsFull() {
+        ::getrlimit(RLIMIT_NOFILE, &before);
+        rlimit const low{2 * kRoom, before.rlim_max};
+        ::setrlimit(RLIMIT_NOFILE, &low);
+        Start({Facts("a")});
+        ::setrlimit(RLIMIT_NOFILE, &before);
+        EXPECT_TRUE(RSMgrActive()) << "and is found from now on without a look";
+    }
+    Fd Resource() {
+        Fd fd = Raw();
+        Ask(fd, manager::kOpen, 1);
+        manager::Answer answer;
+        answered = ::recv(fd.get(), &answer, sizeof answer, 0) == sizeof answer;
+        return fd;
+    }
+    static bool IsOpen(Fd const& fd) {
+        char byte;
+        return ::recv(fd.get(), &byte, 1, MSG_DONTWAIT) < 0 && errno == EAGAIN;
+    }
+    bool IsToldOnce(std::string const& what) {
+        std::lock_guard const hold(lock);
+        return std::count_if(lines.begin(), lines.end(),
+                             [&](auto const& line) { return line.find(what) != line.npos; }) == 1;
+    }
+    rlimit before{};
+    bool answered = false;
+};
 
 }  // namespace
 
@@ -554,6 +587,31 @@ TEST_F(ManagerSocket, ServesManyAtOnce) {
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(served, 320);
     EXPECT_LE(most, 6);
+}
+
+// A process that has seen many lists holds a handle of each, for good.
+TEST_F(ManagerThatIsFull, EndsTheOldestHandleOfAnEarlierList) {
+    std::vector<Fd> old;
+    for (int i = 0; i < kRoom; ++i) old.push_back(Resource());
+    EXPECT_TRUE(answered);
+    managing->SetServers({Facts("a"), Facts("b", 0, 4311)});
+    EXPECT_TRUE(IsTold("b", "is up"));
+    EXPECT_GT(Wait(first), 0);
+    EXPECT_TRUE(IsHungUp(old[0]));
+    EXPECT_TRUE(IsOpen(old[1]));
+    EXPECT_GT(Wait(second), 0);
+    EXPECT_TRUE(IsHungUp(old[1]));
+    EXPECT_TRUE(IsOpen(old[2]));
+}
+
+TEST_F(ManagerThatIsFull, RefusesWhoComesWhereAllAreOfThisList) {
+    std::vector<Fd> now;
+    for (int i = 0; i < kRoom; ++i) now.push_back(Resource());
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(Wait(first), -1);
+    EXPECT_TRUE(IsToldOnce("too many connections"));
+    for (Fd const& fd : now) EXPECT_TRUE(IsOpen(fd));
+    now.pop_back();
+    EXPECT_TRUE(Eventually([&] { return Wait(first) == 1; }));
 }
 
 // A manager that accepts and says nothing is given up, and its late answer is not taken for another's.
