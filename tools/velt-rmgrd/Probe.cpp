@@ -1,5 +1,8 @@
 #include "Probe.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <ctime>
 #include <exception>
@@ -16,6 +19,37 @@ namespace rmgrd {
 namespace {
 
 using namespace VELT;
+
+constexpr unsigned kMostAnswerBytes = 1024 * 1024;  // of all answers of one probe
+constexpr unsigned kWholeInWaits = 2;               // how long a probe may take, in waits
+
+// Whoever drips, or pours, is as bad as who is silent.
+class ProbeStream : public TCPStream {
+public:
+    ProbeStream(sockaddr_in* where, unsigned waitMs)
+        : TCPStream(where, static_cast<int>(waitMs), false),
+          m_waitMs(waitMs),
+          m_until(Steady::now() + kWholeInWaits * std::chrono::milliseconds(waitMs)) {
+        set_timeout(waitMs);
+    }
+    using TCPStream::read;
+    int read(char* data, unsigned length, unsigned* received) override {
+        auto const left = std::chrono::ceil<std::chrono::milliseconds>(m_until - Steady::now()).count();
+        *received = 0;
+        if (left <= 0) return ETIMEDOUT;
+        if (m_taken >= kMostAnswerBytes) return EMSGSIZE;
+        set_timeout(std::min(m_waitMs, static_cast<unsigned>(left)));
+        int const error = TCPStream::read(data, length, received);
+        m_taken += *received;
+        return error;
+    }
+
+private:
+    using Steady = std::chrono::steady_clock;
+    unsigned const m_waitMs;
+    Steady::time_point const m_until;
+    unsigned m_taken = 0;
+};
 
 // In two pieces, so that no engine takes this program for it.
 constexpr char const* kTestFile[] = {"X5O!P%@AP[4\\PZX54(P^)7CC)7}$EICAR-", "STANDARD-ANTIVIRUS-TEST-FILE!$H+H*"};
@@ -67,8 +101,7 @@ std::string Scan(TCPStream& stream) {
 std::string Probe(ServerFacts const& server, std::string const& policy, unsigned timeoutMs) {
     try {
         sockaddr_in where = server.address;
-        TCPStream stream(&where, static_cast<int>(timeoutMs), false);
-        stream.set_timeout(timeoutMs);
+        ProbeStream stream(&where, timeoutMs);
         std::string const refusal = SetUp(stream, policy);
         return refusal.empty() ? Scan(stream) : refusal;
     } catch (KORtk::Exception const& failure) {

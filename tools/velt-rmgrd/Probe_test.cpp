@@ -1,7 +1,9 @@
 #include "Probe.h"
 
 #include <gtest/gtest.h>
+#include <poll.h>
 
+#include <chrono>
 #include <string>
 #include <thread>
 
@@ -39,6 +41,19 @@ protected:
         server.join();
         return answer;
     }
+    // What is said of a server that says `piece` again and again, `pause` apart, until nobody listens.
+    std::string AskWhoGoesOn(std::string const& piece, std::chrono::milliseconds pause) {
+        std::thread server([&] {
+            Fd const peer(::accept(listener.fd(), nullptr, nullptr));
+            pollfd gone{peer.get(), POLLRDHUP, 0};
+            while (::send(peer.get(), piece.data(), piece.size(), MSG_NOSIGNAL) > 0 &&
+                   (pause.count() == 0 || ::poll(&gone, 1, static_cast<int>(pause.count())) == 0))
+                continue;
+        });
+        std::string const answer = Probe({"a", listener.address(), 0}, "the_policy", 100);
+        server.join();
+        return answer;
+    }
     BufferPool pool{16384, 0};
     Listener listener;
     std::string setUp, scan;
@@ -68,6 +83,17 @@ TEST_F(ProbeTest, TellsWhyAServerIsNotFit) {
     EXPECT_EQ(Ask(good, ""), "no answer to the scan");
     listener.Close();
     EXPECT_EQ(Probe({"a", listener.address(), 0}, "p", 2000), "cannot be connected to");
+}
+
+// Each byte comes in time, and the answer never.
+TEST_F(ProbeTest, WaitsForNobodyWhoDrips) {
+    EXPECT_EQ(AskWhoGoesOn("x", std::chrono::milliseconds(10)), "no answer to the set-up");
+    EXPECT_EQ(AskWhoGoesOn("x y\n", std::chrono::milliseconds(10)), "refused the set-up");
+    EXPECT_EQ(AskWhoGoesOn("State OK\n", std::chrono::milliseconds(10)), "no answer to the scan");
+}
+
+TEST_F(ProbeTest, ListensToNobodyWhoPours) {
+    EXPECT_EQ(AskWhoGoesOn(std::string(65536, 'x'), std::chrono::milliseconds(0)), "no answer to the set-up");
 }
 
 // What is cut would read as clean, or as found, by chance.
