@@ -172,7 +172,7 @@ Reply Upstream::AfterBrokenWrite(int error) {
 Reply Upstream::SendContent(Content const& content) {
     if (int const error = WriteContent(content)) return AfterBrokenWrite(error);
     Reply const reply = ReadReply(m_timeouts.finalMs);
-    m_unsure = !m_usable && reply.code != 421;
+    m_unsure = (!m_usable && reply.code != 421) || reply.group() == 3;
     if (reply.group() != 3) return reply;
     m_usable = false;
     return NotSmtp();

@@ -39,7 +39,7 @@ public:
 
     bool usable() const { return m_usable; }      // a further transaction may follow
     bool answered() const { return m_answered; }  // the server said something in the last transaction
-    bool unsure() const { return m_unsure; }      // of the last transaction the end was sent, and no answer heard
+    bool unsure() const { return m_unsure; }      // of the last transaction the end was sent, and no answer heard that says what came of it
     bool alive();                                 // the server has neither closed nor spoken out of turn
     void Quit();                                  // says so and waits for nothing
 

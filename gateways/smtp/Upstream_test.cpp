@@ -210,6 +210,39 @@ TEST_F(UpstreamTalk, IsATemporaryFailureWhenTheServerGoesSilent) {
     m_stream.reset();
 }
 
+// An answer to the end of a message that no server gives: it may have kept the message or not.
+TEST_F(UpstreamTalk, IsUnsureOfAMessageWhoseEndIsAnsweredByNothingThatDecides) {
+    for (std::string const answer : {"354 go on\r\n", "what?\r\n", "99 x\r\n"}) {
+        Script([&](Server& server) {
+            Welcome(server);
+            server.Until("DATA\r\n");
+            server.Say("250 ok\r\n250 ok\r\n354 go\r\n");
+            server.Until("\r\n.\r\n");
+            server.Say(answer);
+        });
+        EXPECT_EQ(GreetAndSend(Ship({"b@b"})).front().code, 451) << answer;
+        EXPECT_TRUE(m_upstream->unsure()) << answer;
+        TearDown();
+        SetUp();
+    }
+}
+
+TEST_F(UpstreamTalk, IsSureOfAMessageThatWasRefusedAtItsEnd) {
+    for (std::string const answer : {"451 later\r\n", "421 leaving\r\n", "554 no\r\n"}) {
+        Script([&](Server& server) {
+            Welcome(server);
+            server.Until("DATA\r\n");
+            server.Say("250 ok\r\n250 ok\r\n354 go\r\n");
+            server.Until("\r\n.\r\n");
+            server.Say(answer);
+        });
+        EXPECT_NE(GreetAndSend(Ship({"b@b"})).front().group(), 2) << answer;
+        EXPECT_FALSE(m_upstream->unsure()) << answer;
+        TearDown();
+        SetUp();
+    }
+}
+
 TEST_F(UpstreamTalk, GivesAReplyItsTimeAsAWhole) {
     for (std::string const drop : {"2", "220-x\r\n"}) {
         m_timeouts.greetingMs = 60;

@@ -33,7 +33,8 @@ void Explanation(std::string& out, NotificationFacts const& facts) {
     for (FailedRecipient const& one : facts.failed) {
         out += "\r\n<" + one.address + ">\r\n    " + Printable(one.diagnostic, 800) + "\r\n";
     }
-    out += "\r\nThe other recipients have it. The gateway keeps no copy.\r\n";
+    out += "\r\nThe gateway does not try again to reach them. Any other recipient has the\r\n";
+    out += "message, will have it, or is told of in a report of its own.\r\n";
     out += "Number of this message in the gateway's records: " + facts.auditId + "\r\n";
 }
 

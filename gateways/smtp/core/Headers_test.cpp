@@ -72,6 +72,14 @@ TEST(Notification, IsAReportOfThreePartsWithOneGroupPerRecipient) {
     EXPECT_NE(text.find("Subject: hello\r\nX: y\r\n\r\n--"), std::string::npos) << "the header, and not the body";
 }
 
+// Others may have it, wait for it, or be given up by a report of their own; and there may be none.
+TEST(Notification, ClaimsOfOtherRecipientsNoMoreThanIsSureOfThemAll) {
+    std::string const text = DeliveryNotification(Report("Subject: hello\r\n\r\n"));
+    EXPECT_EQ(text.find("other recipients have it"), std::string::npos);
+    EXPECT_NE(text.find("Any other recipient has the\r\nmessage, will have it, or is told of in a report of its own."),
+              std::string::npos);
+}
+
 TEST(Notification, HasCrLfOnlyAndSevenBitsWhateverTheMessageHad) {
     std::string const text = DeliveryNotification(Report("Subject: \xc3\xa4\n\x01\r\nX: y\n"));
     for (std::size_t i = 0; i < text.size(); ++i) {
