@@ -18,7 +18,8 @@
 namespace smtp {
 namespace {
 
-constexpr std::size_t kMaxWords = 150;  // of each text in a refusal: a reply line has 512 bytes
+constexpr unsigned kLongest = 3'600'000;  // milliseconds; above every limit
+constexpr std::size_t kMaxWords = 150;    // of each text in a refusal: a reply line has 512 bytes
 
 // A relay on this machine is a loop only if it is our own port that answers there. A mail exchanger on this machine
 // comes from a stranger's name server, and is never connected to.
@@ -67,6 +68,7 @@ std::string Delivery::Refusal(std::string const& finding) const {
 std::vector<RecipientFate> Delivery::Deliver(Message& message, std::vector<Verdict> const& verdicts) {
     std::vector<RecipientFate> fates(message.recipients.size());
     m_clientGone = false;
+    if (m_limit.count()) m_end = std::chrono::steady_clock::now() + m_limit;
     m_groups = GroupsOf(message, verdicts, fates);
     for (Group const& group : m_groups) DeliverGroup(message, group, fates);
     return fates;
@@ -110,13 +112,21 @@ std::vector<Reply> Delivery::Send(std::string const& route, Shipment const& ship
     m_reached = kept;
     if (kept) {
         ++Count().upstreamReused;
+        m_upstream->LimitUntil(m_end);
         std::vector<Reply> replies = m_upstream->Send(shipment);
         if (m_upstream->answered() || m_upstream->usable()) return replies;
     }
-    Reply const reached = Reach(route);
+    Reply const reached = LeftOf(1) ? Reach(route) : Reply{451, "4.4.7", "no time was left to try the next server"};
     m_reached = reached.group() == 2;
     if (reached.group() != 2) return std::vector<Reply>(shipment.recipients.size(), reached);
     return m_upstream->Send(shipment);
+}
+
+// 0: nothing is left of the message's limit.
+unsigned Delivery::LeftOf(unsigned timeoutMs) const {
+    using std::chrono::milliseconds;
+    auto const left = std::chrono::duration_cast<milliseconds>(m_end - std::chrono::steady_clock::now()).count();
+    return static_cast<unsigned>(std::clamp<long>(left, 0, timeoutMs));
 }
 
 // A client whose connection was reset hears no answer, and sends the message again. One that only said its last word
@@ -164,12 +174,13 @@ Reply Delivery::Addresses(std::string const& route, std::vector<KORnet::TCPAddr>
 
 // A transparent session has one address, and never leads back here.
 bool Delivery::ConnectNext(std::vector<KORnet::TCPAddr> const& addresses, unsigned& next) {
-    unsigned const timeoutMs = VELT::Proxy::s_pProxyInstance->m_connectTimeoutMs;
+    unsigned const timeoutMs = LeftOf(VELT::Proxy::s_pProxyInstance->m_connectTimeoutMs);
+    if (timeoutMs == 0) return false;
     if (m_settings.transparent && m_settings.showsClient) {
         return next++ < addresses.size() && m_session.ConnectAsClient(timeoutMs);
     }
     bool const checkLoop = m_settings.transparent || m_settings.relayHost.empty() || IsOwnPort(m_settings.relayPort);
-    return m_session.Connect(addresses, next, timeoutMs, checkLoop, 0);
+    return m_session.Connect(addresses, next, timeoutMs, checkLoop, m_limit.count() ? LeftOf(kLongest) : 0);
 }
 
 // Goes through the addresses until a server greets. A server that is there but refuses mail is passed over too.
@@ -181,6 +192,7 @@ Reply Delivery::Walk(std::vector<KORnet::TCPAddr> const& addresses) {
         while (ConnectNext(addresses, next)) {
             ++Count().upstreamConnects;
             m_upstream = std::make_unique<Upstream>(*server.m_stream, m_settings.upstream);
+            m_upstream->LimitUntil(m_end);
             last = m_upstream->Greet(m_settings.greetingName);
             if (last.group() == 2) return last;
             Close();

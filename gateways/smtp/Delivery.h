@@ -3,6 +3,7 @@
 // message of the session. Owner: the session. Thread: the session's. Failure: in the fates; nothing throws.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -26,6 +27,10 @@ public:
     Delivery(Delivery const&) = delete;
     Delivery& operator=(Delivery const&) = delete;
 
+    // From now on, of each message: no content begins to go out later than this after the delivery began. Who was not
+    // tried by then is a failure for now.
+    void LimitTo(std::chrono::seconds limit) { m_limit = limit; }
+
     // Delivers to every recipient whose verdict lets the message pass. A fate for each recipient.
     std::vector<RecipientFate> Deliver(Message& message, std::vector<Verdict> const& verdicts);
 
@@ -46,6 +51,7 @@ public:
 
     // Whether the last message was kept back as its client had left: it will come again, and is not to arrive twice.
     bool clientGone() const { return m_clientGone; }
+    bool ClientIsThere();  // asks now
 
     void Close();  // says QUIT and drops the connection, if there is one
 
@@ -61,7 +67,7 @@ private:
     Reply Addresses(std::string const& route, std::vector<KORnet::TCPAddr>& out) const;
     bool ConnectNext(std::vector<KORnet::TCPAddr> const& addresses, unsigned& next);
     Reply Walk(std::vector<KORnet::TCPAddr> const& addresses);
-    bool ClientIsThere();
+    unsigned LeftOf(unsigned timeoutMs) const;
     void Report(Shipment const& shipment, std::vector<Reply> const& replies) const;
     std::string Server() const;
 
@@ -70,6 +76,8 @@ private:
     std::unique_ptr<Upstream> m_upstream;  // over the stream of the session's server connection
     std::string m_route;                   // where that leads
     std::vector<Group> m_groups;
+    std::chrono::seconds m_limit{0};                                                             // 0: none
+    std::chrono::steady_clock::time_point m_end = std::chrono::steady_clock::time_point::max();  // of this message
     std::function<bool()> m_askBefore;  // empty: whether the client is there
     bool m_reached = false;             // the server of the last group
     bool m_clientGone = false;

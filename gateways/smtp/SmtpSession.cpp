@@ -46,6 +46,7 @@ void SmtpSession::Start() {
     if (m_transparent) m_settings->RelayTo(m_server);
     m_channel.emplace(*m_source.m_stream);
     m_delivery.emplace(*this, *m_settings);
+    if (m_settings->keep.enabled) m_delivery->LimitTo(m_settings->keep.after);
     try {
         Serve();
     } catch (std::exception const&) {  // out of memory, mostly: the client keeps what it has

@@ -61,6 +61,7 @@ std::string DeferredDirectory(VELT::Config& config) {
 KeepSettings ReadKeepSettings(VELT::Config& config) {
     return {ReadSetting<S::StoreAndForward>(config),
             DeferredDirectory(config),
+            std::chrono::seconds(ReadSetting<S::KeepAfter>(config)),
             {ReadSetting<S::RetryPause>(config), ReadSetting<S::RetryPauseLimit>(config)},
             ReadSetting<S::GiveUpAfter>(config)};
 }

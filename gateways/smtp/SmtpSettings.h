@@ -3,6 +3,7 @@
 // Failure: a setting that is absent or unusable is its default, one out of its bounds is brought into them.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -196,6 +197,13 @@ struct attrname_StoreAndForward {
 };
 using StoreAndForward = cfg::bounded<attrname_StoreAndForward, bool, cfg::bool_bounds<false>>;
 
+struct attrname_KeepAfter {
+    static constexpr SettingText text{"smtp", "KeepAfter", "seconds",
+                                      "With StoreAndForward: a message whose delivery takes so long is kept for the "
+                                      "recipients that were not reached by then, and its client answered."};
+};
+using KeepAfter = cfg::bounded<attrname_KeepAfter, unsigned, cfg::integral_bounds<unsigned, 120, 1, 3600>>;
+
 struct attrname_RetryPause {
     static constexpr SettingText text{"smtp", "RetryPause", "seconds",
                                       "How long a retryer leaves a destination alone, or a message that was put off, "
@@ -222,7 +230,7 @@ using Settings =
                       MaxCommandLine, MaxTextLine, MaxHeaderSize, MaxMessageSize, MaxRecipients, MaxErrors,
                       MaxIdleCommands, MaxHops, CommandTimeout, DataTimeout, MinDataRate, UpstreamGreetingTimeout,
                       UpstreamCommandTimeout, UpstreamDataTimeout, UpstreamBlockTimeout, UpstreamFinalTimeout,
-                      TransparentSource, StoreAndForward, RetryPause, RetryPauseLimit, GiveUpAfter>;
+                      TransparentSource, StoreAndForward, KeepAfter, RetryPause, RetryPauseLimit, GiveUpAfter>;
 
 }  // namespace VELTCFG::smtp
 
@@ -245,6 +253,7 @@ struct UpstreamTimeouts {
 struct KeepSettings {
     bool enabled = false;
     std::string directory;  // "/" at its end
+    std::chrono::seconds after{120};
     PauseLimits pause;
     std::int64_t giveUpSeconds = 432000;
 };

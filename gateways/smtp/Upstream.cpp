@@ -53,7 +53,16 @@ Reply Upstream::ReadReply(unsigned timeoutMs) {
     return m_parser.reply();
 }
 
+// What is left of a wait that the limit cuts short.
+unsigned Upstream::Bounded(unsigned timeoutMs) const {
+    using std::chrono::milliseconds;
+    auto const now = std::chrono::steady_clock::now();
+    if (m_end - now >= milliseconds(timeoutMs)) return timeoutMs;
+    return static_cast<unsigned>(std::max<long>(1, std::chrono::duration_cast<milliseconds>(m_end - now).count()));
+}
+
 Reply Upstream::Converse(std::string const& command, unsigned timeoutMs) {
+    timeoutMs = Bounded(timeoutMs);
     m_stream.set_timeout(timeoutMs);
     int const error = m_stream.write(command.data(), static_cast<unsigned>(command.size()));
     return error ? Lost(error) : ReadReply(timeoutMs);
@@ -61,7 +70,7 @@ Reply Upstream::Converse(std::string const& command, unsigned timeoutMs) {
 
 Reply Upstream::Greet(std::string const& ownName) {
     m_usable = true;
-    Reply reply = ReadReply(m_timeouts.greetingMs);
+    Reply reply = ReadReply(Bounded(m_timeouts.greetingMs));
     if (reply.group() != 2) return reply;
     reply = Converse("EHLO " + ownName + "\r\n", m_timeouts.commandMs);
     if (reply.group() == 2) {
@@ -120,10 +129,10 @@ bool Upstream::Exchange(std::vector<std::string> const& commands, std::vector<Re
     for (std::size_t next = 0; next <= last;) {
         std::size_t const end = std::min(next + window, commands.size());
         if (next == last && accepted == 0) return false;  // nobody to send it to
-        m_stream.set_timeout(m_timeouts.commandMs);
+        m_stream.set_timeout(Bounded(m_timeouts.commandMs));
         if (!WriteCommands(commands, next, end)) Lost(0);
         for (; next < end; ++next) {
-            replies[next] = ReadReply(next == last ? m_timeouts.dataMs : m_timeouts.commandMs);
+            replies[next] = ReadReply(Bounded(next == last ? m_timeouts.dataMs : m_timeouts.commandMs));
             if (!m_usable) {
                 std::fill(replies.begin() + static_cast<std::ptrdiff_t>(next), replies.end(), replies[next]);
                 return false;
