@@ -3,9 +3,11 @@
 #include <unistd.h>
 #include <velt/scanning/EngineVersions.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 
 #include "BackOff.h"
 #include "RetryFile.h"
@@ -29,77 +31,105 @@ RetryEnvelope EnvelopeOf(KeptFrom const& from) {
     return envelope;
 }
 
-bool Store(KeptFrom const& from, std::string const& name, RetryEnvelope const& envelope, RetryStatus const& status,
-           Content const& content) {
-    errno = 0;
-    if (StoreRetryFile(from.settings.keep.directory, name, envelope, status, content)) return true;
-    std::string const why = std::strerror(errno);
+void ReportNotStored(KeptFrom const& from, RetryDraft const& draft, std::string const& why) {
     ++Count().storesFailed;
     from.session.Note(events::STORE_FAILED, [&](KORlog::InfoBag& bag) {
-        bag |= names::FILE(from.settings.keep.directory + name + kRetrySuffix);
+        bag |= names::FILE(from.settings.keep.directory + draft.name + kRetrySuffix);
         bag |= names::FINDING(why);
     });
-    return false;
 }
 
-void ReportKept(KeptFrom const& from, std::string const& name, RetryEnvelope const& envelope, RetryStatus const& status,
-                Content const& content) {
+void ReportKept(KeptFrom const& from, RetryDraft const& draft) {
     std::vector<std::string> addresses;
-    for (RetryRecipient const& one : envelope.recipients) addresses.push_back(one.address);
+    for (RetryRecipient const& one : draft.envelope.recipients) addresses.push_back(one.address);
     from.session.Note(events::MESSAGE_KEPT, [&](KORlog::InfoBag& bag) {
-        bag |= names::SENDER(envelope.sender);
+        bag |= names::SENDER(draft.envelope.sender);
         bag |= names::RECIPIENTS(ListOf(addresses));
-        bag |= names::SIZE(static_cast<unsigned long>(content.size()));
-        bag |= names::FILE(from.settings.keep.directory + name + kRetrySuffix);
-        bag |= names::REPLY(status.reason);
+        bag |= names::SIZE(static_cast<unsigned long>(draft.content.size()));
+        bag |= names::FILE(from.settings.keep.directory + draft.name + kRetrySuffix);
+        bag |= names::REPLY(draft.status.reason);
     });
+}
+
+// All of them or none.
+bool Store(KeptFrom const& from, std::vector<RetryDraft> const& drafts) {
+    errno = 0;
+    bool const stored = StoreRetryFiles(from.settings.keep.directory, drafts);
+    std::string const why = stored ? "" : std::strerror(errno);
+    for (RetryDraft const& draft : drafts) stored ? ReportKept(from, draft) : ReportNotStored(from, draft, why);
+    return stored;
+}
+
+// Those of a group whom a second try may reach.
+std::vector<std::size_t> WaitingOf(Delivery::Group const& group, std::vector<RecipientFate> const& fates) {
+    std::vector<std::size_t> waiting;
+    std::copy_if(group.members.begin(), group.members.end(), std::back_inserter(waiting),
+                 [&](std::size_t member) { return fates[member].temporary(); });
+    return waiting;
+}
+
+RetryDraft DraftOf(KeptFrom const& from, Message const& message, Delivery::Group const& group, std::size_t number,
+                   std::vector<std::size_t> const& members, std::vector<RecipientFate> const& fates) {
+    RetryDraft draft;
+    draft.name = number == 1 ? from.auditId : from.auditId + '.' + std::to_string(number);
+    draft.envelope = EnvelopeOf(from);
+    draft.content = message.contentOf(group.content);
+    for (std::size_t const member : members) {
+        Recipient const& recipient = message.recipients[member];
+        draft.envelope.recipients.push_back(
+            {recipient.address, recipient.identity.c_str() ? recipient.identity.c_str() : ""});
+        draft.status.unsure |= fates[member].unsure;
+        draft.status.reason = OneLine(fates[member].reply);
+    }
+    draft.envelope.sender = message.senderText();
+    draft.envelope.engines = EnginesText();
+    draft.envelope.plain = draft.content.plain;
+    draft.envelope.eightBit = draft.content.eightBit;
+    draft.envelope.rewritten = group.content != message.spool.get();
+    draft.status.tries = 1;
+    draft.status.last = draft.envelope.taken;
+    draft.status.recipients.assign(draft.envelope.recipients.size(), RetryStatus::Recipient::Waiting);
+    return draft;
+}
+
+// Groups `begin` to before `end`: all of those of them that wait, or none.
+void KeepTogether(KeptFrom const& from, Message const& message, std::vector<Delivery::Group> const& groups,
+                  std::size_t begin, std::size_t end, std::vector<RecipientFate>& fates) {
+    std::vector<RetryDraft> drafts;
+    std::vector<std::size_t> waiting;
+    for (std::size_t i = begin; i < end; ++i) {
+        std::vector<std::size_t> const members = WaitingOf(groups[i], fates);
+        if (members.empty()) continue;
+        drafts.push_back(DraftOf(from, message, groups[i], i + 1, members, fates));
+        waiting.insert(waiting.end(), members.begin(), members.end());
+    }
+    if (drafts.empty() || !Store(from, drafts)) return;
+    for (std::size_t i = 0; i < drafts.size(); ++i) ++Count().messagesKept;
+    for (std::size_t const member : waiting) fates[member].kind = RecipientFate::Kind::Kept;
 }
 
 }  // namespace
 
-void KeepGroup(KeptFrom const& from, Message const& message, Delivery::Group const& group, unsigned number,
-               std::vector<RecipientFate>& fates) {
-    RetryEnvelope envelope = EnvelopeOf(from);
-    RetryStatus status;
-    std::vector<std::size_t> kept;
-    for (std::size_t const member : group.members) {
-        if (!fates[member].temporary()) continue;
-        Recipient const& recipient = message.recipients[member];
-        envelope.recipients.push_back(
-            {recipient.address, recipient.identity.c_str() ? recipient.identity.c_str() : ""});
-        status.unsure |= fates[member].unsure;
-        status.reason = OneLine(fates[member].reply);
-        kept.push_back(member);
-    }
-    if (kept.empty()) return;
-    Content const content = message.contentOf(group.content);
-    envelope.sender = message.senderText();
-    envelope.engines = EnginesText();
-    envelope.plain = content.plain;
-    envelope.eightBit = content.eightBit;
-    envelope.rewritten = group.content != message.spool.get();
-    status.tries = 1;
-    status.last = envelope.taken;
-    status.recipients.assign(kept.size(), RetryStatus::Recipient::Waiting);
-    std::string const name = number == 1 ? from.auditId : from.auditId + '.' + std::to_string(number);
-    if (!Store(from, name, envelope, status, content)) return;
-    for (std::size_t const member : kept) fates[member].kind = RecipientFate::Kind::Kept;
-    ++Count().messagesKept;
-    ReportKept(from, name, envelope, status, content);
+void KeepRest(KeptFrom const& from, Message const& message, std::vector<Delivery::Group> const& groups,
+              std::vector<RecipientFate>& fates) {
+    bool const someHaveIt = std::any_of(fates.begin(), fates.end(), [](RecipientFate const& one) {
+        return one.kind == RecipientFate::Kind::Delivered;
+    });
+    std::size_t const step = someHaveIt ? 1 : groups.size();
+    for (std::size_t i = 0; i < groups.size(); i += step) KeepTogether(from, message, groups, i, i + step, fates);
 }
 
 bool KeepNotification(KeptFrom const& from, Message const& message, std::string const& text, std::string const& name) {
     std::string const path = from.settings.keep.directory + name + kRetrySuffix;
     if (::access(path.c_str(), F_OK) == 0) return true;
-    RetryEnvelope envelope = EnvelopeOf(from);
-    envelope.recipients = {{message.senderText(), ""}};
-    RetryStatus status;
-    status.recipients = {RetryStatus::Recipient::Waiting};
-    Content content;
-    content.text = text;
-    if (!Store(from, name, envelope, status, content)) return false;
+    RetryDraft draft;
+    draft.name = name;
+    draft.envelope = EnvelopeOf(from);
+    draft.envelope.recipients = {{message.senderText(), ""}};
+    draft.status.recipients = {RetryStatus::Recipient::Waiting};
+    draft.content.text = text;
+    if (!Store(from, {std::move(draft)})) return false;
     ++Count().notificationsKept;
-    ReportKept(from, name, envelope, status, content);
     return true;
 }
 

@@ -23,10 +23,11 @@ struct KeptFrom {
     bool inbound;
 };
 
-// Keeps the group's content for those of its members whose fate may be another at a second try; their fate is Kept
-// then. `number`: which group of the message it is, from 1.
-void KeepGroup(KeptFrom const& from, Message const& message, Delivery::Group const& group, unsigned number,
-               std::vector<RecipientFate>& fates);
+// Keeps the message, a file for each group, for those recipients whose fate may be another at a second try; their fate
+// is Kept then. Where nobody else has the message all groups are kept or none, as its client can be told to send it
+// again; otherwise as many as can be.
+void KeepRest(KeptFrom const& from, Message const& message, std::vector<Delivery::Group> const& groups,
+              std::vector<RecipientFate>& fates);
 
 // Keeps a notification to the sender of the message. `name` of its file, by which it is known: it is kept once, however
 // often it is asked for.

@@ -82,38 +82,39 @@ bool WriteMessage(int fd, Content const& content, RetryLayout& layout) {
 }
 
 // The first line comes last: a file that was not finished does not begin as one that was.
-bool WriteAll(int fd, RetryEnvelope const& envelope, RetryStatus const& status, Content const& content) {
-    std::string const head = WriteEnvelope(envelope);
+bool WriteAll(int fd, RetryDraft const& draft) {
+    std::string const head = WriteEnvelope(draft.envelope);
     RetryLayout layout;
     layout.envelopeLength = head.size();
     layout.envelopeSum = Checksum(head);
-    layout.slotLength = SlotLength(status.recipients.size());
-    layout.messageLength = content.size();
-    std::string const slot = WriteSlot(status);
+    layout.slotLength = SlotLength(draft.status.recipients.size());
+    layout.messageLength = draft.content.size();
+    std::string const slot = WriteSlot(draft.status);
     errno = EFBIG;
     if (head.size() > RetryLayout::kMaxEnvelope) return false;
-    return WriteAt(fd, head + slot + slot, RetryLayout::kFirstLine) && WriteMessage(fd, content, layout) &&
-           WriteAt(fd, WriteFirstLine(layout), 0) && (status.tries == 0 || SetBehind(fd)) && Flush(fd);
+    return WriteAt(fd, head + slot + slot, RetryLayout::kFirstLine) && WriteMessage(fd, draft.content, layout) &&
+           WriteAt(fd, WriteFirstLine(layout), 0) && (draft.status.tries == 0 || SetBehind(fd)) && Flush(fd);
 }
 
-bool WriteFile(std::string const& path, RetryEnvelope const& envelope, RetryStatus const& status,
-               Content const& content) {
+bool WriteFile(std::string const& path, RetryDraft const& draft) {
     int const fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) return false;
-    bool const written = WriteAll(fd, envelope, status, content);
+    bool const written = WriteAll(fd, draft);
     int const error = errno;
     bool const closed = ::close(fd) == 0 || errno == EINTR;  // some file systems tell only here of a write that failed
     if (!written) errno = error;
     return written && closed;
 }
 
-// False, with the errno of before: the work is undone.
-bool Undo(std::string const& path) {
-    int const error = errno;
-    ::unlink(path.c_str());
-    errno = error;
-    return false;
-}
+// Work that came to no end is undone, and errno is what it was.
+struct Undo {
+    std::vector<std::string> paths;
+    ~Undo() {
+        int const error = errno;
+        for (std::string const& path : paths) ::unlink(path.c_str());
+        errno = error;
+    }
+};
 
 bool IsLongUnfinished(fs::directory_entry const& entry) {
     std::error_code error;
@@ -140,13 +141,21 @@ bool MakeRetryDirectory(std::string const& directory, long user, long group) {
     return !made || ::chown(directory.c_str(), static_cast<uid_t>(user), static_cast<gid_t>(group)) == 0;
 }
 
-bool StoreRetryFile(std::string const& directory, std::string const& name, RetryEnvelope const& envelope,
-                    RetryStatus const& status, Content const& content) {
-    std::string const unfinished = directory + name + kUnfinishedSuffix;
-    std::string const path = directory + name + kRetrySuffix;
-    if (!WriteFile(unfinished, envelope, status, content)) return Undo(unfinished);
-    if (::rename(unfinished.c_str(), path.c_str()) != 0) return Undo(unfinished);
-    return FlushDirectory(directory) || Undo(path);
+// Names come last and close together: what fails mostly fails before the first one, and nobody has seen anything.
+bool StoreRetryFiles(std::string const& directory, std::vector<RetryDraft> const& drafts) {
+    Undo undo;
+    for (RetryDraft const& draft : drafts) {
+        undo.paths.push_back(directory + draft.name + kUnfinishedSuffix);
+        if (!WriteFile(undo.paths.back(), draft)) return false;
+    }
+    for (std::size_t i = 0; i < drafts.size(); ++i) {
+        std::string const path = directory + drafts[i].name + kRetrySuffix;
+        if (::rename(undo.paths[i].c_str(), path.c_str()) != 0) return false;
+        undo.paths[i] = path;
+    }
+    if (!FlushDirectory(directory)) return false;
+    undo.paths.clear();
+    return true;
 }
 
 unsigned long SweepUnfinished(std::string const& directory) {

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "Message.h"
 #include "core/RetryFormat.h"
@@ -20,10 +21,17 @@ inline constexpr char const* kUnfinishedSuffix = ".rmd.tmp";
 // whose the process is). False, with errno: it is not there, or not as it has to be.
 bool MakeRetryDirectory(std::string const& directory, long user, long group);
 
-// Writes a whole file. `directory` ends in "/". tries of 0: it is due at once; otherwise it begins with a rest.
-// True: it is there after whatever happens to the machine. False, with errno: it is not there.
-bool StoreRetryFile(std::string const& directory, std::string const& name, RetryEnvelope const& envelope,
-                    RetryStatus const& status, Content const& content);
+// What is to become a file; the content is borrowed.
+struct RetryDraft {
+    std::string name;
+    RetryEnvelope envelope;
+    RetryStatus status;  // tries of 0: it is due at once; otherwise it begins with a rest
+    Content content;
+};
+
+// Writes whole files. `directory` ends in "/".
+// True: all are there after whatever happens to the machine. False, with errno: none is there.
+bool StoreRetryFiles(std::string const& directory, std::vector<RetryDraft> const& drafts);
 
 // Removes what writers left behind that came to no end; how many. Younger than an hour: it may still be written.
 unsigned long SweepUnfinished(std::string const& directory);

@@ -124,7 +124,7 @@ protected:
     bool Store(std::string const& name = "a1") {
         Content content;
         content.text = m_message;
-        return StoreRetryFile(m_directory, name, m_envelope, m_status, content);
+        return StoreRetryFiles(m_directory, {{name, m_envelope, m_status, content}});
     }
     std::string Path(std::string const& name = "a1") const { return m_directory + name + ".rmd"; }
     std::unique_ptr<RetryFile> Open(std::string const& path) const {
@@ -249,7 +249,7 @@ TEST_F(RetryFiles, HoldMessagesOfASpoolInMemoryAndOnDisk) {
         ASSERT_EQ(velt_testing::Put(spool, m_message), static_cast<long>(size));
         Content content;
         content.spool = &spool;
-        ASSERT_TRUE(StoreRetryFile(m_directory, "a1", m_envelope, m_status, content));
+        ASSERT_TRUE(StoreRetryFiles(m_directory, {{"a1", m_envelope, m_status, content}}));
         EXPECT_EQ(Fault(Path()), RetryFault::None);
         EXPECT_EQ(Message(Path()), m_message);
     }
@@ -383,6 +383,24 @@ TEST_F(RetryFiles, AreThereOrNotAsTheWriterSaysWhateverCallFails) {
         }
         EXPECT_TRUE(fs::exists(Path()));
     }
+}
+
+// One mail in two files: its client is told one thing of both.
+TEST_F(RetryFiles, OfOneMailAreAllThereOrNoneWhateverCallFails) {
+    Content content;
+    content.text = m_message;
+    bool stored = false;
+    for (int n = 1; !stored; ++n) {
+        Calls::made = 0;
+        Calls::failing = n;
+        Calls::watched = true;
+        stored = StoreRetryFiles(m_directory,
+                                 {{"a1", m_envelope, m_status, content}, {"a1.2", m_envelope, m_status, content}});
+        Calls::watched = false;
+        EXPECT_EQ(NamesIn(m_directory).size(), stored ? 2u : 0u) << n;
+        ASSERT_LT(n, 1000);
+    }
+    for (char const* const name : {"a1", "a1.2"}) EXPECT_EQ(Fault(Path(name)), RetryFault::None) << name;
 }
 
 TEST_F(RetryFiles, InterruptedCallsAreMadeAgain) {

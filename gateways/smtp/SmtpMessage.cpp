@@ -1,6 +1,7 @@
 // The part of SmtpSession that begins with DATA: receive, scan, deliver, answer.
 #include <KORnet/Addr.h>
 
+#include <algorithm>
 #include <ctime>
 
 #include <velt/streams/TCPStream.h>
@@ -115,13 +116,24 @@ Reply SmtpSession::ScanAndDeliver() {
     return Deliver(verdicts);
 }
 
+// A client that has left heard no 250 and sends the message again. It is asked for again before anything is kept: the
+// delivery may have taken long, and what is kept would arrive a second time.
+bool SmtpSession::IsClientGone(std::vector<RecipientFate> const& fates) {
+    if (m_delivery->clientGone()) return true;
+    bool const keeps =
+        m_settings->keep.enabled &&
+        std::any_of(fates.begin(), fates.end(), [](RecipientFate const& one) { return one.temporary(); });
+    return keeps && !m_delivery->ClientIsThere();
+}
+
 Reply SmtpSession::Deliver(std::vector<Verdict> const& verdicts) {
     std::vector<RecipientFate> fates = m_delivery->Deliver(m_message, verdicts);
-    if (m_delivery->clientGone()) {
+    if (IsClientGone(fates)) {
         ++Count().clientsGone;
         Note(events::CLIENT_GONE, [&](KORlog::InfoBag& bag) { bag |= names::REPLY("no answer is wanted any more"); });
+        return {451, "4.4.2", "client left before the message was taken"};
     }
-    if (m_settings->keep.enabled && !m_delivery->clientGone()) Keep(fates);
+    if (m_settings->keep.enabled) KeepRest(KeptNow(), m_message, m_delivery->groups(), fates);
     Decision const decision = Decide(fates, m_id);
     if (decision.reply.status == "5.4.6") {
         Note(events::MAIL_LOOP, [&](KORlog::InfoBag& bag) { bag |= names::SERVER(m_settings->relayHost); });
@@ -130,12 +142,6 @@ Reply SmtpSession::Deliver(std::vector<Verdict> const& verdicts) {
 }
 
 KeptFrom SmtpSession::KeptNow() const { return {*this, *m_settings, m_id, m_conversationId, m_hello, IsInBound()}; }
-
-// What may succeed later waits here for it, content by content.
-void SmtpSession::Keep(std::vector<RecipientFate>& fates) {
-    unsigned number = 0;
-    for (Delivery::Group const& group : m_delivery->groups()) KeepGroup(KeptNow(), m_message, group, ++number, fates);
-}
 
 Reply SmtpSession::TellSender(std::vector<RecipientFate> const& fates, Reply const& accepted) {
     std::vector<std::string> missed;

@@ -71,7 +71,7 @@ private:
     Reply Deliver(std::vector<Verdict> const& verdicts);
     Reply TellSender(std::vector<RecipientFate> const& fates, Reply const& accepted);
     KeptFrom KeptNow() const;
-    void Keep(std::vector<RecipientFate>& fates);
+    bool IsClientGone(std::vector<RecipientFate> const& fates);
     void ReportMessage(Reply const& reply);
     std::string ReceivedFor() const;
 

@@ -1,6 +1,7 @@
 // A library to be loaded before the C library: the process that makes the n-th call of those that change what is on
 // disk dies of SIGKILL in its place. VELT_DYING_CALLS names a file with two numbers of 64 bits: n, and how many calls
-// were made so far, by whatever process; n of 0: nobody dies. Who died has set n to 0.
+// were made so far, by whatever process; n of 0: nobody dies. With -n the call fails with EIO instead. Whoever it hit
+// has set n to 0.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -9,6 +10,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 
 namespace {
@@ -27,12 +29,14 @@ Plan* MapPlan() {
     return mapped == MAP_FAILED ? nullptr : static_cast<Plan*>(mapped);
 }
 
-void Count() {
+bool Fails() {
     static Plan* const plan = MapPlan();
-    if (!plan || plan->at == 0) return;
-    if (++plan->made != plan->at) return;
+    long const at = plan ? plan->at.load() : 0;
+    if (at == 0 || ++plan->made != std::labs(at)) return false;
     plan->at = 0;
-    ::kill(::getpid(), SIGKILL);
+    if (at > 0) ::kill(::getpid(), SIGKILL);
+    errno = EIO;
+    return true;
 }
 
 template <class Call>
@@ -45,26 +49,26 @@ Call Real(char const* name) {
 #define SHOWN extern "C" __attribute__((visibility("default")))
 
 SHOWN ssize_t pwrite(int fd, void const* data, size_t length, off_t at) {
-    Count();
+    if (Fails()) return -1;
     return Real<ssize_t (*)(int, void const*, size_t, off_t)>("pwrite")(fd, data, length, at);
 }
 SHOWN int fsync(int fd) {
-    Count();
+    if (Fails()) return -1;
     return Real<int (*)(int)>("fsync")(fd);
 }
 SHOWN int futimens(int fd, timespec const* times) {
-    Count();
+    if (Fails()) return -1;
     return Real<int (*)(int, timespec const*)>("futimens")(fd, times);
 }
 SHOWN int rename(char const* from, char const* to) {
-    Count();
+    if (Fails()) return -1;
     return Real<int (*)(char const*, char const*)>("rename")(from, to);
 }
 SHOWN int unlink(char const* path) {
-    Count();
+    if (Fails()) return -1;
     return Real<int (*)(char const*)>("unlink")(path);
 }
 SHOWN int lockf(int fd, int command, off_t length) {
-    Count();
+    if (Fails()) return -1;
     return Real<int (*)(int, int, off_t)>("lockf")(fd, command, length);
 }

@@ -13,8 +13,8 @@ import unittest
 import harness
 import mail_sink
 import smtp_case
-from deferred_case import GIVEN_UP, NO_FILE, RESENT, DeferredCase, message_id, numbered
-from smtp_case import DEFERRED, SENDER, STAFF
+from deferred_case import GIVEN_UP, NO_FILE, RESENT, STORE_FAILED, DeferredCase, message_id, numbered
+from smtp_case import BOARD, DEFERRED, NOTIFIED, PHRASE, RULE_HIT, SENDER, STAFF, body
 
 WORKER, CLIENT_GONE = (10000, 54), (60000, 14)
 COUNT = int(os.environ.get("VELT_DEFERRED_MAILS", 60))
@@ -76,8 +76,8 @@ class Killed(DeferredCase):
         self.assertLessEqual(again, len(self.events(*RESENT)) + self.repeats, arrived)
 
 
-class Dying(DeferredCase):
-    """A process dies in the place of each call that changes what is on disk, one after the other."""
+class CallsCase(DeferredCase):
+    """Each call that changes what is on disk is the last of its process, or fails, one after the other."""
     LIBRARY = os.environ.get("VELT_DYING_CALLS_LIBRARY", "")
 
     def setUp(self):
@@ -92,21 +92,65 @@ class Dying(DeferredCase):
     def dying(self):
         return {"LD_PRELOAD": self.LIBRARY, "VELT_DYING_CALLS": str(self.plan)}
 
-    def dying_retryer(self):
-        """One that has begun its work: what it does from now on is what a walk and its sessions do."""
-        daemon = self.retryer(environment=self.dying)
-        harness.wait_until(daemon.workers, "a retryer at work")
-
     def arm(self, call):
+        """The process that makes so many calls dies of the last one; of -n the n-th call fails."""
         with open(self.plan, "r+b") as file:
             file.write(struct.pack("qq", call, 0))
 
-    def someone_died(self):
-        """False: fewer calls were made, and nobody will die of them any more."""
+    def was_hit(self):
+        """False: fewer calls were made, and nobody will be hit any more."""
         with open(self.plan, "r+b") as file:
             at, _ = struct.unpack("qq", file.read(16))
         self.arm(0)
         return at == 0
+
+    def sweep(self, act, sign=1):
+        """act() with the first call as the one that is hit, with the second, and so on until none is."""
+        for call in range(1, 100):
+            self.arm(sign * call)
+            act()
+            if not self.was_hit():
+                return call - 1
+        self.fail("no end of calls")
+
+
+class Failing(CallsCase):
+    phrase = "REPLACE"
+
+    def test_mail_of_two_contents_is_kept_whole_or_stays_with_its_client(self):
+        self.begin(environment=self.dying)
+        self.provokes(RULE_HIT, STORE_FAILED, DEFERRED)
+        self.away()
+
+        def keep():
+            before = set(self.directory.iterdir())
+            reply = self.client().mail(body(PHRASE), [STAFF, BOARD])
+            made = set(self.directory.iterdir()) - before
+            self.assertEqual((reply[:3], len(made)), ("250", 2) if made else ("451", 0))
+        self.assertGreater(self.sweep(keep, -1), 12)
+
+    def test_who_has_it_has_it_and_what_can_be_kept_is(self):
+        """Nobody may be told to send again what somebody has: what one file cannot hold another one may."""
+        self.begin(environment=self.dying)
+        self.provokes(RULE_HIT, STORE_FAILED, NOTIFIED)
+        self.sink.replies = {f"RCPT {one}": "451 4.2.1 later" for one in (BOARD, "dora@inside.example")}
+        self.arm(-1)
+        recipients = [STAFF, "dora@inside.example", BOARD]
+        self.assertRegex(self.client().mail(body(PHRASE), recipients), r"^250 ")
+        self.assertEqual(len(self.waiting()), 1)
+        report = self.sink.wait_messages(2)[1]
+        self.assertEqual(report.recipients, [SENDER])
+        self.assertIn(b"dora@inside.example", report.content)
+        self.assertNotIn(BOARD.encode(), report.content)
+
+
+class Dying(CallsCase):
+    """A process dies in the place of each call."""
+
+    def dying_retryer(self):
+        """One that has begun its work: what it does from now on is what a walk and its sessions do."""
+        daemon = self.retryer(environment=self.dying)
+        harness.wait_until(daemon.workers, "a retryer at work")
 
     def mail(self):
         """A mail with a number of its own, sent until it is taken."""
@@ -122,19 +166,10 @@ class Dying(DeferredCase):
     def resent(self):
         return len(self.events(*RESENT))
 
-    def sweep_the_dead(self, act):
-        """act() with the first call as the last one, with the second, and so on until nobody dies."""
-        for call in range(1, 100):
-            self.arm(call)
-            act()
-            if not self.someone_died():
-                return call - 1
-        self.fail("no end of calls")
-
     def test_gateway_that_dies_while_it_keeps_a_mail_has_told_nobody_that_it_has_it(self):
         self.begin(environment=self.dying)
         self.away()
-        self.assertGreater(self.sweep_the_dead(self.mail), 6)
+        self.assertGreater(self.sweep(self.mail), 6)
         self.back()
         self.retryer()
         self.wait_empty()
@@ -152,7 +187,7 @@ class Dying(DeferredCase):
             self.wait_empty()
             self.assertGreaterEqual(self.copies(number), 1)
             harness.wait_until(lambda: self.copies(number) - 1 <= self.resent() - before, "a count of each second copy")
-        self.assertGreater(self.sweep_the_dead(deliver), 5)
+        self.assertGreater(self.sweep(deliver), 5)
 
     def test_retryer_that_dies_while_it_gives_up_tells_the_sender_once(self):
         self.begin()
@@ -168,7 +203,7 @@ class Dying(DeferredCase):
             self.assertGreaterEqual(len(reports), 1)
             self.assertLessEqual(len({message_id(one.content) for one in reports}), 1)
             self.assertIn(f"<{number}@outside.example>".encode(), reports[0].content)
-        self.assertGreater(self.sweep_the_dead(give_up), 8)
+        self.assertGreater(self.sweep(give_up), 8)
 
     def test_mail_whose_try_ends_the_worker_rests_before_the_next(self):
         self.begin(smtpretryer={"RetryInterval": 5})

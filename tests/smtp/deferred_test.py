@@ -113,9 +113,38 @@ class Kept(DeferredCase):
         self.noted(DEFERRED)
         self.assertEqual(self.waiting(), [])
 
-    def _leave(self, session):
+    def test_server_that_has_the_message_is_waited_for_beyond_that(self):
+        self.begin(smtp={"KeepAfter": 1})
+        self.sink.replies = {"END": self._think}
+        self.assertRegex(self.client().mail(), r"^250 ")
+        self.assertEqual(self.waiting(), [])
+        self.assertEqual(len(self.sink.messages), 1)
+
+    @staticmethod
+    def _think(session):
+        time.sleep(2)  # the server's own time, above the limit
+        return "250 2.0.0 stored"
+
+    def test_client_that_left_during_the_delivery_sends_again_and_nothing_is_kept(self):
+        self.begin(smtp={"KeepAfter": 2})
+        self.provokes((60000, 14), DEFERRED)
+        self.sink.fault = "stall-at-greeting"
+        self.leaving = self.client()
+        self.leaving.hello()
+        self.leaving.envelope()
+        self.leaving.ask("DATA")
+        self.leaving.send(body() + b".\r\n")
+        harness.wait_until(self.sink.stalled.is_set, "a delivery under way")
+        self._reset()
+        self.noted(DEFERRED)
+        self.assertEqual(self.waiting(), [])
+
+    def _reset(self):
         self.leaving.socket.setsockopt(mail_sink.socket.SOL_SOCKET, mail_sink.socket.SO_LINGER, b"\1\0\0\0\0\0\0\0")
         self.leaving.close()
+
+    def _leave(self, session):
+        self._reset()
         time.sleep(0.2)  # the reset is on its way over loopback
         return "354 go on"
 
@@ -287,6 +316,17 @@ class Retried(DeferredCase):
 class TwoContents(DeferredCase):
     """Policy changed the mail for some of its recipients: it waits in two files."""
     phrase = "REPLACE"
+
+    def test_client_is_answered_before_every_content_was_waited_for(self):
+        self.begin(smtp={"KeepAfter": 2})
+        self.provokes(RULE_HIT)
+        self.sink.fault = "stall-at-greeting"
+        client, began = self.client(), time.monotonic()
+        self.assertRegex(client.mail(body(PHRASE), [STAFF, BOARD]), r"^250 ")
+        self.assertLess(time.monotonic() - began, harness.bound(10))
+        self.assertEqual({event["values"]["smtp_reply"] for event in self.noted(KEPT, 2)},
+                         {"451 4.4.2 next server went silent", "451 4.4.7 no time was left to try the next server"})
+        self.assertEqual(len(self.waiting()), 2)
 
     def test_each_file_of_a_mail_has_its_recipients_told_of(self):
         self.begin()

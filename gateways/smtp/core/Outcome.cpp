@@ -38,8 +38,8 @@ Reply WithoutNotification(std::vector<RecipientFate> const& fates) {
     if (missed == fates.end()) return {250, "2.0.0", "accepted"};
     std::string status = StatusOf(missed->reply);
     status.front() = '5';  // nobody tries again
-    bool const had = std::any_of(fates.begin(), fates.end(),
-                                 [](RecipientFate const& fate) { return fate.kind == Kind::Delivered; });
+    bool const had =
+        std::any_of(fates.begin(), fates.end(), [](RecipientFate const& fate) { return fate.kind == Kind::Delivered; });
     std::string const who = had ? "some recipients have the message" : "some recipients will have the message";
     return {554, status, who + ", others do not: " + Printable(missed->reply.text, 400)};
 }
