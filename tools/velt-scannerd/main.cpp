@@ -16,13 +16,21 @@ class ScannerdProxy : public VELT::Proxy {
 public:
     int ProxyInit() override {
         bool const wanted = VELT::ReadSetting<VELTCFG::scannerd::Announce>(m_config);
-        if (wanted) scannerd::Announce(GetSvcBindings(), m_proxyName, m_acceptCount * m_maxConnections);
+        if (wanted) Announce();
         unsigned long const stale = VELT::RemoveStaleSpool(m_scanDir);
         if (stale) {
             VELT::LogEvent(scannerd::events::SPOOL_SWEPT,
                            [&] { return KORlog::InfoBag(scannerd::names::ITEMS(stale)); });
         }
         return 0;
+    }
+
+private:
+    void Announce() {
+        scannerd::Facts facts{{}, m_proxyName, m_acceptCount * m_maxConnections};
+        for (sockaddr_in const* const address : GetSvcBindings()) facts.addresses.push_back(*address);
+        scannerd::Announce(
+            facts, [this] { m_serviceLoop->StopServices(); }, [this] { SetUidAndGid(); });
     }
 };
 
