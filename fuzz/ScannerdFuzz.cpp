@@ -21,8 +21,9 @@ namespace {
 // Engines whose content after the scan is the item itself; they ask for the client's attributes twice.
 class Desk : public scannerd::Desk {
 public:
-    InternedString Intern(std::string const& name) override {
-        return InternedString(m_names.insert(name).first->c_str());
+    bool Intern(std::string const& name, InternedString& interned) override {
+        interned = InternedString(m_names.insert(name).first->c_str());
+        return true;
     }
     int Scan(VELT::ScanContext& context, bool fallback, VELT::ScanOutput*& output) override {
         Require(context.policy && context.data && context.identities.size() == 1, "an item that is whole");

@@ -5,7 +5,7 @@ import struct
 import unittest
 
 import harness
-from scannerd_case import (EICAR, GONE, REFUSED, SILENT, TOO_LARGE, ScannerdCase, mail, scan, set_up, wide)
+from scannerd_case import (EICAR, GONE, REFUSED, SILENT, TOO_LARGE, TOO_MANY_NAMES, ScannerdCase, mail, scan, set_up, wide)
 
 GROWTH = 48 * 1024  # KiB; a sanitizer's memory is not the daemon's
 
@@ -71,6 +71,29 @@ class Hostile(ScannerdCase):
             self.assertTrue(client.verdict(scan()).triggered)
             client.close()
         self.assert_bounded(worker, before)
+
+    def test_names_without_end_are_forgotten_with_their_process(self):
+        self.begin()
+        (worker,) = self.workers()
+        before = harness.resident_kib(worker)
+        self.expect(*TOO_MANY_NAMES)
+        self.expect_end(worker)
+        taken = 0
+        while taken < 1000 and self.name_is_taken(f"{taken} " + "x" * 8000):
+            taken += 1
+        self.assertGreater(taken, 100)
+        if not harness.SANITIZED:
+            self.assertLess(harness.resident_kib(worker) - before, GROWTH)
+        harness.wait_until(lambda: self.workers() not in ([], [worker]), "a successor")
+        self.wait_gone(worker)
+        self.assert_still_scans()
+        self.assertTrue(self.name_is_taken("another one"))
+
+    def name_is_taken(self, name):
+        client = self.client()
+        state = client.state(set_up(mail(), policy=name))
+        client.close()
+        return state == "OK"
 
     def test_numbers_without_measure_are_refused(self):
         self.begin()

@@ -33,6 +33,8 @@ constexpr unsigned kRestMs = 2000;                     // and for how long
 constexpr unsigned kFirstRestMs = 200;                 // until it says something more
 constexpr int kGraceMs = 1000;                         // for the first request of a client, when the process stops
 
+constexpr char const* kNoRoomForName = "more names of policies and identities than a process keeps";
+
 // A plain output is a scan agent's of tests: it owns neither its result nor its content.
 struct DropOutput {
     void operator()(ScanOutput* output) const {
@@ -181,7 +183,7 @@ char const* Conversation::TakeFields(StreamRequest const& request) {
     if (!number) return "no size";
     if (!policy) return "no policy";
     m_size = *number;
-    m_context.policy = m_desk.Intern(*policy);
+    if (!m_desk.Intern(*policy, m_context.policy)) return kNoRoomForName;
     return nullptr;
 }
 
@@ -233,12 +235,10 @@ bool Conversation::Load(int fd) {
     return file.spool_from_disk(path.c_str()) == 0 && file.size() == m_size && file.spool_to_stream(m_data.get()) == 0;
 }
 
-bool Conversation::TakeScanFields(StreamRequest const& request) {
+bool Conversation::TakeIdentity(StreamRequest const& request) {
     std::string const* const identity = Find(request, "identity");
-    m_context.identities.assign(1, identity ? m_desk.Intern(*identity) : InternedString());
-    m_mayAsk = IsSet(request, "connattr");
-    m_badAnswer = false;
-    return IsSet(request, "fallbackscan");
+    m_context.identities.assign(1, InternedString());
+    return !identity || m_desk.Intern(*identity, m_context.identities[0]);
 }
 
 // The engines own the attributes from the first scan on, and keep what they have read.
@@ -255,9 +255,11 @@ int Conversation::RunScan(bool fallback, ScanOutput*& output) {
 }
 
 Conversation::State Conversation::Scan(StreamRequest const& request) {
-    bool const fallback = TakeScanFields(request);
+    if (!TakeIdentity(request)) return Refuse(Trouble::RequestRefused, kNoRoomForName);
+    m_mayAsk = IsSet(request, "connattr");
+    m_badAnswer = false;
     ScanOutput* made = nullptr;
-    int const result = RunScan(fallback, made);
+    int const result = RunScan(IsSet(request, "fallbackscan"), made);
     std::unique_ptr<ScanOutput, DropOutput> const output(made);
     if (m_wire.end() != Wire::End::None || m_wire.lost()) return Ended("while it was asked for its attributes");
     if (m_badAnswer) return Refuse(Trouble::RequestRefused, "attributes that cannot be read");

@@ -30,7 +30,8 @@ class Desk {
 public:
     virtual ~Desk() = default;
 
-    virtual InternedString Intern(std::string const& name) = 0;  // of a policy or an identity
+    // Of a policy or an identity. False: there is no room for another name.
+    virtual bool Intern(std::string const& name, InternedString& interned) = 0;
     // One scan, of the context's only identity. 0: `output` is set, and the caller's; anything else: nothing is known.
     virtual int Scan(VELT::ScanContext& context, bool fallback, VELT::ScanOutput*& output) = 0;
     virtual void ItemEnds() = 0;  // the context is about to be used anew
@@ -78,7 +79,7 @@ private:
     State TakeFile(std::string const& path);
     bool Load(int fd);
     State Scan(VELT::StreamRequest const& request);
-    bool TakeScanFields(VELT::StreamRequest const& request);
+    bool TakeIdentity(VELT::StreamRequest const& request);
     State ScanFailed(char const* why);
     State Answer(VELT::ScanOutput& output);
     State Park(VELT::StreamRequest const& request);

@@ -53,8 +53,10 @@ struct Asked {
 // Engines that do as the test says.
 class ScriptedDesk : public Desk {
 public:
-    InternedString Intern(std::string const& name) override {
-        return InternedString(m_names.insert(name).first->c_str());
+    bool Intern(std::string const& name, InternedString& interned) override {
+        if (name == noRoomFor) return false;
+        interned = InternedString(m_names.insert(name).first->c_str());
+        return true;
     }
 
     int Scan(VELT::ScanContext& context, bool fallback, VELT::ScanOutput*& output) override {
@@ -78,6 +80,7 @@ public:
 
     int result = 0;
     std::string after;  // the content after the scan
+    std::string noRoomFor;
     std::function<void(VELT::ScanContext&, VELT::ScanOutput&)> engine;
     std::vector<Asked> asked;
     std::vector<Step> steps;
@@ -120,6 +123,16 @@ protected:
     bool m_local = true;
     Conversation* m_conversation = nullptr;
 };
+
+TEST_F(ConversationTest, RefusesANameThatThereIsNoRoomFor) {
+    char const* const why = "more names of policies and identities than a process keeps";
+    m_desk.noRoomFor = "content_in";
+    ExpectRefused(ItemOf("a mail"), Trouble::RequestRefused, why);
+    m_desk.noRoomFor = "staff";
+    EXPECT_EQ(Answers(ItemOf("a mail") + "get scan\nidentity staff\n\n"), std::string(kOk) + kDenied);
+    EXPECT_EQ(m_desk.lastWhy, why);
+    EXPECT_TRUE(m_desk.asked.empty());
+}
 
 TEST_F(ConversationTest, AnswersAnItemInLine) {
     EXPECT_EQ(Answers(ItemOf("a mail") + "get scan\nidentity staff\n\n"),

@@ -19,6 +19,7 @@ namespace scannerd::names {
 
 inline constexpr KORlog::Key ITEMS{"scannerd_items"};
 inline constexpr KORlog::Key PORT{"scannerd_port"};
+inline constexpr KORlog::Key PROCESS{"scannerd_process"};
 inline constexpr KORlog::Key SCANS{"scannerd_scans"};
 inline constexpr KORlog::Key WHY{"scannerd_why"};
 

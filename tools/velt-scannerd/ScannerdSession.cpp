@@ -6,6 +6,7 @@
 #include <cxxabi.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <exception>
 
@@ -14,6 +15,7 @@
 #include <velt/scanning/EFabricScanAgent.h>
 #include <velt/streams/TCPStream.h>
 
+#include "Names.h"
 #include "ScannerdCounters.h"
 #include "ScannerdEvents.h"
 
@@ -21,6 +23,8 @@ namespace scannerd {
 namespace {
 
 constexpr int kFirstByteMs = 1000;  // as long as a health monitor may take
+constexpr std::size_t kMostNames = 4096;
+constexpr std::size_t kMostNameBytes = 1024 * 1024;
 
 struct TroubleRow {
     Trouble trouble;
@@ -48,6 +52,8 @@ StepRow const kSteps[] = {
     {Step::ScanAsked, &Counters::scansAsked}, {Step::AttributesAsked, &Counters::attributesAsked},
     {Step::Parked, &Counters::parked},        {Step::WokenUp, &Counters::woken},
 };
+
+KORlog::InfoBag ProcessNumber() { return KORlog::InfoBag(names::PROCESS(::getpid())); }
 
 // A scan client's first word is "get", a monitor's "GET".
 bool SpeaksHttp(int fd) {
@@ -122,9 +128,16 @@ void ScannerdSession::Note(Step step) {
     }
 }
 
-InternedString ScannerdSession::Intern(std::string const& name) {
+// A process that has no room for another name makes room for another process: it finishes what it has, and leaves.
+bool ScannerdSession::Intern(std::string const& name, InternedString& interned) {
+    static Names& known = *new Names(kMostNames, kMostNameBytes);
+    if (!known.Take(name)) {
+        if (!VELT::ServiceLoop::shutdown.exchange(true)) VELT::LogEvent(events::NAMES_FULL, ProcessNumber);
+        return false;
+    }
     eFabric::IPolicyLoader* const store = VELT::EFabricScanAgent::getPolicyLoader();
-    return store ? store->internAttribute(name.c_str()) : InternedString();
+    interned = store ? store->internAttribute(name.c_str()) : InternedString();
+    return true;
 }
 
 // On this thread, and by the engines of this process.

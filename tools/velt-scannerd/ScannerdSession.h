@@ -22,7 +22,7 @@ public:
     void getConnectionAttributes(IKORPropertyBag* bag) override;  // the client's, over the wire
 
 private:
-    InternedString Intern(std::string const& name) override;
+    bool Intern(std::string const& name, InternedString& interned) override;
     int Scan(VELT::ScanContext& context, bool fallback, VELT::ScanOutput*& output) override;
     void ItemEnds() override;
     void Note(Step step) override;
