@@ -5,10 +5,12 @@
 namespace smtp {
 namespace {
 
-constexpr std::size_t kMaxFailing = 10000;
+constexpr std::size_t kMaxKnown = 10000;
 constexpr unsigned kMaxDoublings = 30;
 constexpr double kShortest = 0.75;
 constexpr double kSpread = 0.5;
+constexpr int kLessPatience = 5;                 // with a destination that failed: a part of the patience with others
+constexpr std::chrono::milliseconds kStep{200};  // how often a wait looks whether it is over
 
 }  // namespace
 
@@ -19,33 +21,61 @@ std::time_t PauseAfter(unsigned failures, PauseLimits const& limits, double rand
     return std::max<std::time_t>(1, static_cast<std::time_t>(pause));
 }
 
-BackOff::Answer BackOff::Ask(std::string const& destination, std::time_t now) {
-    std::lock_guard const lock(m_mutex);
-    auto const found = m_failing.find(destination);
-    if (found == m_failing.end()) return Answer::Go;
-    Failing& failing = found->second;
-    if (failing.tried) return Answer::Busy;
-    if (failing.from <= now && now < failing.until) return Answer::Rest;  // a clock that was set back ends a pause
-    failing.tried = true;
+BackOff::Known& BackOff::Find(std::string const& destination) {
+    auto const found = m_known.find(destination);
+    if (found != m_known.end()) return found->second;
+    if (m_known.size() >= kMaxKnown) MakeRoom();
+    return m_known[destination];
+}
+
+BackOff::Answer BackOff::Enter(Known& known, std::time_t now) const {
+    bool const pauses = known.failures && known.from <= now && now < known.until;  // a clock set back ends a pause
+    if (pauses) return Answer::Rest;
+    if (known.underWay >= (known.reached ? m_atOnce : 1)) return Answer::Busy;
+    ++known.underWay;
     return Answer::Go;
 }
 
+BackOff::Answer BackOff::Ask(std::string const& destination, std::time_t now) {
+    std::lock_guard const lock(m_mutex);
+    return Enter(Find(destination), now);
+}
+
+BackOff::Answer BackOff::AskPatiently(std::string const& destination, std::chrono::milliseconds patience,
+                                      std::function<bool()> const& stopped) {
+    std::unique_lock lock(m_mutex);
+    auto const begin = std::chrono::steady_clock::now();
+    while (true) {
+        Known& known = Find(destination);
+        Answer const answer = Enter(known, std::time(nullptr));
+        if (answer != Answer::Busy || known.stalled || stopped()) return answer;
+        known.stalled =
+            std::chrono::steady_clock::now() - begin >= (known.failures ? patience / kLessPatience : patience);
+        if (known.stalled) return answer;
+        m_told.wait_until(lock, std::chrono::system_clock::now() + kStep);
+    }
+}
+
+void BackOff::Insist(std::string const& destination) {
+    std::lock_guard const lock(m_mutex);
+    ++Find(destination).underWay;
+}
+
+// Those that set out together fail together: that is one failure.
 void BackOff::Tell(std::string const& destination, Outcome outcome, std::time_t now, PauseLimits const& limits) {
     double const random = Random();
     std::lock_guard const lock(m_mutex);
-    if (outcome == Outcome::Reached) return void(m_failing.erase(destination));
-    auto const found = m_failing.find(destination);
-    if (outcome == Outcome::Unknown) {
-        if (found != m_failing.end()) found->second.tried = false;
-        return;
-    }
-    if (found == m_failing.end() && m_failing.size() >= kMaxFailing) MakeRoom();
-    Failing& failing = m_failing[destination];
-    // Those that set out together fail together: that is one failure.
-    if (failing.failures == 0 || failing.tried || now >= failing.until) ++failing.failures;
-    failing.tried = false;
-    failing.from = now;
-    failing.until = now + PauseAfter(failing.failures, limits, random);
+    Known& known = Find(destination);
+    if (known.underWay) --known.underWay;
+    known.stalled = false;
+    m_told.notify_all();
+    if (outcome == Outcome::Unknown) return;
+    known.reached = outcome == Outcome::Reached;
+    if (known.reached) known.failures = 0;
+    bool const further = known.failures == 0 || now < known.from || now >= known.until;
+    if (!known.reached && further) ++known.failures;
+    known.from = now;
+    known.until = now + PauseAfter(known.failures, limits, random);
 }
 
 double BackOff::Random() {
@@ -53,11 +83,13 @@ double BackOff::Random() {
     return std::uniform_real_distribution<double>(0, 1)(m_random);
 }
 
+// Tries that are under way are as few as there are threads.
 void BackOff::MakeRoom() {
-    auto const oldest = std::min_element(m_failing.begin(), m_failing.end(), [](auto const& one, auto const& other) {
-        return one.second.from < other.second.from;
+    auto const oldest = std::min_element(m_known.begin(), m_known.end(), [](auto const& one, auto const& other) {
+        return std::pair(one.second.underWay != 0, one.second.from) <
+               std::pair(other.second.underWay != 0, other.second.from);
     });
-    if (oldest != m_failing.end()) m_failing.erase(oldest);
+    if (oldest->second.underWay == 0) m_known.erase(oldest);
 }
 
 }  // namespace smtp

@@ -1,11 +1,15 @@
 // BackOff: which destinations of a retryer are not to be tried now.
-// A destination that could not be reached is left alone for a pause, which doubles with each failure in a row; then one
-// mail tries it, and the others wait for what becomes of that. One that was reached takes any number at once.
-// Owner: the process. Threads: any. Units: seconds. Failure: none; of destinations that fail it knows a bounded number,
-// and forgets the one that waited longest.
+// A destination that could not be reached is left alone for a pause, which doubles with each failure in a row. One that
+// is not known to answer is tried by one mail at a time, and the others wait for what becomes of that; one that was
+// reached takes more at once, but not all threads: what does not answer holds up no mail for other destinations.
+// Owner: the process. Threads: any. Units: seconds, unless the type says more. Failure: none; of destinations it knows
+// a bounded number, and forgets the one of which nothing was heard for longest.
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
 #include <ctime>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <random>
@@ -26,7 +30,7 @@ class BackOff {
 public:
     enum class Answer {
         Go,    // try it, and say what became of that
-        Busy,  // somebody else finds out just now
+        Busy,  // others find out just now
         Rest,  // not yet
     };
     enum class Outcome {
@@ -35,22 +39,36 @@ public:
         Unknown,  // it was not tried after all
     };
 
+    explicit BackOff(unsigned atOnce) : m_atOnce(atOnce) {}  // tries of a destination that was reached
+
     Answer Ask(std::string const& destination, std::time_t now);
+    // Waits before it says Busy, until `stopped` or the patience is over, of which there is less for a destination that
+    // failed. The first whose patience is over has waited for all: until something is heard of the destination nobody
+    // else waits.
+    Answer AskPatiently(std::string const& destination, std::chrono::milliseconds patience,
+                        std::function<bool()> const& stopped);
+    void Insist(std::string const& destination);  // Go, whatever is known
     void Tell(std::string const& destination, Outcome outcome, std::time_t now, PauseLimits const& limits);
 
     double Random();  // 0 to 1
 
 private:
-    struct Failing {
-        unsigned failures = 0;
-        std::time_t from = 0;   // when the pause began
-        std::time_t until = 0;  // and when it ends
-        bool tried = false;     // by somebody, now
+    struct Known {
+        unsigned underWay = 0;  // tries
+        bool reached = false;   // by the last one of which it was told
+        bool stalled = false;   // somebody has waited in vain since then
+        unsigned failures = 0;  // in a row
+        std::time_t from = 0;   // when it was told, and the pause began
+        std::time_t until = 0;  // when that ends
     };
+    Known& Find(std::string const& destination);
+    Answer Enter(Known& known, std::time_t now) const;
     void MakeRoom();
 
+    unsigned const m_atOnce;
     std::mutex m_mutex;
-    std::map<std::string, Failing> m_failing;
+    std::condition_variable m_told;
+    std::map<std::string, Known> m_known;
     std::minstd_rand m_random{std::random_device{}()};
 };
 

@@ -2,8 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
+
 namespace smtp {
 namespace {
+
+using namespace std::chrono_literals;
 
 using Answer = BackOff::Answer;
 using Outcome = BackOff::Outcome;
@@ -24,28 +28,84 @@ TEST(Pause, IsUpToAQuarterShorterOrLonger) {
     EXPECT_EQ(PauseAfter(1, kLimits, 1), 125);
 }
 
-TEST(BackOff, LetsAnyNumberGoToADestinationThatDidNotFail) {
-    BackOff backOff;
+TEST(BackOff, LetsOneFindOutWhetherANewDestinationAnswers) {
+    BackOff backOff(3);
+    EXPECT_EQ(backOff.Ask("a", 1000), Answer::Go);
+    EXPECT_EQ(backOff.Ask("a", 1000), Answer::Busy);
+    EXPECT_EQ(backOff.Ask("b", 1000), Answer::Go) << "another destination";
+    backOff.Tell("a", Outcome::Unknown, 1000, kLimits);
+    EXPECT_EQ(backOff.Ask("a", 1000), Answer::Go) << "the first one did not try";
+}
+
+TEST(BackOff, LetsSomeAtOnceGoToADestinationThatAnswers) {
+    BackOff backOff(3);
+    EXPECT_EQ(backOff.Ask("a", 1000), Answer::Go);
+    backOff.Tell("a", Outcome::Reached, 1000, kLimits);
     for (int i = 0; i < 3; ++i) EXPECT_EQ(backOff.Ask("a", 1000), Answer::Go);
+    EXPECT_EQ(backOff.Ask("a", 1000), Answer::Busy);
     backOff.Tell("a", Outcome::Reached, 1000, kLimits);
     EXPECT_EQ(backOff.Ask("a", 1000), Answer::Go);
 }
 
 TEST(BackOff, LetsOneTryAfterThePauseAndTheOthersWaitForIt) {
-    BackOff backOff;
+    BackOff backOff(3);
     backOff.Tell("a", Outcome::Failed, 1000, kLimits);
     EXPECT_EQ(backOff.Ask("a", 1001), Answer::Rest);
     EXPECT_EQ(backOff.Ask("b", 1001), Answer::Go) << "another destination";
     EXPECT_EQ(backOff.Ask("a", 1126), Answer::Go);
     EXPECT_EQ(backOff.Ask("a", 1126), Answer::Busy);
-    backOff.Tell("a", Outcome::Unknown, 1126, kLimits);
-    EXPECT_EQ(backOff.Ask("a", 1126), Answer::Go) << "the first one did not try";
     backOff.Tell("a", Outcome::Reached, 1127, kLimits);
     for (int i = 0; i < 3; ++i) EXPECT_EQ(backOff.Ask("a", 1127), Answer::Go);
 }
 
+TEST(BackOff, GoesWhereSomebodyInsistsAndCountsThat) {
+    BackOff backOff(3);
+    backOff.Tell("a", Outcome::Failed, 1000, kLimits);
+    backOff.Insist("a");
+    EXPECT_EQ(backOff.Ask("a", 1126), Answer::Busy);
+}
+
+// --- waiting ---
+
+bool Never() { return false; }
+
+TEST(BackOffPatience, EndsWithWhatBecomesOfTheOther) {
+    for (Outcome const outcome : {Outcome::Reached, Outcome::Failed, Outcome::Unknown}) {
+        BackOff backOff(3);
+        ASSERT_EQ(backOff.AskPatiently("a", 60s, Never), Answer::Go);
+        auto waiting = std::async(std::launch::async, [&] { return backOff.AskPatiently("a", 60s, Never); });
+        backOff.Tell("a", outcome, std::time(nullptr), kLimits);
+        EXPECT_EQ(waiting.get(), outcome == Outcome::Failed ? Answer::Rest : Answer::Go);
+    }
+}
+
+TEST(BackOffPatience, OfTheFirstIsThatOfAllUntilSomethingIsHeard) {
+    BackOff backOff(3);
+    ASSERT_EQ(backOff.Ask("a", 1000), Answer::Go);
+    EXPECT_EQ(backOff.AskPatiently("a", 1ms, Never), Answer::Busy);
+    EXPECT_EQ(backOff.AskPatiently("a", 600s, Never), Answer::Busy) << "at once";
+    backOff.Tell("a", Outcome::Unknown, 1000, kLimits);
+    EXPECT_EQ(backOff.AskPatiently("a", 600s, Never), Answer::Go);
+}
+
+TEST(BackOffPatience, IsLessWithADestinationThatFailed) {
+    BackOff backOff(3);
+    backOff.Tell("a", Outcome::Failed, 1000, kLimits);
+    backOff.Insist("a");
+    auto const begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(backOff.AskPatiently("a", 10ms, Never), Answer::Busy);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, 2ms);
+    EXPECT_EQ(backOff.AskPatiently("b", 10ms, Never), Answer::Go);
+}
+
+TEST(BackOffPatience, EndsWithTheProcess) {
+    BackOff backOff(3);
+    ASSERT_EQ(backOff.Ask("a", 1000), Answer::Go);
+    EXPECT_EQ(backOff.AskPatiently("a", 600s, [] { return true; }), Answer::Busy);
+}
+
 TEST(BackOff, DoublesThePauseWithEachFailureAndNotWithEachOfManyAtOnce) {
-    BackOff backOff;
+    BackOff backOff(3);
     for (int i = 0; i < 6; ++i) backOff.Tell("a", Outcome::Failed, 1000, kLimits);
     EXPECT_EQ(backOff.Ask("a", 1125), Answer::Go) << "one pause";
     backOff.Tell("a", Outcome::Failed, 1125, kLimits);
@@ -54,16 +114,16 @@ TEST(BackOff, DoublesThePauseWithEachFailureAndNotWithEachOfManyAtOnce) {
 }
 
 TEST(BackOff, EndsAPauseWhenTheClockIsSetBack) {
-    BackOff backOff;
+    BackOff backOff(3);
     backOff.Tell("a", Outcome::Failed, 1000000, kLimits);
     EXPECT_EQ(backOff.Ask("a", 5), Answer::Go);
 }
 
 TEST(BackOff, KnowsABoundedNumberOfDestinations) {
-    BackOff backOff;
+    BackOff backOff(3);
     for (int i = 0; i <= 10000; ++i) backOff.Tell(std::to_string(i), Outcome::Failed, 1000 + i, {1000000, 1000000});
     EXPECT_EQ(backOff.Ask("0", 11001), Answer::Go) << "the oldest is forgotten";
-    EXPECT_EQ(backOff.Ask("1", 11001), Answer::Rest);
+    EXPECT_EQ(backOff.Ask("2", 11001), Answer::Rest);
 }
 
 }  // namespace

@@ -6,13 +6,17 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <exception>
 #include <filesystem>
 
+#include <velt/Config.h>
+#include <velt/config_details/settings/smtpretryer.h>
 #include <velt/runtime/Proxy.h>
+#include <velt/runtime/ServiceLoop.h>
 
 #include "Notification.h"
 #include "SmtpCounters.h"
@@ -24,37 +28,15 @@ namespace {
 using State = RetryStatus::Recipient;
 using Kind = RecipientFate::Kind;
 
+constexpr std::chrono::seconds kPatience{5};  // with others that find out whether a destination answers
+
+// One thread at least is left for other destinations than the one that takes most of the mail.
 BackOff& Destinations() {
-    static BackOff& destinations = *new BackOff;
+    static BackOff& destinations = *new BackOff(
+        std::max(2u, VELT::ReadSetting<VELTCFG::smtpretryer::MaxConncurrent>(VELT::Proxy::s_pProxyInstance->m_config)) -
+        1);
     return destinations;
 }
-
-// What became of a destination that may be tried, told when it is known, and at the latest when the try is over.
-class Leave {
-public:
-    explicit Leave(std::string destination, PauseLimits const& limits)
-        : m_destination(std::move(destination)), m_limits(limits) {}
-    ~Leave() { Destinations().Tell(m_destination, m_outcome, std::time(nullptr), m_limits); }
-    Leave(Leave const&) = delete;
-    Leave& operator=(Leave const&) = delete;
-
-    void Learn(std::vector<RecipientFate> const& fates) {
-        for (RecipientFate const& fate : fates) {
-            if (fate.reached) m_outcome = BackOff::Outcome::Reached;
-        }
-        bool const failed = std::any_of(fates.begin(), fates.end(), [](RecipientFate const& fate) {
-            return fate.temporary() && !fate.reached && fate.reply.status != kUnchecked;
-        });
-        if (m_outcome == BackOff::Outcome::Unknown && failed) m_outcome = BackOff::Outcome::Failed;
-    }
-
-    static constexpr char const* kUnchecked = "4.7.1";  // a scan that said nothing keeps a mail here
-
-private:
-    std::string m_destination;
-    PauseLimits m_limits;
-    BackOff::Outcome m_outcome = BackOff::Outcome::Unknown;
-};
 
 Mailbox ReadMailbox(std::string const& address) {
     Mailbox mailbox;
@@ -74,6 +56,46 @@ bool SplitServer(std::string const& server, std::string& host, unsigned short& p
 }
 
 }  // namespace
+
+// A try of a destination: whether it may begin, and what became of it, told when it is over.
+class RetrySession::Attempt {
+public:
+    Attempt(std::string destination, PauseLimits const& limits)
+        : m_destination(std::move(destination)), m_limits(limits) {}
+    ~Attempt() {
+        if (m_begun) Destinations().Tell(m_destination, m_outcome, std::time(nullptr), m_limits);
+    }
+    Attempt(Attempt const&) = delete;
+    Attempt& operator=(Attempt const&) = delete;
+
+    BackOff::Answer Ask() {
+        BackOff::Answer const answer =
+            Destinations().AskPatiently(m_destination, kPatience, [] { return VELT::ServiceLoop::shutdown.load(); });
+        m_begun = answer == BackOff::Answer::Go;
+        return answer;
+    }
+    void Insist() {
+        Destinations().Insist(m_destination);
+        m_begun = true;
+    }
+    void Learn(std::vector<RecipientFate> const& fates) {
+        for (RecipientFate const& fate : fates) {
+            if (fate.reached) m_outcome = BackOff::Outcome::Reached;
+        }
+        bool const failed = std::any_of(fates.begin(), fates.end(), [](RecipientFate const& fate) {
+            return fate.temporary() && !fate.reached && fate.reply.status != kUnchecked;
+        });
+        if (m_outcome == BackOff::Outcome::Unknown && failed) m_outcome = BackOff::Outcome::Failed;
+    }
+
+    static constexpr char const* kUnchecked = "4.7.1";  // a scan that said nothing keeps a mail here
+
+private:
+    std::string m_destination;
+    PauseLimits m_limits;
+    BackOff::Outcome m_outcome = BackOff::Outcome::Unknown;
+    bool m_begun = false;
+};
 
 RetrySession::RetrySession(int fd, std::string const& directory, std::string const& name)
     : m_directory(directory), m_name(name), m_file(fd, directory + name + kRetrySuffix) {}
@@ -159,15 +181,16 @@ void RetrySession::Decide() {
     // A time that no pause reaches was made by another clock.
     bool const early = status.due > m_now && status.due - m_now <= 2L * m_settings->keep.pause.longest;
     if (early && !forced && !IsTooOld()) return void(m_file.Rest());
-    BackOff::Answer const answer = Destinations().Ask(Destination(), m_now);
-    if (answer == BackOff::Answer::Go || forced) return Try();
+    Attempt attempt(Destination(), m_settings->keep.pause);
+    if (forced) attempt.Insist();
+    BackOff::Answer const answer = forced ? BackOff::Answer::Go : attempt.Ask();
+    if (answer == BackOff::Answer::Go) return Try(attempt);
     if (answer == BackOff::Answer::Busy) return;  // what becomes of that decides at the next walk
     if (IsTooOld() && status.tries) return GiveUpUntried();
     m_file.Rest();
 }
 
-void RetrySession::Try() {
-    Leave leave(Destination(), m_settings->keep.pause);
+void RetrySession::Try(Attempt& attempt) {
     ++Count().retries;
     m_file.Rest();  // should this try end the process, the next one is not at once
     m_message.spool = std::make_unique<VELT::ScannerStream>(m_id + ".retry", false);
@@ -176,7 +199,7 @@ void RetrySession::Try() {
     if (fault != RetryFault::None) return ReportDamaged(fault);
     std::vector<Verdict> const verdicts = Verdicts();
     std::vector<RecipientFate> fates = m_delivery->Deliver(m_message, verdicts);
-    leave.Learn(fates);
+    attempt.Learn(fates);
     Settle(std::move(fates));
 }
 
@@ -311,7 +334,7 @@ void RetrySession::Finish(RetryStatus const& status) {
 
 void RetrySession::PutBack(RetryStatus status, RecipientFate const& fate) {
     auto const& pause = m_settings->keep.pause;
-    bool const ofTheMail = fate.reached || fate.reply.status == Leave::kUnchecked;
+    bool const ofTheMail = fate.reached || fate.reply.status == Attempt::kUnchecked;
     status.reason = m_noteFailed ? "status could not be written" : OneLine(fate.reply);
     status.due = ofTheMail ? m_now + PauseAfter(status.tries, pause, Destinations().Random()) : 0;
     if (!m_file.Note(status)) {

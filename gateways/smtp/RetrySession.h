@@ -36,10 +36,12 @@ public:
     void getConnectionAttributes(IKORPropertyBag* bag) override;
 
 private:
+    class Attempt;
+
     void Work();
     void Adopt();  // what the file says of the session that the mail came in
     void Decide();
-    void Try();
+    void Try(Attempt& attempt);
     void TakeRecipients();
     std::vector<Verdict> Verdicts();
     std::vector<Verdict> ScanAgain();

@@ -1,0 +1,27 @@
+"""Files of mail that waits, made by hand, in the form of docs/formats/rmd.md."""
+import time
+import zlib
+
+SLOT = 480  # bytes, and one for each recipient
+
+
+def summed(content):
+    return b"%08x" % zlib.crc32(content)
+
+
+def slot(recipients, tries, reason):
+    told = b"0 %d %d 0 . %s %s" % (tries, int(time.time()), b"w" * recipients, reason)
+    content = told.ljust(SLOT + recipients - 10) + b"\n"
+    return summed(content) + b" " + content
+
+
+def rmd(name, server="", content=b"Subject: test\r\n\r\nhello\r\n", recipients=("bob@inside.example",), tries=0,
+        sender="alice@outside.example"):
+    """The bytes of a file. Of no tries yet: it is due at once."""
+    envelope = (f"id {name}\nsession {name}\nsender {sender}\nhello client.example\nclient 127.0.0.2\nserver {server}\n"
+                f"engines \ntaken {int(time.time())}\ninbound\n" +
+                "".join(f"recipient {one} \n" for one in recipients)).encode()
+    status = slot(len(recipients), tries, b"451 4.4.1 away")
+    first = b"VELTRMD 1 %010d %010d %020d %s %s " % (len(envelope), len(status), len(content), summed(envelope),
+                                                     summed(content))
+    return first + summed(first) + b"\n" + envelope + status + status + content
