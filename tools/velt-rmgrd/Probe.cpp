@@ -77,11 +77,17 @@ std::string SetUp(TCPStream& stream, std::string const& policy) {
     return Send(stream, request) ? Answered(stream, answer, "set-up") : Failed("set-up");
 }
 
+bool IsFinding(IKORScanResult const* result) {
+    return result && std::strcmp(result->GetScannerClassName(), "KORAVScanner") == 0 && result->InfectedItems() > 0;
+}
+
+// The result that decided is not among the others.
 bool FoundAnything(SerializedEFabricResult const& verdict) {
+    if (IsFinding(verdict.GetMasterScanResult())) return true;
     long position = 0;
     IKORScanResult const* result = verdict.FindFirstScanResult(position);
     for (; result; result = verdict.FindNextScanResult(position))
-        if (std::strcmp(result->GetScannerClassName(), "KORAVScanner") == 0 && result->InfectedItems() > 0) return true;
+        if (IsFinding(result)) return true;
     return false;
 }
 

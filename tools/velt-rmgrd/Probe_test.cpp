@@ -68,6 +68,17 @@ TEST_F(ProbeTest, IsContentWithAServerThatFindsTheTestFile) {
     EXPECT_EQ(scan, "get scan\n\n");
 }
 
+// Where the finding decides what becomes of the item it is the verdict's master, and no other result has it.
+TEST_F(ProbeTest, IsContentWithAFindingThatDecides) {
+    EXPECT_EQ(
+        Ask(good, std::string(scanned) + "msr.triggered sl 1\nmsr.action ss 4\nDENYmsr.master.result\nclassname ss 12\n"
+                                         "KORAVScannerinfecteditems sl 1\n\n\n"),
+        "");
+    EXPECT_EQ(
+        Ask(good, std::string(scanned) + "msr.master.result\nclassname ss 12\nKORAVScannerinfecteditems sl 0\n\n\n"),
+        "does not find the test file");
+}
+
 TEST_F(ProbeTest, TellsWhyAServerIsNotFit) {
     EXPECT_EQ(Ask(good, std::string(scanned) + "\n"), "does not find the test file");
     EXPECT_EQ(Ask(good, std::string(scanned) + "msr.sr.result\nclassname ss 12\nKORAVScannerinfecteditems sl 0\n\n\n"),
