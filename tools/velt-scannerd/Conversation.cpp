@@ -74,6 +74,14 @@ std::optional<Number> ReadNumber(std::string const& text) {
     return error == std::errc() && stop == end ? std::optional(number) : std::nullopt;
 }
 
+// Engines hand an item over that they have not changed, too. The client has it already, and takes its own.
+void KeepUnchanged(ScanOutput& output, std::uint64_t size) {
+    bool const own = !output.output_in_input && output.output;
+    if (!own || output.result->IsModified() || output.output->size() != size) return;
+    output.output_in_input = true;
+    output.input_modified = false;
+}
+
 // What follows the verdict on the wire; null: nothing does.
 VELT::ScannerStream* ContentOf(ScanOutput const& output) {
     return output.output_in_input && !output.input_modified ? nullptr : output.output;
@@ -276,6 +284,7 @@ Conversation::State Conversation::ScanFailed(char const* why) {
 
 // Writes gather in the wire; what cannot go shows at the end of it.
 Conversation::State Conversation::Answer(ScanOutput& output) {
+    KeepUnchanged(output, m_size);
     VELT::ScannerStream* const content = ContentOf(output);
     std::string const head = HeadOf(output, content);
     unsigned sent = 0;

@@ -201,6 +201,27 @@ TEST_F(ConversationTest, SendsTheContentAfterTheScan) {
     }
 }
 
+// For each identity it would cross the wire once more. What is said to be changed, or is of another size, crosses.
+TEST_F(ConversationTest, SendsNoContentThatTheClientHas) {
+    struct {
+        char const *verdict, *after, *content;
+        char inInput;
+    } const rows[] = {
+        {"\n", "a mail", "", '1'}, {"\n", "a mai", "a mai", '0'}, {"msr.modified sl 1\n\n", "a MAIL", "a MAIL", '0'}};
+    for (auto const& row : rows) {
+        m_desk.after = row.after;
+        m_desk.engine = [&](VELT::ScanContext&, VELT::ScanOutput& output) {
+            ScriptedStream text({row.verdict});
+            static_cast<VELT::ScannerProcessScanOutput&>(output).setResult(
+                VELT::SerializedEFabricResult::deserialize(&text));
+        };
+        std::string const answer = Answers(ItemOf("a mail") + "get scan\n\n");
+        EXPECT_TRUE(answer.starts_with(kOk + Head(std::to_string(std::strlen(row.content)), row.inInput, '0')))
+            << answer;
+        EXPECT_TRUE(answer.ends_with(std::string("\n\r\n") + row.content)) << answer;
+    }
+}
+
 TEST_F(ConversationTest, SendsThePropertiesAfterTheScan) {
     m_desk.engine = [](VELT::ScanContext&, VELT::ScanOutput& output) {
         output.properties.NewProperty("SEEN")->SetLong(7);
