@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""demo.py BUILD [--keep]: what ./demo runs once the gateway is built there."""
+"""demo.py BUILD [--farm] [--keep]: what ./demo runs once the gateway is built there."""
 import base64
 import dataclasses
 import email.message
@@ -18,6 +18,7 @@ import tempfile
 import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).parent))
+import demo_farm  # noqa: E402
 import mail_sink  # noqa: E402
 
 PROXY = "demo-smtp"
@@ -27,35 +28,7 @@ STAFF = "bob@inside.example"
 BOARD = "carol@board.inside.example"
 EICAR = rb"X5O!P%@AP[4\PZX54(P^)7CC)7}$" + b"EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H+H*"
 
-RULES = """<?xml version="1.0"?>
-<!-- The settings. A policy inherits what it does not say itself from its base. -->
-<rules version="1">
-  <policy name="base">
-    <settings section="network">
-      <list name="BindAddress"><item>127.0.0.1</item></list>
-      <list name="BindPorts"><item>{port}</item></list>
-      <set name="MaxConnections">32</set>            <!-- sessions at once in a worker -->
-      <set name="NetMem">64</set>                    <!-- KiB of input buffer for each connection -->
-      <set name="ForbidReverseLookups">true</set>
-    </settings>
-    <settings section="process">
-      <!-- Off for the demo alone: while it is on, whoever connects from 127.0.0.1 is taken for a health check. -->
-      <set name="MonitorHealth">false</set>
-      <set name="MemoryLimit">0</set>
-    </settings>
-    <settings section="scanning">
-      <set name="MaxScanMem">512</set>               <!-- KiB; a larger message is spooled to disk -->
-    </settings>
-    <settings section="smtp">
-      <set name="RelayHost">127.0.0.1</set>          <!-- the next server, which gets what passes -->
-      <set name="RelayPort">{sink}</set>
-      <set name="GreetingName">gateway.demo.example</set>
-      <!-- Recipients of different identities in one message: "split" treats each as policy says, "defer" makes the
-           client send to each identity in a message of its own. -->
-      <set name="DifferentIdentity">split</set>
-    </settings>
-  </policy>
-
+POLICIES = """
   <!-- What is scanned for, and what happens then. Actions stand from weak to strong; the strongest one wins. -->
   <policy name="content" base="base">
     <actions><action>LOG</action><action>CLEAN</action><action>REPLACE</action><action>DENY</action></actions>
@@ -75,8 +48,39 @@ RULES = """<?xml version="1.0"?>
     </identity>
   </policy>
   <policy name="content_out" base="content"/>
-</rules>
 """
+
+RULES = """<?xml version="1.0"?>
+<!-- The settings. A policy inherits what it does not say itself from its base. -->
+<rules version="1">
+  <policy name="base">
+    <settings section="network">
+      <list name="BindAddress"><item>127.0.0.1</item></list>
+      <list name="BindPorts"><item>{port}</item></list>
+      <set name="MaxConnections">32</set>            <!-- sessions at once in a worker -->
+      <set name="NetMem">64</set>                    <!-- KiB of input buffer for each connection -->
+      <set name="ForbidReverseLookups">true</set>
+    </settings>
+    <settings section="process">
+      <!-- Off for the demo alone: while it is on, whoever connects from 127.0.0.1 is taken for a health check. -->
+      <set name="MonitorHealth">false</set>
+      <set name="MemoryLimit">0</set>
+    </settings>
+    <settings section="scanning">
+      <set name="MaxScanMem">512</set>               <!-- KiB; a larger message is spooled to disk -->
+      <!-- Who scans: true, the gateway itself; false, the scanner daemons, where there is a resource manager. -->
+      <set name="LSDisabled">{alone}</set>
+    </settings>
+    <settings section="smtp">
+      <set name="RelayHost">127.0.0.1</set>          <!-- the next server, which gets what passes -->
+      <set name="RelayPort">{sink}</set>
+      <set name="GreetingName">gateway.demo.example</set>
+      <!-- Recipients of different identities in one message: "split" treats each as policy says, "defer" makes the
+           client send to each identity in a message of its own. -->
+      <set name="DifferentIdentity">split</set>
+    </settings>
+  </policy>
+""" + POLICIES + "</rules>\n"
 
 IDENTITIES = """<?xml version="1.0"?>
 <!-- Who is who: the first identity of a policy whose expression holds is the one. -->
@@ -145,14 +149,14 @@ def free_port():
 
 
 class Gateway:
-    def __init__(self, build, root, sink_port):
+    def __init__(self, build, root, sink_port, alone):
         self.build, self.root, self.port = build, root, free_port()
         self.events_path = root / "events.json"
         self.environment = {**os.environ, "VELT_ROOT": str(root)}
         config = root / "config/qxxmlconf"
         (config / "efabric").mkdir(parents=True)
         (root / "scandir").mkdir()
-        (config / "rules.xml").write_text(RULES.format(port=self.port, sink=sink_port))
+        (config / "rules.xml").write_text(RULES.format(port=self.port, sink=sink_port, alone="true" if alone else "false"))
         (config / "identities.xml").write_text(IDENTITIES)
         (config / "inside.txt").write_text("NETWORK 10.0.0.0/8\n")
         (config / "outside.txt").write_text("NETWORK *\n")
@@ -235,11 +239,11 @@ def shorten(text, width):
     return text if len(text) <= width else text[:width - 3] + "..."
 
 
-def run_cases(gateway, sink):
+def run_cases(gateway, sink, chosen):
     failures = []
     row = "{:<31} {:<20} {:<62} {:<24} {}"
     print("\n" + row.format("message", "to", "what the client was told", "what the next server got", ""))
-    for case in cases():
+    for case in chosen:
         before = len(sink.messages)
         reply = send(gateway, case)
         stored = sink.messages[before:]
@@ -249,6 +253,40 @@ def run_cases(gateway, sink):
                          shorten(f"{reply[0]} {reply[1].decode()}", 62), got or "nothing", "WRONG" if wrong else "right"))
         failures += [f"{case.title}: {what}" for what in wrong]
     return failures
+
+
+def scanned_by(gateway):
+    """(by itself, by daemons)"""
+    counts = dict(line.split() for line in gateway.counters().splitlines() if len(line.split()) == 2)
+    return int(counts.get("scanner.inline.scans", 0)), int(counts.get("scanner.conn.scans", 0))
+
+
+def run_farm_cases(gateway, sink, farm, chosen):
+    """The cases, and who scanned them; a daemon that does not run has nothing to do with it."""
+    before = farm.items()
+    failures = run_cases(gateway, sink, chosen)
+    shares = {name: count - before[name] for name, count in farm.items().items()}
+    print("scanned: " + ", ".join(f"{count} by {name}" for name, count in shares.items()))
+    if sum(shares.values()) != len(chosen):
+        failures.append(f"{len(chosen)} mails, and the daemons scanned {shares}")
+    return failures
+
+
+def run_farm(gateway, sink, farm):
+    """Two daemons; one of them; the other one, after a restart."""
+    first, second = farm.daemons
+    every = cases()
+    failures = run_farm_cases(gateway, sink, farm, every)
+    some = [case for case in every if len(case.content) < 1 << 20]
+    for victim in (first, second):
+        victim.kill()
+        print(f"\n{victim.name} was killed")
+        failures += run_farm_cases(gateway, sink, farm, some)
+        victim.start()
+        print(f"\n{victim.name} is back, and has found the test file")
+    alone, together = scanned_by(gateway)
+    print(f"scans by daemons: {together}, by the gateway itself: {alone}")
+    return failures + ([f"the gateway scanned {alone} mails itself"] if alone or not together else [])
 
 
 def show_session(gateway):
@@ -294,19 +332,20 @@ Ctrl-C ends it.""", flush=True)
 
 
 def main():
-    build, keep = pathlib.Path(sys.argv[1]).resolve(), "--keep" in sys.argv[2:]
+    build, keep, wanted = pathlib.Path(sys.argv[1]).resolve(), "--keep" in sys.argv[2:], "--farm" in sys.argv[2:]
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
     signal.signal(signal.SIGINT, signal.default_int_handler)  # also when started in the background
     root = pathlib.Path(tempfile.mkdtemp(prefix="velt-demo-"))
     root.chmod(0o755)
     (root / "sink").mkdir()
-    gateway = None
+    gateway = farm = None
     try:
         sink = mail_sink.MailSink(directory=root / "sink")
-        gateway = Gateway(build, root, sink.port)
+        farm = demo_farm.Farm(build, root, POLICIES, [free_port(), free_port()]) if wanted else None
+        gateway = Gateway(build, root, sink.port, alone=not farm)
         gateway.connect().close()
         print(f"gateway on 127.0.0.1:{gateway.port}, next server on 127.0.0.1:{sink.port}, everything in {root}")
-        failures = run_cases(gateway, sink)
+        failures = run_farm(gateway, sink, farm) if farm else run_cases(gateway, sink, cases())
         failures += show_session(gateway)
         print("\ncounters:\n" + "\n".join("  " + line for line in gateway.counters().splitlines() if not line.endswith(" 0")))
         left = gateway.spool_files()
@@ -316,8 +355,9 @@ def main():
             advise(gateway, sink, root)
         return 1 if failures else 0
     finally:
-        if gateway:
-            gateway.stop()
+        for one in (gateway, farm):
+            if one:
+                one.stop()
         shutil.rmtree(root, ignore_errors=True)
 
 
