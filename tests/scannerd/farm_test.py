@@ -3,6 +3,7 @@ import contextlib
 import os
 import pathlib
 import signal
+import subprocess
 import sys
 import threading
 import unittest
@@ -145,6 +146,37 @@ class Farm(SmtpCase):
         self.offer(1, scanner)
         self.begin(scanning={"LSServerWaitTime": 3})
         self.assertRegex(self.client().mail(body("hello")), r"^250 ")
+
+    def test_who_scans_is_one_setting(self):
+        self.begin_manager()
+        self.scanners = []
+        self.offer(1, self.add_scanner(harness.SERVER))
+        self.begin(scanning={"LSDisabled": True})
+        self.judge_two()
+        self.assertEqual(self.scans(), (2, 0))
+        self.stop()
+        rules = self.root.path / "config/qxxmlconf/rules.xml"
+        rules.write_text(rules.read_text().replace('name="LSDisabled">true<', 'name="LSDisabled">false<'))
+        self.launch()
+        self.wait_worker()
+        self.judge_two()
+        self.assertEqual(self.scans()[1], 2)
+        self.stop_scanners()
+        self.assertEqual(self.scanners[0].items(), 2)
+
+    def judge_two(self):
+        self.provokes(VIRUS, REFUSED, POLICY_REFUSED)
+        for content, answer in ((body("hello"), r"^250 "), (with_attachment(EICAR), r"^554 5\.7\.1 .*EICAR")):
+            client = self.client()
+            self.assertRegex(client.mail(content), answer)
+            client.close()
+
+    def scans(self):
+        """(by the gateway itself, by daemons)"""
+        shown = subprocess.run([os.environ["VELT_COUNTERS"], self.proxy], capture_output=True, text=True, check=True,
+                               env={**os.environ, "VELT_ROOT": str(self.root.path)}).stdout
+        counts = dict(line.split() for line in shown.splitlines() if len(line.split()) == 2)
+        return tuple(int(counts.get(f"scanner.{way}.scans", 0)) for way in ("inline", "conn"))
 
     def test_each_identity_has_its_own_verdict_of_one_item(self):
         self.begin_farm()
