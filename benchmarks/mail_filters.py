@@ -175,44 +175,57 @@ class Sink(Server):
         return []
 
 
-def Gateway(build, folder, sink, clamd=None):
-    """Ours: with its own signatures, or with none that match and the scan server."""
-    [port] = relays.harness.free_ports(1)
+def root_of(folder, signatures=""):
+    """A root for a daemon of ours, with its own signatures beside the built-in one."""
     root = folder / "root"
-    config = root / "config/qxxmlconf"
-    for path in (config / "efabric", root / "scandir", root / "run", root / "opt/KORAqxs/avengine/dat"):
-        path.mkdir(parents=True)
-    own = f"Throughput.Test : {SIGNATURE.hex()}\n" if not clamd else ""
-    write(root / "opt/KORAqxs/avengine/dat/signatures.db", own)
-    write(config / "inside.txt", "NETWORK 127.0.0.0/8\n")
-    write(config / "outside.txt", "NETWORK *\n")
-    # One report of each message, as the other filters make, and not the whole course of a session.
-    reports = "".join(f'<event number="60000" reason="{reason}" switch="on"/>' for reason in (2, 3, 4))
-    write(config / "bench-logging.xml",
-          f'<logging version="1"><sink type="json" file="/dev/null"/><events default="off">{reports}</events></logging>\n')
-    servers = f'<list name="ClamdSockets"><item>{clamd.socket}</item></list>' if clamd else ""
-    write(config / "rules.xml", f"""<rules version="1">
+    for path in ("config/qxxmlconf/efabric", "scandir", "run/velt", "opt/KORAqxs/avengine/dat"):
+        (root / path).mkdir(parents=True)
+    write(root / "opt/KORAqxs/avengine/dat/signatures.db", signatures)
+    write(root / "config/qxxmlconf/inside.txt", "NETWORK 127.0.0.0/8\n")
+    write(root / "config/qxxmlconf/outside.txt", "NETWORK *\n")
+    return root
+
+
+def rules(address, port, more="", engine=""):
+    return f"""<rules version="1">
   <policy name="base">
     <settings section="network">
-      <list name="BindAddress"><item>127.0.0.1</item></list><list name="BindPorts"><item>{port}</item></list>
+      <list name="BindAddress"><item>{address}</item></list><list name="BindPorts"><item>{port}</item></list>
       <set name="MaxConnections">64</set><set name="ForbidReverseLookups">true</set><set name="NetMem">64</set>
     </settings>
     <settings section="process">
       <set name="MonitorHealth">false</set><set name="PermThreads">16</set><set name="MemoryLimit">500000</set>
-    </settings>
-    <settings section="scanning"><set name="MaxScanMem">1024</set></settings>
-    <settings section="smtp">
-      <set name="RelayHost">127.0.0.1</set><set name="RelayPort">{sink.port}</set>
-      <set name="GreetingName">bench.test</set>
-    </settings>
+    </settings>{more}
   </policy>
   <policy name="content"><actions><action>LOG</action><action>DENY</action></actions>
-    <settings section="KORAVScanner"><set name="Enabled">true</set><set name="Action">DENY</set>{servers}</settings>
+    <settings section="KORAVScanner"><set name="Enabled">true</set><set name="Action">DENY</set>{engine}</settings>
   </policy>
   <policy name="content_in" base="content"/>
   <policy name="content_out" base="content"/>
 </rules>
-""")
+"""
+
+
+OWN_SIGNATURE = f"Throughput.Test : {SIGNATURE.hex()}\n"
+
+
+def Gateway(build, folder, sink, clamd=None, farm=False):
+    """Ours: with its own signatures, or with none that match and the scan server, or the scanner daemons, that have."""
+    [port] = relays.harness.free_ports(1)
+    root = root_of(folder, "" if clamd or farm else OWN_SIGNATURE)
+    # One report of each message, as the other filters make, and not the whole course of a session.
+    reports = "".join(f'<event number="60000" reason="{reason}" switch="on"/>' for reason in (2, 3, 4))
+    write(root / "config/qxxmlconf/bench-logging.xml",
+          f'<logging version="1"><sink type="json" file="/dev/null"/><events default="off">{reports}</events></logging>\n')
+    servers = f'<list name="ClamdSockets"><item>{clamd.socket}</item></list>' if clamd else ""
+    write(root / "config/qxxmlconf/rules.xml", rules("127.0.0.1", port, f"""
+    <settings section="scanning">
+      <set name="MaxScanMem">1024</set><set name="LSDisabled">{"false" if farm else "true"}</set>
+    </settings>
+    <settings section="smtp">
+      <set name="RelayHost">127.0.0.1</set><set name="RelayPort">{sink.port}</set>
+      <set name="GreetingName">bench.test</set>
+    </settings>""", servers))
     return Service([build / "bin/velt-smtp", "bench", "bench"], port, root)
 
 

@@ -1,0 +1,142 @@
+#!/usr/bin/env python3
+"""Mail through the gateway that scans in its own process, and through gateways with 1, 2 and 4 scanner daemons behind them.
+
+usage: farm_throughput.py BUILD_DIR    RUNS, SECONDS in the environment
+
+The daemons have addresses that do not count as this machine, so the content crosses the wire, there and back. Sessions,
+messages, next server and processors are those of mail_throughput.py, and all rows take turns. CPU is user and system,
+per message: of the gateway, of its daemons with the resource manager, and of both.
+
+The exit status is that of one CPU ratio, with room: both sides of remote scanning with one daemon, by scanning in
+process. Rates are printed: with the load, the next server and all daemons on one machine they tell what distribution
+costs, and not what it gains.
+"""
+import contextlib
+import os
+import pathlib
+import statistics
+import sys
+
+import mail_filters
+import mail_throughput
+import relays
+
+RUNS = int(os.environ.get("RUNS", "5"))
+SECONDS = float(os.environ.get("SECONDS", "0.7"))
+SESSIONS = 16
+DAEMONS = (0, 1, 2, 4)
+ELSEWHERE = "127.0.0.3"
+GOAL, GATE = 1.3, 1.45  # of 256 KiB
+
+
+class Scannerd(relays.Process):
+    """In a root of its own, in the foreground; its monitor ends its workers in order."""
+
+    def __init__(self, build, folder):
+        [self.port] = relays.harness.free_ports(1)
+        root = mail_filters.root_of(folder, mail_filters.OWN_SIGNATURE)
+        config = root / "config/qxxmlconf"
+        mail_filters.write(config / "scannerd-logging.xml", '<logging version="1"><events default="off"/></logging>\n')
+        mail_filters.write(config / "rules.xml", mail_filters.rules(ELSEWHERE, self.port, """
+    <settings section="scanning"><set name="MaxScanMem">1024</set></settings>"""))
+        super().__init__([build / "bin/velt-scannerd", "-d", "scannerd", "bench"],
+                         env=dict(os.environ, VELT_ROOT=str(root)), **mail_filters.QUIET)
+
+
+class Manager(relays.Process):
+    """The resource manager of one gateway's root, told of the daemons by its file."""
+
+    def __init__(self, build, root, daemons):
+        servers = root / "servers"
+        servers.write_text("".join(f"scan-{daemon.port} {ELSEWHERE} {daemon.port}\n" for daemon in daemons))
+        super().__init__([build / "bin/velt-rmgrd", "--servers", servers, "--probe", "1", "--slow-start", "0"],
+                         env=dict(os.environ, VELT_ROOT=str(root)), **mail_filters.QUIET)
+        self.socket = root / "run/velt/rmgrd.socket"
+
+
+class Farm(contextlib.ExitStack):
+    """A gateway, and as many daemons as it has; none: it scans by itself."""
+
+    def __init__(self, build, folder, sink, count):
+        super().__init__()
+        self.build, self.folder, self.sink, self.count = build, folder, sink, count
+        self.helpers = []
+
+    def __enter__(self):
+        try:
+            return self.begin()
+        except BaseException:
+            self.close()
+            raise
+
+    def begin(self):
+        for number in range(self.count):
+            place = self.folder / str(number)
+            place.mkdir()
+            self.helpers.append(self.enter_context(Scannerd(self.build, place)))
+        gateway = mail_filters.Gateway(self.build, self.folder, self.sink, farm=bool(self.count))
+        if self.count:
+            manager = self.enter_context(Manager(self.build, gateway.root, self.helpers))
+            relays.harness.wait_until(manager.socket.exists, "the resource manager")
+            self.helpers.append(manager)
+        self.gateway = self.enter_context(gateway)
+        self.port = gateway.port
+        if mail_throughput.answer_to_infected(self.port) == "passed":
+            raise SystemExit("the signature passes")
+        return self
+
+    def cpu(self):
+        """Of the gateway, and of what scans for it."""
+        helpers = [pid for one in self.helpers for pid in mail_filters.tree(one.process.pid)]
+        return mail_filters.cpu_seconds(self.gateway.filter_pids), mail_filters.cpu_seconds(helpers)
+
+
+class Bench(mail_throughput.Bench):
+    def __init__(self, build, work, stack):
+        self.build, self.work = build, work
+        self.sink = stack.enter_context(mail_filters.Sink(self.folder("sink")))
+        self.servers = {count: stack.enter_context(Farm(build, self.folder(f"farm{count}"), self.sink, count))
+                        for count in DAEMONS}
+
+    def measure(self, server, sessions, path, count):
+        before = server.cpu()
+        result = self.load(server, sessions, path, count)
+        own, scanning = ((after - had) / count * 1e3 for after, had in zip(server.cpu(), before))
+        return {"rate": result["rate"], "own": own, "scanning": scanning, "both": own + scanning,
+                **{key: result["latency_us"][key] / 1e3 for key in ("p50", "max")}}
+
+
+def show(label, table):
+    print(f"\n{label}, {SESSIONS} sessions, median of {RUNS}, load average {os.getloadavg()[0]:.1f}")
+    titles = ("messages/s", "gateway ms", "daemons ms", "both CPU ms", "p50 ms", "slowest")
+    print(f"{'scanner daemons':<18}" + "".join(f"{title:>13}" for title in titles))
+    for count, row in table.items():
+        cells = (f"{row['rate']:.0f}", *(f"{row[key]:.3f}" for key in ("own", "scanning", "both", "p50", "max")))
+        print(f"{count or 'none, in process':<18}" + "".join(f"{cell:>13}" for cell in cells))
+
+
+def main():
+    mail_filters.adopt_orphans()
+    build = pathlib.Path(sys.argv[1]).resolve()
+    failed = False
+    with relays.folder() as folder, contextlib.ExitStack() as stack:
+        work = pathlib.Path(folder)
+        work.chmod(0o755)
+        bench = Bench(build, work, stack)
+        for label, size in mail_throughput.SIZES.items():
+            path = work / str(size)
+            path.write_text(mail_throughput.message(size))
+            table = bench.rounds(SESSIONS, path)
+            show(label, table)
+            ratio = table[1]["both"] / table[0]["both"]
+            gated = label == "256 KiB"
+            failed |= mail_throughput.goal("CPU of both sides, of scanning in process", ratio, GOAL, GATE if gated else None)
+    mail_filters.await_orphans()
+    return int(failed)
+
+
+if __name__ == "__main__":
+    if len(sys.argv) < 2:
+        raise SystemExit(__doc__)
+    relays.isolate()
+    sys.exit(main())
