@@ -28,6 +28,12 @@ constexpr TextRow kTexts[] = {
     {"engines", &RetryEnvelope::engines},
 };
 
+// Of mail that policy says to keep, and of no other.
+constexpr TextRow kVerdict[] = {
+    {"action", &RetryEnvelope::action},
+    {"finding", &RetryEnvelope::finding},
+};
+
 struct FlagRow {
     std::string_view key;
     bool RetryEnvelope::*field;
@@ -108,6 +114,9 @@ bool ReadLine(std::string_view line, RetryEnvelope& out) {
     for (TextRow const& row : kTexts) {
         if (key == row.key) return Unescape(line, out.*row.field);
     }
+    for (TextRow const& row : kVerdict) {
+        if (key == row.key) return Unescape(line, out.*row.field);
+    }
     for (FlagRow const& row : kFlags) {
         if (key == row.key) return line.empty() && (out.*row.field = true);
     }
@@ -131,7 +140,19 @@ bool HasPaths(RetryEnvelope const& envelope) {
 bool IsState(char c) {
     using Recipient = RetryStatus::Recipient;
     auto const state = static_cast<Recipient>(c);
-    return state == Recipient::Waiting || state == Recipient::Delivered || state == Recipient::Failed;
+    return state == Recipient::Waiting || state == Recipient::Delivered || state == Recipient::Failed ||
+           state == Recipient::Held;
+}
+
+// The states, and behind them the time of a release.
+bool ReadStates(std::string_view text, std::size_t recipients, RetryStatus& out) {
+    bool const dated = text.find('@') != std::string_view::npos;
+    std::string_view const states = Cut(text, '@');
+    if (states.size() != recipients || !std::all_of(states.begin(), states.end(), IsState)) return false;
+    out.recipients.clear();
+    for (char const c : states) out.recipients.push_back(static_cast<RetryStatus::Recipient>(c));
+    out.released = 0;
+    return !dated || (ReadNumber(text, out.released) && out.released > 0);
 }
 
 }  // namespace
@@ -162,6 +183,10 @@ char const* TextOf(RetryFault fault) {
 
 bool RetryStatus::waits() const {
     return std::find(recipients.begin(), recipients.end(), Recipient::Waiting) != recipients.end();
+}
+
+bool RetryStatus::isHeld() const {
+    return std::find(recipients.begin(), recipients.end(), Recipient::Held) != recipients.end();
 }
 
 std::uint64_t SlotLength(std::size_t recipients) { return kSlotRoom + recipients; }
@@ -210,6 +235,10 @@ std::string WriteEnvelope(RetryEnvelope const& envelope) {
     for (TextRow const& row : kTexts) {
         out.append(row.key).append(" ").append(Escaped(envelope.*row.field)).append("\n");
     }
+    for (TextRow const& row : kVerdict) {
+        if (!(envelope.*row.field).empty())
+            out.append(row.key).append(" ").append(Escaped(envelope.*row.field)) += '\n';
+    }
     out += "taken " + std::to_string(envelope.taken) + '\n';
     for (FlagRow const& row : kFlags) {
         if (envelope.*row.field) out.append(row.key).append("\n");
@@ -235,6 +264,7 @@ std::string WriteSlot(RetryStatus const& status) {
     std::string text = std::to_string(status.sequence) + ' ' + std::to_string(status.tries) + ' ' +
                        std::to_string(status.last) + ' ' + std::to_string(status.due) + (status.unsure ? " ? " : " . ");
     for (RetryStatus::Recipient const one : status.recipients) text += static_cast<char>(one);
+    if (status.released > 0) text += '@' + std::to_string(status.released);
     std::string reason = status.reason.substr(0, RetryLayout::kMaxReason);
     std::replace_if(
         reason.begin(), reason.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
@@ -253,11 +283,8 @@ bool ReadSlot(std::string_view bytes, std::size_t recipients, RetryStatus& out) 
                          ReadNumber(Cut(text, ' '), out.last) && ReadNumber(Cut(text, ' '), out.due);
     std::string_view const unsure = Cut(text, ' ');
     std::string_view const states = Cut(text, ' ');
-    if (!numbers || (unsure != "?" && unsure != ".") || states.size() != recipients) return false;
-    if (!std::all_of(states.begin(), states.end(), IsState)) return false;
+    if (!numbers || (unsure != "?" && unsure != ".") || !ReadStates(states, recipients, out)) return false;
     out.unsure = unsure == "?";
-    out.recipients.clear();
-    for (char const c : states) out.recipients.push_back(static_cast<RetryStatus::Recipient>(c));
     out.reason = text.substr(0, text.find_last_not_of(' ') + 1);
     return true;
 }

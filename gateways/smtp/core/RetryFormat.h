@@ -40,6 +40,8 @@ struct RetryEnvelope {
     std::string clientAddress;
     std::string server;   // "address:port" that the client meant to reach; empty: by the settings
     std::string engines;  // what judged it; empty: nothing did, and nothing has to
+    std::string action;   // of the policy that says to keep the mail; empty: it only has to be delivered
+    std::string finding;  // what that was about
     std::int64_t taken = 0;
     bool inbound = false;
     bool plain = false;      // no line begins with ".", every line ends in CRLF
@@ -53,16 +55,22 @@ struct RetryStatus {
         Waiting = 'w',
         Delivered = 'd',
         Failed = 'f',  // for good, and the sender was told as far as he is
+        Held = 'h',    // until somebody releases the mail
     };
     std::uint64_t sequence = 0;  // of two slots the higher one holds
     unsigned tries = 0;
-    std::int64_t last = 0;  // when the last try began; 0: none was made
-    std::int64_t due = 0;   // when the next one is; 0: as soon as its destination may be tried
-    bool unsure = false;    // the last try may have delivered: its answer was not heard, or not noted
+    std::int64_t last = 0;      // when the last try began; 0: none was made
+    std::int64_t due = 0;       // when the next one is; 0: as soon as its destination may be tried; below: see asked()
+    bool unsure = false;        // the last try may have delivered: its answer was not heard, or not noted
+    std::int64_t released = 0;  // when it was, of a mail that was held
     std::vector<Recipient> recipients;
     std::string reason;  // of the last failure; printable
 
     bool waits() const;  // for some recipient
+    bool isHeld() const;
+
+    // Since when somebody wants a try, be its time there or not; 0: nobody does.
+    std::int64_t asked() const { return due < 0 && due > INT64_MIN ? -due : 0; }
 };
 
 struct RetryLayout {

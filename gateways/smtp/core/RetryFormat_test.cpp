@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
+
 namespace smtp {
 namespace {
 
@@ -162,11 +164,61 @@ TEST(RetrySlot, IsReadAsItWasWritten) {
     EXPECT_TRUE(read.unsure && read.waits());
 }
 
+TEST(RetryEnvelopeText, HasTheVerdictOfMailThatIsHeldAndNothingOfItOtherwise) {
+    RetryEnvelope envelope = SomeEnvelope(), read;
+    EXPECT_EQ(WriteEnvelope(envelope).find("action"), std::string::npos);
+    envelope.action = "QUARANTINE:DENY";
+    envelope.finding = "EICAR test\r\nfile %";
+    std::string const text = WriteEnvelope(envelope);
+    EXPECT_NE(text.find("action QUARANTINE:DENY\nfinding EICAR%20test%0d%0afile%20%25\n"), std::string::npos) << text;
+    ASSERT_EQ(ReadEnvelope(text, LayoutOf(envelope, text), read), RetryFault::None);
+    EXPECT_EQ(read.action, envelope.action);
+    EXPECT_EQ(read.finding, envelope.finding);
+}
+
+TEST(RetrySlot, TellsOfAReleaseAndOfWhoIsHeld) {
+    RetryStatus status = SomeStatus(), read;
+    EXPECT_FALSE(status.isHeld());
+    status.recipients = {State::Held, State::Held};
+    ASSERT_TRUE(ReadSlot(WriteSlot(status), 2, read));
+    EXPECT_TRUE(read.isHeld());
+    EXPECT_FALSE(read.waits());
+    status.recipients = {State::Waiting, State::Delivered};
+    status.released = 1700000500;
+    ASSERT_TRUE(ReadSlot(WriteSlot(status), 2, read));
+    EXPECT_EQ(read.released, 1700000500);
+    EXPECT_EQ(WriteSlot(read), WriteSlot(status));
+}
+
+TEST(RetrySlot, IsRefusedWithATimeOfReleaseThatIsNone) {
+    std::string const slot = WriteSlot(SomeStatus());
+    std::size_t const states = slot.find(" wd ");
+    for (std::string const other : {"wd@", "wd@x", "wd@0", "wd@-1", "w@1", "wd@1@1"}) {
+        std::string text = slot.substr(9, states + 1 - 9) + other + slot.substr(states + 3);
+        text.erase(text.size() - 1 - (other.size() - 2), other.size() - 2);  // of the blanks at the end
+        char sum[10];
+        std::snprintf(sum, sizeof sum, "%08x ", Checksum(text));
+        RetryStatus read;
+        EXPECT_FALSE(ReadSlot(sum + text, 2, read)) << other;
+    }
+}
+
+TEST(RetrySlot, SaysSinceWhenATryIsAskedFor) {
+    RetryStatus status = SomeStatus(), read;
+    EXPECT_EQ(status.asked(), 0);
+    status.due = -1700000000;
+    ASSERT_TRUE(ReadSlot(WriteSlot(status), 2, read));
+    EXPECT_EQ(read.asked(), 1700000000);
+    status.due = INT64_MIN;
+    EXPECT_EQ(status.asked(), 0);
+}
+
 TEST(RetrySlot, HasRoomForTheLargestNumbersAndCutsALongReason) {
     RetryStatus status;
     status.sequence = UINT64_MAX;
     status.tries = UINT32_MAX;
     status.last = status.due = INT64_MIN;
+    status.released = INT64_MAX;
     status.recipients.assign(1000, State::Failed);
     status.reason.assign(5000, '\xff');
     RetryStatus read;
