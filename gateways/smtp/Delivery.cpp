@@ -44,6 +44,10 @@ std::vector<Delivery::Group> Delivery::GroupsOf(Message const& message, std::vec
                                           [&](Verdict const& one) { return one.identity == recipient.identity; });
         fates[i].reply = {451, "4.7.1", m_settings.uncheckedText};
         if (verdict == verdicts.end() || verdict->fate == Verdict::Fate::Defer) continue;
+        if (verdict->fate == Verdict::Fate::Hold) {
+            fates[i].kind = RecipientFate::Kind::Held;
+            continue;
+        }
         if (verdict->fate == Verdict::Fate::Refuse) {
             fates[i].kind = RecipientFate::Kind::Refused;
             fates[i].reply = {554, "5.7.1", Refusal(verdict->finding)};

@@ -17,20 +17,6 @@
 namespace smtp {
 namespace {
 
-RetryEnvelope EnvelopeOf(KeptFrom const& from) {
-    RetryEnvelope envelope;
-    envelope.auditId = from.auditId;
-    envelope.conversationId = from.conversationId;
-    envelope.helloName = from.helloName;
-    envelope.clientAddress = from.session.getSourceConnection().m_addressText;
-    if (from.settings.transparent || from.settings.keptServer) {
-        envelope.server = from.settings.relayHost + ':' + std::to_string(from.settings.relayPort);
-    }
-    envelope.taken = std::time(nullptr);
-    envelope.inbound = from.inbound;
-    return envelope;
-}
-
 void ReportNotStored(KeptFrom const& from, RetryDraft const& draft, std::string const& why) {
     ++Count().storesFailed;
     from.session.Note(events::STORE_FAILED, [&](KORlog::InfoBag& bag) {
@@ -109,6 +95,20 @@ void KeepTogether(KeptFrom const& from, Message const& message, std::vector<Deli
 }
 
 }  // namespace
+
+RetryEnvelope EnvelopeOf(KeptFrom const& from) {
+    RetryEnvelope envelope;
+    envelope.auditId = from.auditId;
+    envelope.conversationId = from.conversationId;
+    envelope.helloName = from.helloName;
+    envelope.clientAddress = from.session.getSourceConnection().m_addressText;
+    if (from.settings.transparent || from.settings.keptServer) {
+        envelope.server = from.settings.relayHost + ':' + std::to_string(from.settings.relayPort);
+    }
+    envelope.taken = std::time(nullptr);
+    envelope.inbound = from.inbound;
+    return envelope;
+}
 
 void KeepRest(KeptFrom const& from, Message const& message, std::vector<Delivery::Group> const& groups,
               std::vector<RecipientFate>& fates) {

@@ -10,6 +10,7 @@
 #include "Report.h"
 #include "SmtpSettings.h"
 #include "core/Outcome.h"
+#include "core/RetryFormat.h"
 
 namespace smtp {
 
@@ -32,6 +33,9 @@ void KeepRest(KeptFrom const& from, Message const& message, std::vector<Delivery
 // Keeps a notification to the sender of the message. `name` of its file, by which it is known: it is kept once, however
 // often it is asked for.
 bool KeepNotification(KeptFrom const& from, Message const& message, std::string const& text, std::string const& name);
+
+// What a file says of the session and the time; sender, recipients and content are the caller's.
+RetryEnvelope EnvelopeOf(KeptFrom const& from);
 
 // The versions of what judges mail in this process.
 std::string EnginesText();

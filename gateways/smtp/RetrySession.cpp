@@ -19,6 +19,7 @@
 #include <velt/runtime/ServiceLoop.h>
 
 #include "Notification.h"
+#include "Quarantine.h"
 #include "SmtpCounters.h"
 #include "SmtpEvents.h"
 
@@ -128,6 +129,7 @@ void RetrySession::Work() {
     if (fault != RetryFault::None) return ReportDamaged(fault);
     Adopt();
     m_wasUnsure = m_file.status().unsure;
+    if (m_file.status().isHeld()) return ReportHeld();
     if (!m_file.status().waits()) return Finish(m_file.status());  // all but the removal was done
     TakeRecipients();
     Decide();
@@ -173,7 +175,10 @@ std::string RetrySession::Destination() const {
     return m_message.recipients.front().domain;
 }
 
-bool RetrySession::IsTooOld() const { return m_now - m_file.envelope().taken >= m_settings->keep.giveUpSeconds; }
+bool RetrySession::IsTooOld() const {
+    std::int64_t const since = std::max(m_file.envelope().taken, m_file.status().released);
+    return m_now - since >= m_settings->keep.giveUpSeconds;
+}
 
 void RetrySession::Decide() {
     RetryStatus const& status = m_file.status();
@@ -197,7 +202,9 @@ void RetrySession::Try(Attempt& attempt) {
     errno = 0;
     RetryFault const fault = m_file.ReadMessage(*m_message.spool);
     if (fault != RetryFault::None) return ReportDamaged(fault);
-    std::vector<Verdict> const verdicts = Verdicts();
+    if (m_file.status().released && !m_file.status().tries) ReportReleased();
+    std::vector<Verdict> verdicts = Verdicts();
+    Hold(verdicts);
     std::vector<RecipientFate> fates = m_delivery->Deliver(m_message, verdicts);
     attempt.Learn(fates);
     Settle(std::move(fates));
@@ -206,7 +213,8 @@ void RetrySession::Try(Attempt& attempt) {
 // Those of the gateway: the file would not be there had they been others.
 std::vector<Verdict> RetrySession::Verdicts() {
     std::string const& engines = m_file.envelope().engines;
-    if (!engines.empty() && engines != EnginesText()) return ScanAgain();
+    bool const released = !m_file.envelope().action.empty();  // somebody has judged it
+    if (!released && !engines.empty() && engines != EnginesText()) return ScanAgain();
     std::vector<Verdict> verdicts(1);
     verdicts.front().fate = Verdict::Fate::Pass;
     return verdicts;
@@ -229,6 +237,14 @@ std::vector<Verdict> RetrySession::ScanAgain() {
         if (m_file.envelope().rewritten && verdict.outcome == Verdict::Outcome::Clean) verdict.rewritten = nullptr;
     }
     return verdicts;
+}
+
+// What cannot be put into quarantine waits on here.
+void RetrySession::Hold(std::vector<Verdict>& verdicts) {
+    if (Quarantine(From(), m_name + ".later").Keep(m_message, verdicts)) return;
+    for (Verdict& verdict : verdicts) {
+        if (verdict.quarantine) verdict.fate = Verdict::Fate::Defer;
+    }
 }
 
 // The last moment at which it is sure that nobody has the message of this try.
@@ -263,7 +279,7 @@ void RetrySession::Settle(std::vector<RecipientFate> fates) {
         bool const again = fates[i].temporary() && !IsTooOld();
         if (again) waits = fates[i];
         if (again) failed[i].kind = Kind::Kept;
-        if (fates[i].kind == Kind::Delivered) StateOf(status, i) = State::Delivered;
+        if (fates[i].kind == Kind::Delivered || fates[i].kind == Kind::Held) StateOf(status, i) = State::Delivered;
         status.unsure |= again && fates[i].unsure;
         anyFailed |= !failed[i].taken();
     }
@@ -362,6 +378,22 @@ void RetrySession::ReportGivenUp(std::vector<RecipientFate> const& fates) {
         bag |= names::RECIPIENTS(ListOf(given));
         bag |= names::REPLY(OneLine(shown));
     });
+}
+
+void RetrySession::ReportReleased() {
+    ++Count().messagesReleased;
+    Note(events::MESSAGE_RELEASED, [&](KORlog::InfoBag& bag) {
+        bag |= names::SENDER(m_message.senderText());
+        bag |= names::RECIPIENTS(ListOf(m_message.recipients));
+        bag |= names::FILE(m_file.path());
+        bag |= names::FINDING(m_file.envelope().finding);
+        bag |= names::REPLY(m_file.status().reason);
+    });
+}
+
+void RetrySession::ReportHeld() {
+    m_file.Rest();
+    Note(events::MESSAGE_HELD, [&](KORlog::InfoBag& bag) { bag |= names::FILE(m_file.path()); });
 }
 
 // It stays, for somebody who can tell what it was, and is reported again after a rest.

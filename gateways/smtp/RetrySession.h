@@ -4,9 +4,9 @@
 // long, is told to the sender by a notification, which waits in a file of its own; nobody is told of a notification.
 // Before the message's bytes go out the file says so: should this process die, or the answer be lost, the next try is
 // known to be one that may bring the mail a second time, and is counted.
-// Verdicts are those of the gateway, unless the signatures are others by now.
-// Owner: whoever runs it; it owns the file, and its lock. Thread: one; Active is called by another. Failure: events,
-// and the file stays.
+// Verdicts are those of the gateway, unless the signatures are others by now. Mail that was released from the
+// quarantine is not judged again; mail that is held there is not delivered. Owner: whoever runs it; it owns the file,
+// and its lock. Thread: one; Active is called by another. Failure: events, and the file stays.
 #pragma once
 
 #include <optional>
@@ -45,6 +45,7 @@ private:
     void TakeRecipients();
     std::vector<Verdict> Verdicts();
     std::vector<Verdict> ScanAgain();
+    void Hold(std::vector<Verdict>& verdicts);
     bool BeginContent();
     void Settle(std::vector<RecipientFate> fates);
     void GiveUpUntried();
@@ -53,6 +54,8 @@ private:
     void Finish(RetryStatus const& status);
     void PutBack(RetryStatus status, RecipientFate const& fate);
     void ReportGivenUp(std::vector<RecipientFate> const& fates);
+    void ReportReleased();
+    void ReportHeld();
     void ReportDamaged(RetryFault fault);
     void ReportStatusLost();
     bool IsTooOld() const;

@@ -7,6 +7,7 @@
 #include <velt/streams/TCPStream.h>
 
 #include "Notification.h"
+#include "Quarantine.h"
 #include "Receiver.h"
 #include "SmtpCounters.h"
 #include "SmtpEvents.h"
@@ -127,14 +128,19 @@ bool SmtpSession::IsClientGone(std::vector<RecipientFate> const& fates) {
 }
 
 Reply SmtpSession::Deliver(std::vector<Verdict> const& verdicts) {
+    // Before anybody has the message: a failure leaves all of it with the client.
+    Quarantine quarantine(KeptNow(), m_id);
+    if (!quarantine.Keep(m_message, verdicts)) return {451, "4.3.0", "message could not be kept, try again later"};
     std::vector<RecipientFate> fates = m_delivery->Deliver(m_message, verdicts);
     if (IsClientGone(fates)) {
+        quarantine.Undo();
         ++Count().clientsGone;
         Note(events::CLIENT_GONE, [&](KORlog::InfoBag& bag) { bag |= names::REPLY("no answer is wanted any more"); });
         return {451, "4.4.2", "client left before the message was taken"};
     }
     if (m_settings->keep.enabled) KeepRest(KeptNow(), m_message, m_delivery->groups(), fates);
     Decision const decision = Decide(fates, m_id);
+    if (decision.reply.group() == 4) quarantine.Undo();
     if (decision.reply.status == "5.4.6") {
         Note(events::MAIL_LOOP, [&](KORlog::InfoBag& bag) { bag |= names::SERVER(m_settings->relayHost); });
     }

@@ -1,6 +1,7 @@
 #include "SmtpSettings.h"
 
 #include <system/SystemPath.h>
+#include <velt/config_details/settings/quarantineretryer.h>
 #include <velt/config_details/settings/smtpretryer.h>
 #include <velt/connection/TCPConnection.h>
 #include <velt/runtime/Proxy.h>
@@ -48,8 +49,8 @@ UpstreamTimeouts Timeouts(VELT::Config& config) {
 }
 
 // The default is one of the system's fixed paths; any other directory was named by somebody.
-std::string DeferredDirectory(VELT::Config& config) {
-    using Setting = VELTCFG::smtpretryer::ScanDir;
+template <class Setting>
+std::string Directory(VELT::Config& config) {
     std::string directory = Text<Setting>(config);
     if (directory == Setting::defaults::value) directory = SystemPath(directory);
     if (!directory.ends_with('/')) directory += '/';
@@ -60,7 +61,8 @@ std::string DeferredDirectory(VELT::Config& config) {
 
 KeepSettings ReadKeepSettings(VELT::Config& config) {
     return {ReadSetting<S::StoreAndForward>(config),
-            DeferredDirectory(config),
+            Directory<VELTCFG::smtpretryer::ScanDir>(config),
+            Directory<VELTCFG::quarantineretryer::ScanDir>(config),
             std::chrono::seconds(ReadSetting<S::KeepAfter>(config)),
             {ReadSetting<S::RetryPause>(config), ReadSetting<S::RetryPauseLimit>(config)},
             ReadSetting<S::GiveUpAfter>(config)};

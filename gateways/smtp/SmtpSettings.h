@@ -252,7 +252,8 @@ struct UpstreamTimeouts {
 // What is kept when it cannot be delivered, and for how long.
 struct KeepSettings {
     bool enabled = false;
-    std::string directory;  // "/" at its end
+    std::string directory;   // "/" at its end
+    std::string quarantine;  // the directory of mail that policy says to keep; the same
     std::chrono::seconds after{120};
     PauseLimits pause;
     std::int64_t giveUpSeconds = 432000;

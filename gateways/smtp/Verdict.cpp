@@ -26,14 +26,17 @@ using Outcome = Verdict::Outcome;
 struct ActionRow {
     std::string_view action;
     Verdict::Fate fate;
-    bool rewrites;
+    bool rewrites = false;
+    bool quarantines = false;
 };
 
 constexpr ActionRow kActions[] = {
     {"CLEAN", Verdict::Fate::Pass, true},
-    {"DENY", Verdict::Fate::Refuse, false},
-    {"EFABRIC:ALLOWTHRU", Verdict::Fate::Pass, false},
-    {"LOG", Verdict::Fate::Pass, false},
+    {"DENY", Verdict::Fate::Refuse},
+    {"EFABRIC:ALLOWTHRU", Verdict::Fate::Pass},
+    {"LOG", Verdict::Fate::Pass},
+    {"QUARANTINE", Verdict::Fate::Hold, false, true},
+    {"QUARANTINE:DENY", Verdict::Fate::Refuse, false, true},
     {"REPLACE", Verdict::Fate::Pass, true},
 };
 
@@ -49,6 +52,13 @@ struct Findings {
     bool scannerFailed = false;
     bool disclaimer = false;
     std::string text;
+    std::string all;
+
+    void Add(VELT::ScannerData const& data, std::string const& found) {
+        if (!all.empty()) all += "; ";
+        if (data.className) all += Printable(*data.className) + ": ";
+        all += found;
+    }
 };
 
 std::string TextOf(VELT::ScannerData const& data) {
@@ -69,6 +79,7 @@ void ReadResult(VELT::Connection& session, VELT::ScanOutput const& output, IKORS
     } else if (one == output.result->GetMasterScanResult() || findings.text.empty()) {
         findings.text = TextOf(data);
     }
+    if (processed && data.infoType != kDisclaimerAdded) findings.Add(data, TextOf(data));
 }
 
 // A verdict in its text form has the result that decided beside the others, engines have it among them.
@@ -137,12 +148,17 @@ void Judge(VELT::Connection& session, Verdict& verdict) {
     Findings const findings = ReadResults(session, *verdict.output);
     char const* const action = verdict.output->result->GetMasterActionCode();
     verdict.finding = findings.text;
+    verdict.evidence = findings.all;
+    verdict.action = action ? action : "";
+    ActionRow const* const row = FindAction(verdict.action);
     verdict.fate = action && *action ? FateOfAction(action) : Verdict::Fate::Pass;
+    verdict.quarantine = row && row->quarantines;
     verdict.disclaimer = findings.disclaimer;
     // What every mail is given is no finding.
     bool const changed = IsRewritten(*verdict.output) && !findings.disclaimer;
     if (HasFinding(*verdict.output) || changed) verdict.outcome = Outcome::Acted;
-    if (verdict.fate == Verdict::Fate::Refuse) return;
+    // What is kept may go on one day: everybody has to have looked at it.
+    if (verdict.fate == Verdict::Fate::Refuse && !verdict.quarantine) return;
     if (findings.scannerFailed) return Settle(verdict, Verdict::Fate::Defer, "scan engine reported an error");
     if (verdict.fate == Verdict::Fate::Defer) {
         return Settle(verdict, Verdict::Fate::Defer, "unknown action " + Printable(action));
@@ -150,7 +166,6 @@ void Judge(VELT::Connection& session, Verdict& verdict) {
     if ((!action || !*action) && verdict.output->result->IsTriggered() && !verdict.output->result->IsModified()) {
         return Settle(verdict, Verdict::Fate::Defer, "finding without an action");
     }
-    ActionRow const* const row = action ? FindAction(action) : nullptr;
     TakeContent(verdict, row && row->rewrites);
 }
 
@@ -177,13 +192,19 @@ bool ScanOnce(VELT::Scanner& scanner, unsigned index, Verdict& verdict, bool fal
 void Fallback(VELT::Connection& session, VELT::Scanner& scanner, unsigned index, Verdict& verdict) {
     Judge(session, verdict);
     Verdict::Fate const limitFate = verdict.rewritten ? Verdict::Fate::Refuse : verdict.fate;
-    std::string const limitFinding = verdict.finding;
+    std::string const limitFinding = verdict.finding, limitAction = verdict.action, limitEvidence = verdict.evidence;
+    bool const limitQuarantine = verdict.quarantine && !verdict.rewritten;
     verdict.rewritten = nullptr;
     verdict.output.reset();  // one scanner would delete it, another lose it
     if (!ScanOnce(scanner, index, verdict, true)) return Settle(verdict, Verdict::Fate::Defer, "fallback scan failed");
     Judge(session, verdict);
-    if (verdict.fate == Verdict::Fate::Pass && limitFate != Verdict::Fate::Pass)
-        Settle(verdict, limitFate, limitFinding);
+    bool const passes = verdict.fate == Verdict::Fate::Pass;
+    if (limitFate == Verdict::Fate::Pass || !(passes || (verdict.quarantine && limitFate == Verdict::Fate::Defer)))
+        return;
+    verdict.quarantine = limitQuarantine;
+    verdict.action = limitAction;
+    verdict.evidence = limitEvidence;
+    Settle(verdict, limitFate, limitFinding);
 }
 
 void ScanIdentity(VELT::Connection& session, VELT::Scanner& scanner, unsigned index, Verdict& verdict) {
@@ -215,6 +236,7 @@ void SetOutcome(Verdict& verdict) {
     if (verdict.fate == Verdict::Fate::Defer) {
         if (verdict.outcome != Outcome::Null) verdict.outcome = Outcome::Failed;
         verdict.rewritten = nullptr;
+        verdict.quarantine = false;
     } else if (verdict.outcome != Outcome::Acted) {
         verdict.outcome = Outcome::Clean;
     }

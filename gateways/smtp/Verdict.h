@@ -22,6 +22,7 @@ namespace smtp {
 struct Verdict {
     enum class Fate {
         Pass,    // as it came, or as `rewritten` has it
+        Hold,    // it goes into quarantine, and the client is told that it is taken
         Refuse,  // a finding whose action stops the message
         Defer,   // not scanned, or not understood: the client tries again
     };
@@ -37,9 +38,12 @@ struct Verdict {
     };
     Fate fate = Fate::Defer;
     Outcome outcome = Outcome::Null;
+    bool quarantine = false;  // it is kept there: always of Hold, by its action of Refuse
     bool disclaimer = false;  // one was added
     InternedString identity;
+    std::string action;                        // of the policy; empty: nothing was found
     std::string finding;                       // what was found, or why nothing can be said; printable
+    std::string evidence;                      // all that was found, by engine; printable
     VELT::ScannerStream* rewritten = nullptr;  // in place of the spool; lives in `output`
     std::unique_ptr<VELT::ScanOutput, Drop> output;
 };

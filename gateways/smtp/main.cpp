@@ -30,15 +30,24 @@ public:
         smtp::KeepSettings const keep = smtp::ReadKeepSettings(m_config);
         if (keep.enabled) MakeDirectory(keep.directory);
         if (keep.enabled) smtp::SweepDeferred(keep.directory);
+        MakeQuarantine(keep.quarantine);
+        smtp::SweepDeferred(keep.quarantine);
         return 0;
     }
 
 private:
-    // What cannot be made is told again with each message that is not kept.
-    void MakeDirectory(std::string const& path) {
+    bool Make(std::string const& path) {
         long const user = Identity<VELTCFG::process::attrname_UserId>(MapUID);
         long const group = Identity<VELTCFG::process::attrname_GroupId>(MapGID);
-        if (smtp::MakeRetryDirectory(path, user, group)) return;
+        return smtp::MakeRetryDirectory(path, user, group);
+    }
+
+    // Policies with nothing to keep do without it; a message that needs it says what is wrong.
+    void MakeQuarantine(std::string const& path) { static_cast<void>(Make(path)); }
+
+    // What cannot be made is told again with each message that is not kept.
+    void MakeDirectory(std::string const& path) {
+        if (Make(path)) return;
         std::string const why = std::strerror(errno);
         VELT::LogEvent(smtp::events::STORE_FAILED, [&] {
             KORlog::InfoBag bag = smtp::names::FILE(path);

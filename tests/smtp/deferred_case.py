@@ -15,6 +15,7 @@ RETRYER = ("-d", "-s", "retryer", "-t", "smtp")
 WALK, NO_FILE = (70000, 117), (70002, 120)
 KEPT, STORE_FAILED, RETRY_FAILED, RETRY_ENDED, GIVEN_UP = (60000, 19), (60000, 20), (60000, 21), (60000, 22), (60000, 23)
 RESENT, DAMAGED = (60000, 24), (60000, 25)
+QUARANTINED, RELEASED, HELD = (60000, 28), (60000, 29), (60000, 30)
 EVERY_SECOND = {"ScanInterval": 1, "RetryInterval": 1, "NewFileDelta": 1}
 PATIENT = {"RetryPause": 1, "RetryPauseLimit": 1}
 
@@ -53,6 +54,13 @@ class DeferredCase(SmtpCase):
         """The files that a walk takes."""
         names = (entry.name for entry in self.directory.iterdir()) if self.directory.exists() else ()
         return sorted(name for name in names if name.endswith(".rmd"))
+
+    @property
+    def quarantine(self):
+        return self.root.path / "quarantine/smtp"
+
+    def held(self):
+        return sorted(file.name for file in self.quarantine.glob("*.rmd")) if self.quarantine.is_dir() else []
 
     def wait_empty(self, limit=60):
         harness.wait_until(lambda: not self.waiting(), "an empty deferred directory", limit)

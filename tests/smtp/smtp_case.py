@@ -19,7 +19,8 @@ EICAR = r"X5O!P%@AP[4\PZX54(P^)7CC)7}$" + "EICAR-STANDARD-ANTIVIRUS-TEST-FILE!$H
 
 POLICIES = """
   <policy name="content" base="base">
-    <actions><action>LOG</action><action>CLEAN</action><action>REPLACE</action><action>DENY</action></actions>
+    <actions><action>LOG</action><action>CLEAN</action><action>REPLACE</action><action>QUARANTINE</action>
+      <action>QUARANTINE:DENY</action><action>DENY</action></actions>
     <settings section="KORAVScanner"><set name="Action">{av}</set></settings>
     <settings section="KORFormatScanner"><set name="MaxDepth">3</set><set name="OnLimit">{limit}</set></settings>
     <settings section="KORContentScanner">

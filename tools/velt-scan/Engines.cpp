@@ -37,7 +37,7 @@ using VELT::Config;
 using VELT::EFabricScanAgent;
 
 constexpr char kUsualPolicy[] = "content_in";
-constexpr char const* kStopping[] = {"DENY"};
+constexpr char const* kStopping[] = {"QUARANTINE", "QUARANTINE:DENY", "DENY"};
 constexpr char const* kRewriting[] = {"CLEAN", "REPLACE"};
 
 bool IsOneOf(std::string const& action, char const* const* begin, char const* const* end) {

@@ -24,10 +24,14 @@ Reply OneRefusal(std::vector<RecipientFate> const& fates) {
 }  // namespace
 
 Decision Decide(std::vector<RecipientFate> const& fates, std::string const& auditId) {
+    auto const passedOn =
+        std::any_of(fates.begin(), fates.end(), [](RecipientFate const& fate) { return fate.passedOn(); });
+    auto const again =
+        std::any_of(fates.begin(), fates.end(), [](RecipientFate const& fate) { return fate.temporary(); });
     auto const taken =
         std::count_if(fates.begin(), fates.end(), [](RecipientFate const& fate) { return fate.taken(); });
     if (fates.empty()) return {{451, "4.3.0", "no recipient"}, false};
-    if (taken == 0) return {OneRefusal(fates), false};
+    if (taken == 0 || (again && !passedOn)) return {OneRefusal(fates), false};
     bool const all = static_cast<std::size_t>(taken) == fates.size();
     return {{250, "2.0.0", "accepted as " + auditId}, !all};
 }

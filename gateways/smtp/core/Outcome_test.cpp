@@ -11,6 +11,7 @@ RecipientFate Delivered() { return {Kind::Delivered, {250, "2.0.0", "ok"}, "mx"}
 RecipientFate Refused() { return {Kind::Refused, {554, "5.7.1", "refused: EICAR"}, ""}; }
 RecipientFate Permanent() { return {Kind::Failed, {550, "5.1.1", "unknown"}, "mx"}; }
 RecipientFate Kept() { return {Kind::Kept, {450, "", "greylisted"}, "mx"}; }
+RecipientFate Held() { return {Kind::Held, {}, ""}; }
 RecipientFate Temporary() { return {Kind::Failed, {450, "", "greylisted"}, "mx"}; }
 
 struct Row {
@@ -36,6 +37,11 @@ TEST(Outcome, IsOneAnswerForTheWholeMessage) {
         {"delivered and kept", {Delivered(), Kept()}, 250, "2.0.0", false},
         {"kept and refused", {Kept(), Refused()}, 250, "2.0.0", true},
         {"kept and deferred", {Kept(), Temporary()}, 250, "2.0.0", true},
+        {"all held", {Held(), Held()}, 250, "2.0.0", false},
+        {"held and delivered", {Held(), Delivered()}, 250, "2.0.0", false},
+        {"held and refused", {Held(), Refused()}, 250, "2.0.0", true},
+        {"held and deferred: the client keeps it for both", {Held(), Temporary()}, 451, "4.0.0", false},
+        {"held, kept and deferred", {Held(), Kept(), Temporary()}, 250, "2.0.0", true},
         {"nobody", {}, 451, "4.3.0", false},
     };
     for (Row const& row : rows) {

@@ -96,7 +96,8 @@ inline constexpr std::string_view kMailRuleAttributes[] = {
 };
 
 // The actions that need no list of a policy's, from weak to strong.
-inline constexpr std::string_view kUsualActions[] = {"EFABRIC:ALLOWTHRU", "LOG", "CLEAN", "REPLACE", "DENY"};
+inline constexpr std::string_view kUsualActions[] = {"EFABRIC:ALLOWTHRU", "LOG", "CLEAN", "REPLACE", "QUARANTINE",
+                                                     "QUARANTINE:DENY",   "DENY"};
 
 RuleAttributes RuleAttributesOf(std::string_view section);  // empty: no engine reads rules there
 EngineSetting const* FindEngineSetting(std::string_view section, std::string_view key);  // null: no engine reads it
