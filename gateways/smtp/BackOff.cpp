@@ -61,6 +61,12 @@ void BackOff::Insist(std::string const& destination) {
     ++Find(destination).underWay;
 }
 
+void BackOff::EndPause(std::string const& destination, std::time_t asked) {
+    std::lock_guard const lock(m_mutex);
+    auto const found = m_known.find(destination);
+    if (found != m_known.end() && found->second.from < asked) found->second.until = found->second.from;
+}
+
 // Those that set out together fail together: that is one failure.
 void BackOff::Tell(std::string const& destination, Outcome outcome, std::time_t now, PauseLimits const& limits) {
     double const random = Random();

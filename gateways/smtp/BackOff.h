@@ -47,7 +47,8 @@ public:
     // else waits.
     Answer AskPatiently(std::string const& destination, std::chrono::milliseconds patience,
                         std::function<bool()> const& stopped);
-    void Insist(std::string const& destination);  // Go, whatever is known
+    void Insist(std::string const& destination);                       // Go, whatever is known
+    void EndPause(std::string const& destination, std::time_t asked);  // unless it failed since somebody asked for that
     void Tell(std::string const& destination, Outcome outcome, std::time_t now, PauseLimits const& limits);
 
     double Random();  // 0 to 1

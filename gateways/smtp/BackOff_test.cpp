@@ -65,6 +65,20 @@ TEST(BackOff, GoesWhereSomebodyInsistsAndCountsThat) {
     EXPECT_EQ(backOff.Ask("a", 1126), Answer::Busy);
 }
 
+TEST(BackOff, EndsAPauseForWhoeverAsksUnlessItWasTriedSince) {
+    BackOff backOff(3);
+    backOff.EndPause("a", 1000);
+    backOff.Tell("a", Outcome::Failed, 1000, kLimits);
+    backOff.EndPause("a", 1000);
+    EXPECT_EQ(backOff.Ask("a", 1010), Answer::Rest);
+    backOff.EndPause("a", 1005);
+    EXPECT_EQ(backOff.Ask("a", 1010), Answer::Go);
+    EXPECT_EQ(backOff.Ask("a", 1010), Answer::Busy);
+    backOff.Tell("a", Outcome::Failed, 1011, kLimits);
+    backOff.EndPause("a", 1005);
+    EXPECT_EQ(backOff.Ask("a", 1012), Answer::Rest) << "those that were asked for with it";
+}
+
 // --- waiting ---
 
 bool Never() { return false; }

@@ -186,6 +186,7 @@ void RetrySession::Decide() {
     // A time that no pause reaches was made by another clock.
     bool const early = status.due > m_now && status.due - m_now <= 2L * m_settings->keep.pause.longest;
     if (early && !forced && !IsTooOld()) return void(m_file.Rest());
+    if (status.asked()) Destinations().EndPause(Destination(), status.asked());
     Attempt attempt(Destination(), m_settings->keep.pause);
     if (forced) attempt.Insist();
     BackOff::Answer const answer = forced ? BackOff::Answer::Go : attempt.Ask();
