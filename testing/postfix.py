@@ -1,0 +1,119 @@
+"""A Postfix of its own: queue, configuration and log in one folder. It needs the superuser, as Postfix does."""
+import contextlib
+import json
+import os
+import pathlib
+import re
+import shutil
+import signal
+import subprocess
+
+import harness
+
+MASTER, QUEUE_TOOL = "/usr/lib/postfix/sbin/master", "/usr/sbin/postqueue"
+SERVICES = """cleanup unix n - n - 0 cleanup
+qmgr unix n - n 300 1 qmgr
+rewrite unix - - n - - trivial-rewrite
+bounce unix - - n - 0 bounce
+defer unix - - n - 0 bounce
+trace unix - - n - 0 bounce
+flush unix n - n 1000? 0 flush
+showq unix n - n - - showq
+smtp unix - - n - - smtp
+relay unix - - n - - smtp
+error unix - - n - - error
+retry unix - - n - - error
+anvil unix - - n - 1 anvil
+scache unix - - n - 1 scache
+proxymap unix - - n - - proxymap
+postlog unix-dgram n - n - 1 postlogd
+"""
+
+
+def is_available():
+    return os.geteuid() == 0 and os.access(MASTER, os.X_OK)
+
+
+class Postfix:
+    """Listens on `port` once it was started, and takes mail for everybody, which goes on to `relay`, a port, if there is one;
+    without one all of it stays in the queue."""
+
+    def __init__(self, folder, relay=None, settings=""):
+        [self.port] = harness.free_ports(1)
+        self.folder, self.process = pathlib.Path(folder), None
+        for name in ("etc", "queue", "data"):
+            (self.folder / name).mkdir(parents=True)
+        for path in (self.folder, *self.folder.parents[:-1]):
+            path.chmod(path.stat().st_mode | 0o555)  # its processes are other users
+        shutil.chown(self.folder / "data", "postfix")
+        onward = f"relayhost = [127.0.0.1]:{relay}" if relay else "defer_transports = smtp"
+        (self.folder / "etc/main.cf").write_text(f"""compatibility_level = 3.6
+queue_directory = {self.folder}/queue
+data_directory = {self.folder}/data
+command_directory = /usr/sbin
+daemon_directory = /usr/lib/postfix/sbin
+myhostname = postfix.alpha.test
+mydestination =
+mynetworks = 127.0.0.0/8
+inet_interfaces = 127.0.0.1
+inet_protocols = ipv4
+smtp_dns_support_level = disabled
+smtpd_peername_lookup = no
+smtpd_client_connection_rate_limit = 0
+smtpd_client_connection_count_limit = 0
+maillog_file = {self.folder}/log
+maillog_file_prefixes = {self.folder}
+alias_maps =
+{onward}
+{settings}
+""")
+        (self.folder / "etc/master.cf").write_text(f"127.0.0.1:{self.port} inet n - n - - smtpd\n{SERVICES}")
+        subprocess.run(["postfix", "-c", self.folder / "etc", "check"], capture_output=True, check=False)
+
+    def start(self):
+        # The master stays in the foreground, and leads a session that its end takes along.
+        self.process = subprocess.Popen([MASTER, "-c", self.folder / "etc", "-d"], stdin=subprocess.DEVNULL,
+                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
+        harness.wait_until(self._listens, f"port {self.port} of Postfix", 90)
+
+    def _listens(self):
+        with contextlib.suppress(OSError):
+            harness.Line(self.port).close()
+            return True
+
+    def stop(self, number=signal.SIGTERM):
+        """It and all that it has started."""
+        if self.process:
+            os.killpg(self.process.pid, number)
+            self.process.wait()
+            harness.wait_until(self._has_ended, "the end of Postfix")
+        self.process = None
+
+    def _has_ended(self):
+        with contextlib.suppress(ProcessLookupError):
+            os.killpg(self.process.pid, signal.SIGKILL)
+            return False
+        return True
+
+    # --- its own tools ---
+
+    def tool(self, *options):
+        return subprocess.run([QUEUE_TOOL, "-c", self.folder / "etc", *options], check=True, capture_output=True,
+                              text=True).stdout
+
+    def flush(self):
+        """All of the queue is tried now."""
+        self.tool("-f")
+
+    def queued(self):
+        """The mails in its queue, as it tells of each."""
+        return [json.loads(line) for line in self.tool("-j").splitlines()]
+
+    def requests(self):
+        """The number at the end of its list."""
+        return int((re.search(r"in (\d+) Request", self.tool("-p")) or [0, 0])[1])
+
+    def message_ids(self):
+        """{number in the queue: Message-ID} of each mail that came to it, as its log has them."""
+        text = (self.folder / "log").read_text(errors="replace")
+        return dict(re.findall(r"/cleanup\[\d+\]: (\w+): message-id=(<.*?>)", text))
