@@ -140,6 +140,12 @@ int ScannerConn::scan(unsigned int index, ScanOutput*& output, bool fallback) {
 
 // A refusal leaves the connection as it is: a further scan goes out on it.
 int ScannerConn::scan_one(unsigned index, ScanOutput*& output, bool fallback) {
+    if (stream && has_unasked()) {
+        report_failure(EPROTO);
+        cacheable = false;
+        end_connection();
+        return kFailed;
+    }
     if (!stream)
         if (int const result = connect()) return result;
     StreamRequest answer;
@@ -256,6 +262,15 @@ int ScannerConn::wait_for_scan(int timeout) {
 bool ScannerConn::has_read_ahead() {
     char* ahead = nullptr;
     return stream->buffereddata(ahead) > 0;
+}
+
+// Between two scans: what came behind the answer to the first would be taken for that to the second. A peer that has
+// left is not looked at here.
+bool ScannerConn::has_unasked() {
+    if (has_read_ahead()) return true;
+    TCPWatch watch;
+    watch.Watch(stream);
+    return watch.Wait(0) == 1 && stream->IsStillConnected();
 }
 
 void ScannerConn::send_attributes() {

@@ -58,6 +58,7 @@ private:
     Outcome await(StreamRequest& answer);
     int wait_for_scan(int timeout);
     bool has_read_ahead();
+    bool has_unasked();
     void send_attributes();
     bool take(unsigned index, StreamRequest const& answer, ScanOutput*& output);
     bool has_headers(StreamRequest const& answer, unsigned& size);

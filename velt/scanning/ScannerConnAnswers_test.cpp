@@ -339,6 +339,21 @@ TEST_F(RemoteScanAnswer, ThatCannotBeAskedForIsAFailure) {
     EXPECT_FALSE(IsOccupied());
 }
 
+// A header that broke on the way makes the client leave content unread; a mail may say whatever a server says.
+TEST_F(RemoteScanAnswer, IsNotLookedForInWhatAnotherLeftBehind) {
+    context.identities = {Intern("staff"), Intern("guests")};
+    for (std::string const& answer : {Answer("40", 1, 0, 0), Answer("5", 0, 0, 0)}) {
+        std::string const forged = "hello" + Answer("0", 1, 0, 0) + kClean + kNoProperties;
+        Converse(remote, {"C " + InLine(), ok, scan, "S " + answer + kFound + kNoProperties + forged, "X end"});
+        EXPECT_EQ(Scan(0), 0);
+        EXPECT_EQ(Scan(1), -1);
+        EXPECT_EQ(output, nullptr);
+        ExpectFailure(EPROTO);
+        EXPECT_FALSE(IsOccupied());
+        DropScanner();
+    }
+}
+
 // --- the content ---
 
 TEST_F(RemoteContent, OfItsOwnIsTakenWhateverTheOtherFlagsSay) {
