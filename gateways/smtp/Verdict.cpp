@@ -66,6 +66,12 @@ std::string TextOf(VELT::ScannerData const& data) {
     return data.className ? Printable(*data.className) : "unnamed finding";
 }
 
+// An error is told in two places, so that a wire that lost the one does not make a clean mail of it.
+bool HasError(IKORScanResult const& one) {
+    IKORPropertyBag const* const properties = one.GetPropertyBag();
+    return one.GetScanErrorStatus() || (properties && properties->GetProperty("E_SR_SCANERROR_ID"));
+}
+
 // Lets the library count and report a result, and takes its name if it is the one that decided.
 void ReadResult(VELT::Connection& session, VELT::ScanOutput const& output, IKORScanResult const* one,
                 Findings& findings) {
@@ -74,7 +80,7 @@ void ReadResult(VELT::Connection& session, VELT::ScanOutput const& output, IKORS
         VELT::ProcessScanResult().ProcessScannerTypes(session, output.identity.c_str(), one, data, true);
     // An error that the library only reports is one all the same: that engine has not looked.
     findings.disclaimer |= data.infoType == kDisclaimerAdded;
-    if (!processed || one->GetScanErrorStatus()) {
+    if (!processed || HasError(*one)) {
         findings.scannerFailed = true;
     } else if (one == output.result->GetMasterScanResult() || findings.text.empty()) {
         findings.text = TextOf(data);
@@ -103,11 +109,13 @@ void Settle(Verdict& verdict, Verdict::Fate fate, std::string finding) {
 
 bool IsRewritten(VELT::ScanOutput const& output) { return output.result->IsModified() || output.input_modified; }
 
-// The content that goes on. A rewriting action without rewritten content must not let the original through.
+// The content that goes on. A rewriting action without rewritten content must not let the original through. No mail is
+// rewritten in place, where the other identities would get it too: whoever says so may mean the original.
 void TakeContent(Verdict& verdict, bool mustBeRewritten) {
     VELT::ScanOutput const& output = *verdict.output;
-    bool const rewritten = IsRewritten(output);
-    if (rewritten && output.output && output.output->size()) verdict.rewritten = output.output;
+    bool const rewritten = IsRewritten(output) || verdict.disclaimer;
+    bool const isItsOwn = !output.output_in_input && output.output && output.output->size();
+    if (rewritten && isItsOwn) verdict.rewritten = output.output;
     if (rewritten != (verdict.rewritten != nullptr)) {
         Settle(verdict, Verdict::Fate::Defer, "rewritten message is missing");
     } else if (mustBeRewritten && !rewritten) {
@@ -189,30 +197,39 @@ bool ScanOnce(VELT::Scanner& scanner, unsigned index, Verdict& verdict, bool fal
 
 // The engines gave up on a message that is too large or too deep: the signatures look at it as it is. What they find
 // decides; if they find nothing, the action that policy has for such a message does.
-void Fallback(VELT::Connection& session, VELT::Scanner& scanner, unsigned index, Verdict& verdict) {
+bool Fallback(VELT::Connection& session, VELT::Scanner& scanner, unsigned index, Verdict& verdict) {
     Judge(session, verdict);
     Verdict::Fate const limitFate = verdict.rewritten ? Verdict::Fate::Refuse : verdict.fate;
     std::string const limitFinding = verdict.finding, limitAction = verdict.action, limitEvidence = verdict.evidence;
     bool const limitQuarantine = verdict.quarantine && !verdict.rewritten;
     verdict.rewritten = nullptr;
     verdict.output.reset();  // one scanner would delete it, another lose it
-    if (!ScanOnce(scanner, index, verdict, true)) return Settle(verdict, Verdict::Fate::Defer, "fallback scan failed");
+    if (!ScanOnce(scanner, index, verdict, true)) {
+        Settle(verdict, Verdict::Fate::Defer, "fallback scan failed");
+        return false;
+    }
     Judge(session, verdict);
     bool const passes = verdict.fate == Verdict::Fate::Pass;
     if (limitFate == Verdict::Fate::Pass || !(passes || (verdict.quarantine && limitFate == Verdict::Fate::Defer)))
-        return;
+        return true;
     verdict.quarantine = limitQuarantine;
     verdict.action = limitAction;
     verdict.evidence = limitEvidence;
     Settle(verdict, limitFate, limitFinding);
+    return true;
 }
 
-void ScanIdentity(VELT::Connection& session, VELT::Scanner& scanner, unsigned index, Verdict& verdict) {
-    if (!ScanOnce(scanner, index, verdict, false)) return Settle(verdict, Verdict::Fate::Defer, "scan failed");
+// False: a scan failed, and nobody knows how far the scanner came with it.
+bool ScanIdentity(VELT::Connection& session, VELT::Scanner& scanner, unsigned index, Verdict& verdict) {
+    if (!ScanOnce(scanner, index, verdict, false)) {
+        Settle(verdict, Verdict::Fate::Defer, "scan failed");
+        return false;
+    }
     if (VELT::ProcessScanResult().DoFallBackScan(verdict.output.get())) {
         return Fallback(session, scanner, index, verdict);
     }
     Judge(session, verdict);
+    return true;
 }
 
 // Runs a step of a scan. What it throws is a failure of that scan, and of nothing else.
@@ -242,15 +259,18 @@ void SetOutcome(Verdict& verdict) {
     }
 }
 
-// As many of the context's identities, from the first on, as one scanner takes. None: nobody would scan.
+// As many of the context's identities, from the first on, as one scanner takes. None: nobody would scan. Behind a scan
+// that failed it takes none: what is left of its answer would be taken for the next one's.
 unsigned ScanSome(VELT::Connection& session, VELT::ScanContext& context, Verdict* verdicts) {
     std::unique_ptr<VELT::Scanner> const scanner(VELT::Scanner::get(&context));
     unsigned count = 0;
     if (!scanner || scanner->setup_scan(count) != 0 || count > context.identities.size()) return 0;
     for (unsigned index = 0; index < count; ++index) {
         verdicts[index].outcome = Outcome::Failed;  // until something can be said
-        Guarded(verdicts[index], [&] { ScanIdentity(session, *scanner, index, verdicts[index]); });
+        bool whole = false;
+        Guarded(verdicts[index], [&] { whole = ScanIdentity(session, *scanner, index, verdicts[index]); });
         SetOutcome(verdicts[index]);
+        if (!whole) return index + 1;
     }
     return count;
 }
