@@ -31,6 +31,19 @@ class Draining(ScannerdCase):
         self.assertTrue(fresh.is_closed())
         self.wait_all_gone()
 
+    def test_a_parked_connection_makes_room_for_a_client(self):
+        self.begin(scannerd={"ParkTimeout": 3600}, network={"MaxConnections": 3})
+        parked = [self.client() for _ in range(3)]
+        for client in parked:
+            client.item(mail())
+            self.assertEqual(client.state(b"get stasis\n\n"), "OK")
+        self.assertEqual(parked[1].state(b"get wakeup\n\n"), "OK")
+        self.assertTrue(self.client().item(mail(EICAR)).triggered)
+        self.assertTrue(parked[0].is_closed(), "the one that waited longest")
+        self.assertTrue(parked[1].item(mail(EICAR)).triggered)
+        self.assertEqual(parked[2].state(b"get wakeup\n\n"), "OK")
+        self.assertEqual(self.counters()["parked.ended"], 1)
+
     def test_a_worker_that_drains_has_a_successor(self):
         self.begin()
         client = self.client()

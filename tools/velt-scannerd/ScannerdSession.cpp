@@ -8,14 +8,17 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <exception>
 
 #include <velt/logging/Log.h>
+#include <velt/runtime/Proxy.h>
 #include <velt/runtime/ServiceLoop.h>
 #include <velt/scanning/EFabricScanAgent.h>
 #include <velt/streams/TCPStream.h>
 
 #include "Names.h"
+#include "ParkingLot.h"
 #include "ScannerdCounters.h"
 #include "ScannerdEvents.h"
 
@@ -53,6 +56,13 @@ StepRow const kSteps[] = {
     {Step::Parked, &Counters::parked},        {Step::WokenUp, &Counters::woken},
 };
 
+std::atomic<unsigned> s_alive{0};  // sessions of this process, with those that wait for a thread
+
+ParkingLot& Parked() {
+    static ParkingLot& lot = *new ParkingLot;
+    return lot;
+}
+
 KORlog::InfoBag ProcessNumber() { return KORlog::InfoBag(names::PROCESS(::getpid())); }
 
 // A scan client's first word is "get", a monitor's "GET".
@@ -63,6 +73,14 @@ bool SpeaksHttp(int fd) {
 }
 
 }  // namespace
+
+// A session that would find no thread has one of those who only wait.
+ScannerdSession::ScannerdSession() {
+    VELT::Proxy const* const proxy = VELT::Proxy::s_pProxyInstance;
+    if (++s_alive > (proxy ? proxy->m_maxConnections : 1) && Parked().MakeRoom()) ++Count().parkedEnded;
+}
+
+ScannerdSession::~ScannerdSession() { --s_alive; }
 
 void ScannerdSession::InitialiseConnectionClass(bool, VELT::Config&) { Count(); }
 
@@ -83,6 +101,7 @@ void ScannerdSession::Start() {
         Tell(Trouble::ScanFailed, "internal error");
     }
     m_conversation = nullptr;
+    Parked().Leave(m_source.m_stream->GetSocket());
     ReportEnd();
 }
 
@@ -123,6 +142,8 @@ void ScannerdSession::Tell(Trouble trouble, std::string const& why) {
 void ScannerdSession::Note(Step step) {
     m_items += step == Step::ItemTaken;
     m_scans += step == Step::ScanAsked;
+    if (step == Step::Parked) Parked().Enter(m_source.m_stream->GetSocket());
+    if (step == Step::WokenUp) Parked().Leave(m_source.m_stream->GetSocket());
     for (StepRow const& row : kSteps) {
         if (row.step == step) ++(Count().*row.counter);
     }

@@ -16,6 +16,9 @@ namespace scannerd {
 
 class ScannerdSession : public VELT::Connection, private Desk {
 public:
+    ScannerdSession();
+    ~ScannerdSession() override;
+
     void Run() override;  // scan clients of this machine are served beside the health monitor, which speaks HTTP
     void Start() override;
     void InitialiseConnectionClass(bool transparent, VELT::Config& config) override;
