@@ -18,11 +18,13 @@ install(FILES ${CMAKE_BINARY_DIR}/velt.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pk
 # What systemd needs to run the mail gateway. Paths below the prefix that systemd searches, /usr and /usr/local alike.
 set(VELT_SERVICE_TYPE exec)
 set(VELT_SERVICE_TYPE_REMARK "Built without libsystemd: nobody tells when the gateway is ready.")
+set(VELT_RMGRD_TYPE_REMARK "Built without libsystemd: nobody tells when it listens.")
 if(SYSTEMD_FOUND)
   set(VELT_SERVICE_TYPE notify)
   set(VELT_SERVICE_TYPE_REMARK "Ready when a worker accepts: it is the worker that says so, not the main process.")
+  set(VELT_RMGRD_TYPE_REMARK "Ready when it listens.")
 endif()
-foreach(unit velt-scannerd velt-smtp velt-smtp-retryer)
+foreach(unit velt-rmgrd velt-scannerd velt-smtp velt-smtp-retryer)
   configure_file(packaging/systemd/${unit}.service.in ${CMAKE_BINARY_DIR}/${unit}.service @ONLY)
   install(FILES ${CMAKE_BINARY_DIR}/${unit}.service DESTINATION lib/systemd/system)
 endforeach()
@@ -37,6 +39,6 @@ install(PROGRAMS packaging/nftables/velt-routes DESTINATION ${CMAKE_INSTALL_LIBE
 install(PROGRAMS packaging/systemd/replace-workers DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/velt)
 install(DIRECTORY packaging/schemas DESTINATION ${CMAKE_INSTALL_DATADIR}/velt FILES_MATCHING PATTERN "*.xsd")
 install(DIRECTORY packaging/samples DESTINATION ${CMAKE_INSTALL_DATADIR}/velt)
-install(FILES docs/operating.md docs/policy.md docs/smtp.md docs/velt-scannerd.md docs/settings.md docs/events.md
+install(FILES docs/operating.md docs/policy.md docs/smtp.md docs/velt-rmgrd.md docs/velt-scannerd.md docs/settings.md docs/events.md
               docs/interception.md
         DESTINATION ${CMAKE_INSTALL_DOCDIR})

@@ -52,7 +52,7 @@ bool MayAnnounce(int fd) {
 
 std::size_t MostClients() {
     rlimit limit{};
-    ::getrlimit(RLIMIT_NOFILE, &limit);
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return kMostClients;
     std::size_t const room = std::min<std::size_t>(limit.rlim_cur, kMostClients + kOtherDescriptors);
     return room > 2 * kOtherDescriptors ? room - kOtherDescriptors : room / 2;
 }

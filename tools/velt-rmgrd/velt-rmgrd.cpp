@@ -3,6 +3,9 @@
 #include <sys/resource.h>
 #include <system/SystemPath.h>
 #include <unistd.h>
+#ifdef VELT_WITH_SYSTEMD
+#include <systemd/sd-daemon.h>
+#endif
 
 #include <csignal>
 #include <cstdio>
@@ -115,10 +118,18 @@ void Load(rmgrd::Manager& manager, std::string const& path) {
     manager.SetServers(std::move(file.servers));
 }
 
+// From now on a gateway that asks is told of the servers of the file.
+void NotifyReady() {
+#ifdef VELT_WITH_SYSTEMD
+    ::sd_notify(0, "READY=1");
+#endif
+}
+
 // Returns with the signal that ends it.
 void Serve(rmgrd::Manager& manager, sigset_t const& signals, std::string const& servers) {
     Load(manager, servers);
     std::thread running([&] { manager.Run(); });
+    NotifyReady();
     for (int signal = 0; ::sigwait(&signals, &signal) != 0 || signal == SIGHUP;) Load(manager, servers);
     manager.Stop();
     running.join();

@@ -1,9 +1,13 @@
 // The daemon as a process, with its file of servers, its signals and its options.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -105,6 +109,24 @@ TEST_F(RmgrdProcess, GivesWorkToServersThatFindTheTestFile) {
     EXPECT_EQ(End(SIGTERM), 0);
     EXPECT_FALSE(root.Exists("run/velt/rmgrd.socket"));
 }
+
+#ifdef VELT_WITH_SYSTEMD
+TEST_F(RmgrdProcess, SaysWhenItListens) {
+    Fd const told(::socket(AF_UNIX, SOCK_DGRAM, 0));
+    std::string const path = root / "notify";
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, path.c_str());
+    ASSERT_EQ(::bind(told.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    Start({});
+    ::unsetenv("NOTIFY_SOCKET");
+    char text[64] = "";
+    EXPECT_TRUE(Eventually([&] { return ::recv(told.get(), text, sizeof text - 1, MSG_DONTWAIT) > 0; }));
+    EXPECT_STREQ(text, "READY=1");
+    EXPECT_TRUE(RSMgrResourceCtlHandle(handle));
+}
+#endif
 
 TEST_F(RmgrdProcess, TakesAServerOutOfRotationThatNoLongerFindsTheTestFile) {
     ScriptedScanner scanner(true);
