@@ -130,9 +130,11 @@ bool Upstream::Exchange(std::vector<std::string> const& commands, std::vector<Re
         std::size_t const end = std::min(next + window, commands.size());
         if (next == last && accepted == 0) return false;  // nobody to send it to
         m_stream.set_timeout(Bounded(m_timeouts.commandMs));
-        if (!WriteCommands(commands, next, end)) Lost(0);
+        bool const sent = WriteCommands(commands, next, end);
+        if (!sent) Lost(0);
         for (; next < end; ++next) {
-            replies[next] = ReadReply(Bounded(next == last ? m_timeouts.dataMs : m_timeouts.commandMs));
+            unsigned const usual = next == last ? m_timeouts.dataMs : m_timeouts.commandMs;
+            replies[next] = ReadReply(Bounded(sent ? usual : kLastWordMs));
             if (!m_usable) {
                 std::fill(replies.begin() + static_cast<std::ptrdiff_t>(next), replies.end(), replies[next]);
                 return false;

@@ -7,8 +7,10 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <string>
 #include <thread>
 
@@ -98,6 +100,25 @@ protected:
     std::unique_ptr<Upstream> m_upstream;
     std::thread m_thread;
 };
+
+// What could not be sent is not answered: only a last word may still come.
+TEST_F(UpstreamTalk, WaitsNoLongerThanForALastWordWhereItsCommandsDidNotGoOut) {
+    std::promise<void> over;
+    Script([&](Server& server) {
+        Welcome(server);
+        over.get_future().wait();
+    });
+    m_upstream = std::make_unique<Upstream>(*m_stream, m_timeouts);
+    ASSERT_EQ(m_upstream->Greet("gw.example").group(), 2);
+    ::shutdown(m_stream->GetSocket(), SHUT_WR);
+    auto const begin = std::chrono::steady_clock::now();
+    std::vector<Reply> const replies = m_upstream->Send(Ship({"b@b.example"}));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(m_timeouts.commandMs));
+    over.set_value();
+    ASSERT_EQ(replies.size(), 1u);
+    EXPECT_EQ(replies.front().group(), 4);
+    EXPECT_FALSE(m_upstream->alive());
+}
 
 TEST_F(UpstreamTalk, GathersTheEnvelopeWhereItMayAndStuffsDots) {
     std::string envelope, data;
