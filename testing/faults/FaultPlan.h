@@ -22,8 +22,12 @@ enum class Fallible : std::int32_t {
     thread,   // the start of one
     place,    // where and how long a file is, and that it is on the disk
     close,    // the descriptor is gone even so
+    name,     // what a file is called, and that it is no more
+    lock,     // of a file
     count,
 };
+
+inline constexpr std::int32_t kFromFirstLock = 2;  // a plan that is armed so takes effect when a file is to be locked
 
 struct FaultPlan {
     std::atomic<std::int32_t> armed;  // calls are counted, and fail as planned

@@ -46,7 +46,7 @@ __attribute__((constructor)) void MapPlan() {
 bool IsConcerned() { return s_plan->process == 0 || s_plan->process == ::getpid() || s_plan->process == ::getppid(); }
 
 bool IsPlanned(Fallible kind) {
-    if (!s_plan->armed || t_spared || !IsConcerned()) return false;
+    if (s_plan->armed != 1 || t_spared || !IsConcerned()) return false;
     std::int64_t const call = ++s_plan->calls[static_cast<int>(kind)];
     return static_cast<int>(kind) == s_plan->kind && call >= s_plan->first && call <= s_plan->last;
 }
@@ -95,6 +95,11 @@ ssize_t recv(int fd, void* data, std::size_t length, int flags) {
 ssize_t write(int fd, void const* data, std::size_t length) {
     static auto const next = Next<decltype(&::write)>("write");
     return Fails(Fallible::write, length) ? -1 : next(fd, data, length);
+}
+
+ssize_t pwrite(int fd, void const* data, std::size_t length, off_t place) {
+    static auto const next = Next<decltype(&::pwrite)>("pwrite");
+    return Fails(Fallible::write, length) ? -1 : next(fd, data, length, place);
 }
 
 ssize_t send(int fd, void const* data, std::size_t length, int flags) {
@@ -212,6 +217,38 @@ int ftruncate(int fd, off_t length) {
 int fstat(int fd, struct stat* status) {
     static auto const next = Next<decltype(&::fstat)>("fstat");
     return Fails(Fallible::place) ? -1 : next(fd, status);
+}
+
+int stat(char const* path, struct stat* status) {
+    static auto const next = Next<int (*)(char const*, struct stat*)>("stat");
+    return Fails(Fallible::place) ? -1 : next(path, status);
+}
+
+int lstat(char const* path, struct stat* status) {
+    static auto const next = Next<int (*)(char const*, struct stat*)>("lstat");
+    return Fails(Fallible::place) ? -1 : next(path, status);
+}
+
+int futimens(int fd, timespec const* times) {
+    static auto const next = Next<decltype(&::futimens)>("futimens");
+    return Fails(Fallible::place) ? -1 : next(fd, times);
+}
+
+int rename(char const* from, char const* to) {
+    static auto const next = Next<decltype(&::rename)>("rename");
+    return Fails(Fallible::name) ? -1 : next(from, to);
+}
+
+int unlink(char const* path) {
+    static auto const next = Next<decltype(&::unlink)>("unlink");
+    return Fails(Fallible::name) ? -1 : next(path);
+}
+
+int lockf(int fd, int command, off_t length) {
+    static auto const next = Next<decltype(&::lockf)>("lockf");
+    std::int32_t waiting = velt_testing::kFromFirstLock;
+    s_plan->armed.compare_exchange_strong(waiting, 1);
+    return Fails(Fallible::lock) ? -1 : next(fd, command, length);
 }
 
 int fsync(int fd) {

@@ -28,7 +28,10 @@ KINDS = {
     "thread": (errno.EAGAIN,),
     "place": (errno.EIO, errno.EINTR),
     "close": (errno.EIO, errno.EINTR),
+    "name": (errno.EIO, errno.ENOSPC, errno.EROFS),
+    "lock": (errno.EAGAIN, errno.ENOLCK, errno.EINTR),
 }
+FROM_FIRST_LOCK = 2  # a plan that is armed so takes effect when a file is to be locked
 PASSING = {errno.EINTR, errno.EAGAIN}  # no system gives these for ever
 PASSING_LENGTH = 3
 FOR_EVER = 2 ** 62
@@ -136,6 +139,7 @@ class Driver:
 
 class TortureCase(unittest.TestCase):
     most = 3 if harness.SANITIZED else 8  # calls of one kind that fail, each with each error, where not all do
+    without = {"name"}  # a file of the spool directory that cannot be removed is left for the sweep
 
     @classmethod
     def setUpClass(cls):
@@ -149,8 +153,8 @@ class TortureCase(unittest.TestCase):
 
         Each scenario tells of failures, but those that are `silent`."""
         for scenario in scenarios:
-            verdicts = {injection: self.driver.run_with(scenario, injection)
-                        for injection in injections(self.driver.calls_of(scenario), self.most)}
+            calls = {kind: count for kind, count in self.driver.calls_of(scenario).items() if kind not in self.without}
+            verdicts = {injection: self.driver.run_with(scenario, injection) for injection in injections(calls, self.most)}
             counts = collections.Counter(verdict.split()[0].strip(":") for verdict in verdicts.values())
             print(f"\n  {scenario}: {dict(counts)}", end="", flush=True)
             self._judge(scenario, verdicts, told)
