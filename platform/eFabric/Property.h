@@ -83,7 +83,8 @@ public:
 };
 
 // KORPropertyBag: the bag itself, a value: copying copies all depths, and reads foreign bags through their interface.
-// Destruction takes no stack for nested bags, however deep. Look-up by name walks the bag: bags are small.
+// Destruction takes no stack for nested bags, however deep. Look-up by name walks a small
+// bag; a large one has an index, as names come from the wire and nobody limits their number.
 // A copy has its callbacks off; assignment leaves those of the target as they are and reports Cleared, then each Added.
 class VELTPLATFORM_API KORPropertyBag : public IKORPropertyBag {
 public:

@@ -1,5 +1,8 @@
 #include <cstring>
+#include <map>
+#include <new>
 #include <string>
+#include <string_view>
 #include <unordered_set>
 #include <utility>
 #include <vector>
@@ -10,14 +13,25 @@
 using eFabric::detail::Property;
 using eFabric::detail::PropertyOwner;
 
+namespace {
+
+constexpr std::size_t kWalked = 64;  // properties at most that are found without an index
+
+}  // namespace
+
 struct KORPropertyBag::Impl {
     using Properties = std::vector<std::unique_ptr<Property>>;
 
     explicit Impl(KORPropertyBag& self) : owner{self} {}
 
     Property* Find(char const* name) const {
+        if (!name) return nullptr;
+        if (!byName.empty()) {
+            auto const found = byName.find(name);
+            return found == byName.end() ? nullptr : found->second;
+        }
         for (auto const& property : properties)
-            if (name && std::strcmp(property->GetName(), name) == 0) return property.get();
+            if (std::strcmp(property->GetName(), name) == 0) return property.get();
         return nullptr;
     }
 
@@ -28,19 +42,36 @@ struct KORPropertyBag::Impl {
 
     Property* Make(char const* name) {
         properties.push_back(std::make_unique<Property>(owner, name));
+        Index(*properties.back());
         owner.Tell(properties.back().get(), KORPropChange::Added);
         return properties.back().get();
     }
 
+    // Made with the property and not with the look-up, which other threads may do at the same time. Without the memory
+    // for it the bag is walked.
+    void Index(Property& made) {
+        if (byName.empty() && properties.size() <= kWalked) return;
+        try {
+            if (byName.empty())
+                for (auto const& property : properties) byName.emplace(property->GetName(), property.get());
+            else
+                byName.emplace(made.GetName(), &made);
+        } catch (std::bad_alloc const&) {
+            byName.clear();
+        }
+    }
+
     bool Delete(Properties::iterator at) {
         auto const gone = std::move(*at);
+        byName.erase(gone->GetName());
         properties.erase(at);
         owner.Tell(gone.get(), KORPropChange::Deleted);
         return true;
     }
 
     PropertyOwner owner;
-    Properties properties;  // in order of making
+    Properties properties;                         // in order of making
+    std::map<std::string_view, Property*> byName;  // all of them, or empty
 };
 
 namespace {
@@ -127,6 +158,7 @@ bool KORPropertyBag::DeleteProperty(long index) {
 }
 
 void KORPropertyBag::Clear() {
+    m_impl->byName.clear();
     auto const gone = std::exchange(m_impl->properties, {});
     m_impl->owner.Tell(nullptr, KORPropChange::Cleared);
 }

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
+#include <ctime>
 #include <string>
 #include <utility>
 #include <vector>
@@ -65,6 +67,51 @@ TEST_F(Bag, DeletesByNameAndByIndex) {
     EXPECT_STREQ(bag.GetProperty(0L)->GetName(), "c");
     bag.Clear();
     EXPECT_EQ(bag.Size(), 0);
+}
+
+// However many there are: what is found, made and deleted by name is the same.
+TEST_F(Bag, OfManyNamesIsAsOneOfFew) {
+    auto const name = [](int i) { return "name" + std::to_string(i); };
+    for (int count : {1, 63, 64, 65, 66, 1000}) {
+        bag.Clear();
+        for (int i = 0; i < count; ++i) Make(name(i).c_str()).SetLong(i);
+        IKORProperty& again = Make(name(count / 2).c_str());
+        EXPECT_EQ(again.GetType(), KORProp_None) << "one of this name was there";
+        EXPECT_EQ(bag.Size(), count);
+        EXPECT_EQ(bag.GetProperty(name(count).c_str()), nullptr);
+        EXPECT_EQ(bag.GetProperty(static_cast<char const*>(nullptr)), nullptr);
+        for (int i = 0; i < count; ++i) EXPECT_EQ(bag.GetProperty(name(i).c_str()), bag.GetProperty(long{i}));
+        EXPECT_TRUE(bag.DeleteProperty(name(0).c_str()));
+        EXPECT_FALSE(bag.DeleteProperty(name(0).c_str()));
+        EXPECT_EQ(bag.GetProperty(name(0).c_str()), nullptr);
+        EXPECT_EQ(bag.DeleteProperty(0L), count > 1);
+        EXPECT_EQ(bag.GetProperty(name(1).c_str()), nullptr);
+        IKORProperty* const last = bag.NewProperty(name(0).c_str());
+        EXPECT_EQ(bag.GetProperty(bag.Size() - 1), last);
+        EXPECT_EQ(bag.GetProperty(name(0).c_str()), last);
+        KORPropertyBag const copy(bag);
+        EXPECT_EQ(copy.Size(), bag.Size());
+        EXPECT_EQ(copy.GetProperty(name(0).c_str()), copy.GetProperty(copy.Size() - 1));
+    }
+    for (long left = bag.Size(); left > 0; --left) EXPECT_TRUE(bag.DeleteProperty(left - 1));
+    Make("b"), Make("a");
+    EXPECT_EQ(bag.GetProperty("b"), bag.GetProperty(0L));
+}
+
+// The names are the wire's: ten times as many may not cost a hundred times as much.
+TEST_F(Bag, FindsANameWithoutLookingAtAll) {
+    auto const cost = [this](int count) {
+        bag.Clear();
+        std::clock_t const start = std::clock();
+        for (int i = 0; i < count; ++i) Make(("property" + std::to_string(i)).c_str());
+        return static_cast<double>(std::clock() - start);
+    };
+    double least[2] = {1e18, 1e18};
+    for (int i = 0; i < 3; ++i) {
+        least[0] = std::min(least[0], cost(4000));
+        least[1] = std::min(least[1], cost(40000));
+    }
+    EXPECT_LT(least[1], 40 * least[0]);
 }
 
 TEST_F(Bag, MakesAPropertyWithAnEmptyBag) {
