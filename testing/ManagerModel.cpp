@@ -189,6 +189,11 @@ bool ManagerModel::TakesOpen(char const* path, int flags, int& result) {
     std::string_view const name = path ? path : "";
     if (!model || name.substr(0, kResourceDevice.size()) != kResourceDevice) return false;
     int const device = name == kControlDevice ? control : std::atoi(path + kResourceDevice.size());
+    if (device < 0 && name != kControlDevice) {
+        errno = ENOENT;
+        result = -1;
+        return true;
+    }
     result = model->Open(device, flags);
     return true;
 }

@@ -202,6 +202,15 @@ TEST_F(ManagerChoice, WithoutADeviceItIsTheSocketWhereItAnswers) {
     EXPECT_EQ(Wait(first), 1);
 }
 
+// The number that stands for the control handle on the socket is none of a resource.
+TEST_F(ManagerChoice, HasNoResourceOfANumberBelowZero) {
+    Start({Facts("a")});
+    EXPECT_EQ(Wait(first), 1);
+    EXPECT_FALSE(RSMgrResourceHandle(second, -1));
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(second, -1);
+}
+
 TEST_F(ManagerChoice, WithoutServersThereAreNone) {
     Start();
     EXPECT_FALSE(RSMgrActive());

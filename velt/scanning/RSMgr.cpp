@@ -34,7 +34,7 @@ int AskOpen(int handle, Request request, void* argument) {
 void manager::Choose(Backend const* backend) { s_chosen = backend; }
 
 bool RSMgrResourceCtlHandle(int& handle) {
-    int const opened = Manager().open(kControl);
+    int const opened = Manager().openControl();
     if (opened >= 0) handle = opened;
     return handle >= 0;
 }

@@ -32,7 +32,8 @@ struct Settings {
 
 struct Backend {
     bool (*isThere)();
-    int (*open)(int resource);  // a descriptor that is moved up already, or -1
+    int (*openControl)();       // a descriptor that is moved up already, or -1
+    int (*open)(int resource);  // likewise; no resource has a number below 0
     int (*ask)(int handle, Request request, void* argument);
     bool (*isActive)();
     bool (*readSettings)(Settings& settings);  // true: all four

@@ -5,7 +5,6 @@
 
 #include <cstdio>
 #include <memory>
-#include <string>
 
 #include <velt/scanning/RSMgrBackends.h>
 
@@ -14,24 +13,30 @@ namespace VELT::manager {
 namespace {
 
 constexpr char const* kControlDevice = "/dev/qxrmgrctl";
-constexpr char const* kResourceDevice = "/dev/qxrmgr";
 constexpr char const* kManagerEntry = "/proc/qxrmgr";
 constexpr char const* kSettingsEntry = "/proc/qxrmgr/settings";
 constexpr int kFirstHighDescriptor = 1024;
 
 bool DeviceIsThere() { return ::access(kControlDevice, F_OK) == 0; }
 
-int OpenDevice(int resource) {
-    std::string const path = resource == kControl ? kControlDevice : kResourceDevice + std::to_string(resource);
-    int const fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+int Open(char const* path) {
+    int const fd = ::open(path, O_RDONLY | O_CLOEXEC);
     return fd < 0 ? fd : MoveUp(fd);
+}
+
+int OpenControl() { return Open(kControlDevice); }
+
+int OpenResource(int resource) {
+    char path[32];
+    std::snprintf(path, sizeof path, "/dev/qxrmgr%d", resource);
+    return Open(path);
 }
 
 int AskDevice(int handle, Request request, void* argument) { return ::ioctl(handle, request, argument); }
 
 bool DeviceIsActive() {
     if (::access(kManagerEntry, R_OK) != 0) return false;
-    int const handle = OpenDevice(kControl);
+    int const handle = OpenControl();
     if (handle < 0) return false;
     bool const active = AskDevice(handle, kServersInUse, nullptr) > 0;
     ::close(handle);
@@ -39,7 +44,7 @@ bool DeviceIsActive() {
 }
 
 bool ReadDeviceSettings(Settings& settings) {
-    std::unique_ptr<std::FILE, int (*)(std::FILE*)> const entry(std::fopen(kSettingsEntry, "r"), &std::fclose);
+    std::unique_ptr<std::FILE, int (*)(std::FILE*)> const entry(std::fopen(kSettingsEntry, "re"), &std::fclose);
     return entry && std::fscanf(entry.get(), "%d %d %d %d", &settings.cache, &settings.cacheSeconds,
                                 &settings.connectTimeout, &settings.dataTimeout) == 4;
 }
@@ -53,6 +58,6 @@ int MoveUp(int fd) {
     return moved;
 }
 
-Backend const g_device{DeviceIsThere, OpenDevice, AskDevice, DeviceIsActive, ReadDeviceSettings};
+Backend const g_device{DeviceIsThere, OpenControl, OpenResource, AskDevice, DeviceIsActive, ReadDeviceSettings};
 
 }  // namespace VELT::manager

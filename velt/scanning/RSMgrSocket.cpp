@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <new>
 #include <string>
 
 #include <velt/scanning/RSMgrBackends.h>
@@ -57,16 +58,24 @@ Question About(Request request, int value = 0) {
     return question;
 }
 
+bool FindSocket(sockaddr_un& address) {
+    try {
+        std::string const path = SystemPath(kSocketPath);
+        address.sun_family = AF_UNIX;
+        errno = ENAMETOOLONG;
+        if (path.size() >= sizeof address.sun_path) return false;
+        std::memcpy(address.sun_path, path.c_str(), path.size());
+        return true;
+    } catch (std::bad_alloc const&) {
+        errno = ENOMEM;
+        return false;
+    }
+}
+
 // A full queue of connections is waited for like an answer.
 int Connect() {
-    std::string const path = SystemPath(kSocketPath);
     sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path) {
-        errno = ENAMETOOLONG;
-        return -1;
-    }
-    std::memcpy(address.sun_path, path.c_str(), path.size());
+    if (!FindSocket(address)) return -1;
     int const fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     if (fd < 0) return -1;
     timeval const limit{kAnswerSeconds, 0};
@@ -78,7 +87,7 @@ int Connect() {
     return -1;
 }
 
-int OpenSocket(int resource) {
+int Open(int resource) {
     int const fd = Connect();
     if (fd < 0) return -1;
     Answer answer;
@@ -89,9 +98,18 @@ int OpenSocket(int resource) {
     return -1;
 }
 
+int OpenControl() { return Open(kControl); }
+
+// What stands for the control handle on the socket is no resource.
+int OpenResource(int resource) {
+    if (resource >= 0) return Open(resource);
+    errno = ENOENT;
+    return -1;
+}
+
 // Opens the control handle for one question.
 int AskOnce(Request request, Answer& answer) {
-    int const handle = OpenSocket(kControl);
+    int const handle = OpenControl();
     if (handle < 0) return -1;
     int const result = Exchange(handle, About(request), answer);
     ::close(handle);
@@ -99,7 +117,7 @@ int AskOnce(Request request, Answer& answer) {
 }
 
 bool SocketIsThere() {
-    int const handle = OpenSocket(kControl);
+    int const handle = OpenControl();
     if (handle >= 0) ::close(handle);
     return handle >= 0;
 }
@@ -163,6 +181,6 @@ bool ReadSocketSettings(Settings& settings) {
 
 }  // namespace
 
-Backend const g_socket{SocketIsThere, OpenSocket, AskSocket, SocketIsActive, ReadSocketSettings};
+Backend const g_socket{SocketIsThere, OpenControl, OpenResource, AskSocket, SocketIsActive, ReadSocketSettings};
 
 }  // namespace VELT::manager

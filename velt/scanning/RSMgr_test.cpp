@@ -4,6 +4,7 @@
 
 #include <cctype>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -96,6 +97,16 @@ TEST_P(ManagerHandles, OfTheControlDeviceStayAsTheyWereWhereItCannotBeOpened) {
     int kept = other.get();
     EXPECT_TRUE(RSMgrResourceCtlHandle(kept)) << "it tells whether the handle is open, not whether the device was";
     EXPECT_EQ(kept, other.get());
+}
+
+// What stands for the control device elsewhere is a number like others here, of a device that nobody has.
+TEST_P(ManagerHandles, OfANumberBelowZeroAreNotThoseOfTheControlDevice) {
+    for (int const number : {-1, -2, INT_MIN}) {
+        EXPECT_FALSE(RSMgrResourceHandle(handle, number)) << number;
+        EXPECT_EQ(handle, -1);
+        EXPECT_EQ(errno, ENOENT);
+    }
+    EXPECT_EQ(manager.opens(ManagerModel::control), 0u);
 }
 
 TEST_P(ManagerHandles, EndTheirOccupationWithTheLastClose) {
