@@ -56,7 +56,7 @@ ScanResult::ScanResult(BufferedStream* stream, bool decode, bool& ok) {
     ok = decode && !stream;
     if (!decode || !stream) return;
     results::SerialSource source(*stream);
-    ok = decode_ascii_stream(source);
+    ok = results::WithMemory([&] { return decode_ascii_stream(source); });
 }
 
 ScanResult::ScanResult(results::SerialSource& source, bool& ok) { ok = decode_ascii_stream(source); }

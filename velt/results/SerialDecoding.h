@@ -5,6 +5,8 @@
 
 #include <eFabric/Property.h>
 
+#include <cerrno>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -15,6 +17,17 @@ class BufferedStream;
 }
 
 namespace VELT::results {
+
+// What `read` answers; false with ENOMEM where memory ran out on the way.
+template <class Read>
+bool WithMemory(Read read) {
+    try {
+        return read();
+    } catch (std::bad_alloc const&) {
+        errno = ENOMEM;
+        return false;
+    }
+}
 
 constexpr long kMostCharacters = 64l << 20;        // of one string
 constexpr unsigned long kMostBytes = 256ul << 20;  // of one verdict or section

@@ -42,6 +42,20 @@ bool convert_to_wchar(std::vector<std::string> const& names, wchar_t* buffer, in
     return true;
 }
 
+// True: to its empty line. `other`: to a line that does not begin with the name.
+bool ReadSection(BufferedStream& stream, char const* name, IKORPropertyBag& bag, bool& other) {
+    results::SerialSource source(stream);
+    std::size_t const length = std::strlen(name);
+    char* line = nullptr;
+    bool complete = false;
+    while (source.ReadLine(line, complete) > 0) {
+        other = std::strncmp(line, name, length) != 0;
+        if (other) return false;
+        if (line[length] == '.') results::decode_property_bag(bag, source, line + length + 1);
+    }
+    return complete;
+}
+
 }  // namespace
 
 SerializedEFabricResult::Token const SerializedEFabricResult::s_AsciiDecode[] = {
@@ -58,9 +72,12 @@ SerializedEFabricResult::Token const SerializedEFabricResult::s_AsciiDecode[] = 
 };
 
 SerializedEFabricResult* SerializedEFabricResult::deserialize(BufferedStream* stream, bool* ended) {
-    std::unique_ptr<SerializedEFabricResult> made(new SerializedEFabricResult);
     bool whole = false;
-    bool const ok = made->decode_ascii_stream(stream, whole);
+    std::unique_ptr<SerializedEFabricResult> made;
+    bool const ok = results::WithMemory([&] {
+        made.reset(new SerializedEFabricResult);
+        return made->decode_ascii_stream(stream, whole);
+    });
     if (ended) *ended = whole;
     return ok ? made.release() : nullptr;
 }
@@ -71,23 +88,15 @@ void SerializedEFabricResult::deserialize(BufferedStream* stream, char const* na
     if (other) *other = false;
     bag.Clear();
     if (!stream) return;
-    results::SerialSource source(*stream);
-    std::size_t const length = std::strlen(name);
-    char* line = nullptr;
-    bool complete = false;
-    while (source.ReadLine(line, complete) > 0) {
-        if (std::strncmp(line, name, length) != 0) {
-            if (other) *other = true;
-            return;
-        }
-        if (line[length] == '.') results::decode_property_bag(bag, source, line + length + 1);
-    }
-    if (ended) *ended = complete;
+    bool isOther = false;
+    bool const isWhole = results::WithMemory([&] { return ReadSection(*stream, name, bag, isOther); });
+    if (ended) *ended = isWhole;
+    if (other) *other = isOther;
 }
 
 SerializedEFabricResult::SerializedEFabricResult(BufferedStream* stream, bool& ok) {
     bool ended = false;
-    ok = decode_ascii_stream(stream, ended);
+    ok = results::WithMemory([&] { return decode_ascii_stream(stream, ended); });
 }
 
 bool SerializedEFabricResult::decode_ascii_stream(BufferedStream* stream, bool& ended) {

@@ -2,7 +2,7 @@
 // in that form (docs/formats/serialised-result.md). To its readers it is what the engines themselves would have given.
 // Owner: whoever called deserialize; an output that is given one owns it then. It owns its results: Release on one of
 // them would free it twice. Threads: unchanging once read; any. Failure: deserialize gives null, with the reason in
-// syslog where a word was unknown.
+// syslog where a word was unknown, and ENOMEM in errno where memory ran out. Nothing throws but the writing.
 #pragma once
 
 #include <eFabric/Result.h>
@@ -39,7 +39,8 @@ public:
 
     // A property section in place of what the bag holds. It ends at its empty line, at the end of the stream, and at a
     // line that does not begin with the name, which is lost; `ended` as above, false in the other two cases, of which
-    // `other`, where it is given, is the second. Neither, and EMSGSIZE in errno: it was more than a section may be.
+    // `other`, where it is given, is the second. Neither, and EMSGSIZE in errno: it was more than a section may be;
+    // ENOMEM: more than there was memory for.
     static void deserialize(BufferedStream* stream, char const* name, IKORPropertyBag& bag, bool* ended = nullptr,
                             bool* other = nullptr);
 

@@ -39,9 +39,10 @@ int NullScanAgent::scan(unsigned int, ScanOutput*& output, bool fallback) {
         delete output;
         output = nullptr;
     }
-    auto* const made = new ScannerProcessScanOutput;
+    auto made = std::make_unique<ScannerProcessScanOutput>();
     made->setResult(SerializedEFabricResult::deserialize(nullptr));
-    output = made;
+    if (!made->result) return -1;
+    output = made.release();
     return 0;
 }
 
