@@ -10,10 +10,12 @@
 #include <string>
 
 #include "testing/DeviceModel.h"
+#include "testing/FailingNew.h"
 #include "testing/ManagerModel.h"
 
 using velt_testing::DeviceModel;
 using velt_testing::ManagerModel;
+using velt_testing::SparedNew;
 
 namespace {
 
@@ -33,6 +35,7 @@ void Keep(int priority, char const* format, va_list values) {
 extern "C" {
 
 int open(char const* path, int flags, ...) {
+    SparedNew const models;
     static auto const real = Next<int (*)(char const*, int, ...)>("open");
     va_list values;
     va_start(values, flags);
@@ -44,11 +47,13 @@ int open(char const* path, int flags, ...) {
 }
 
 std::FILE* fopen(char const* path, char const* mode) {
+    SparedNew const models;
     static auto const real = Next<std::FILE* (*)(char const*, char const*)>("fopen");
     return real(ManagerModel::PathFor(DeviceModel::PathFor(path)).c_str(), mode);
 }
 
 int access(char const* path, int mode) noexcept {
+    SparedNew const models;
     static auto const real = Next<int (*)(char const*, int)>("access");
     int result;
     bool const taken = DeviceModel::TakesAccess(path, result) || ManagerModel::TakesAccess(path, result);
@@ -56,6 +61,7 @@ int access(char const* path, int mode) noexcept {
 }
 
 int ioctl(int fd, unsigned long request, ...) noexcept {
+    SparedNew const models;
     static auto const real = Next<int (*)(int, unsigned long, ...)>("ioctl");
     va_list values;
     va_start(values, request);

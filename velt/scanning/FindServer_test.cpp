@@ -239,6 +239,30 @@ TEST_P(FindServer, ServesSequenceAfterSequence) {
 
 // --- without a connection ---
 
+// Without the memory to note a server there is none, nor the one that was offered before it.
+TEST_P(FindServer, ForgetsTheServerBeforeOneThatThereIsNoMemoryFor) {
+    events.AllowAll();
+    unsigned forgotten = 0;
+    for (unsigned long allocations = 0;; ++allocations) {
+        NewList();
+        ToOfferDead(1);
+        ToOffer(2);
+        server = nullptr;
+        std::unique_ptr<TCPStream> stream;
+        {
+            FailingNew const failing(allocations);
+            EXPECT_NO_THROW(stream = Find(1, 2));
+        }
+        if (!FailingNew::HasFailed()) break;
+        forgotten += !stream && !server && manager.opens(1) > 0;
+        EXPECT_EQ(manager.held(0), stream ? 1u : 0u);
+        RSMgrFreeResource(handle);
+        manager.Forget();
+        while (listener.IsPending()) listener.Accept();
+    }
+    EXPECT_GT(forgotten, 0u);
+}
+
 TEST_P(FindServerOnly, FindsTheServerAndLeavesTheHandleToTheCaller) {
     manager.ToTimeOut();
     ToOffer(1);

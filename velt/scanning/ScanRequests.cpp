@@ -10,6 +10,7 @@ namespace VELT::scan_requests {
 namespace {
 
 constexpr std::size_t kGathered = 32 * 1024;  // bytes; what is larger goes out as it is
+constexpr unsigned kMostAtOnce = 1u << 30;    // bytes of one write, which a socket's ends below 2 GiB
 
 void AddHeader(std::string& block, char const* name, std::string_view value) {
     block.append(name).append(1, ' ').append(value).append(1, '\n');
@@ -18,6 +19,11 @@ void AddHeader(std::string& block, char const* name, std::string_view value) {
 }  // namespace
 
 bool IsOneLine(std::string_view value) { return value.find_first_of("\r\n") == value.npos; }
+
+bool IsOutOfStep(BufferedStream& stream) {
+    char* ahead = nullptr;
+    return stream.buffereddata(ahead) > 0;
+}
 
 std::string SetupBlock(Setup const& setup) {
     std::string block = "get setup_scan\n";
@@ -63,7 +69,9 @@ int Body::read(char*, unsigned, unsigned*) { return EBADF; }
 int Body::SendNow(char const* data, unsigned length) {
     while (!m_error && length > 0) {
         unsigned sent = 0;
-        m_error = m_target.write(data, length, &sent);
+        m_error = m_target.write(data, std::min(length, kMostAtOnce), &sent);
+        if (m_error < 0) m_error = errno;
+        if (m_error == 0 && sent == 0) m_error = EIO;
         data += sent;
         length -= sent;
     }

@@ -1,7 +1,8 @@
 // What the client of scanner processes writes: the header blocks of its requests, and what follows the first of them
 // (docs/formats/scan-protocol.md).
 // Owner: the stack of the scan. Thread: the session's. Units: bytes; seconds since 1970.
-// Failure: 0, or an errno value, of the first write that failed; nothing is written after it.
+// Failure: 0, or an errno value, of the first write that failed; nothing is written after it. A write that takes
+// nothing is EIO.
 #pragma once
 
 #include <string>
@@ -17,6 +18,9 @@ class ScannerStream;
 namespace scan_requests {
 
 bool IsOneLine(std::string_view value);  // nothing in it ends a header line
+
+// Bytes lie in the stream that no request asked for: what comes next would be taken for an answer that it is not.
+bool IsOutOfStep(BufferedStream& stream);
 
 struct Setup {
     std::string const& protocol;

@@ -7,6 +7,7 @@
 #include <climits>
 #include <cstdlib>
 #include <memory>
+#include <new>
 #include <string_view>
 
 #include <velt/Config.h>
@@ -92,10 +93,7 @@ void ScannerConn::initialise(Config* config) {
     s_pConnFailures = new QXStats::QXCounter("scanner.conn.failures");
 }
 
-void ScannerConn::disable_ls() {
-    ScannerProcesses::active = false;
-    ScannerProcesses::active_set = true;
-}
+void ScannerConn::disable_ls() { ScannerProcesses::Disable(); }
 
 // --- one item ---
 
@@ -128,6 +126,8 @@ int ScannerConn::scan(unsigned int index, ScanOutput*& output, bool fallback) {
     int result = kFailed;
     try {
         result = scan_one(index, output, fallback);
+    } catch (std::bad_alloc const&) {
+        result = fail_without_memory();
     } catch (...) {
         CountItem(s_pConnFailures);
         cacheable = false;
@@ -135,6 +135,15 @@ int ScannerConn::scan(unsigned int index, ScanOutput*& output, bool fallback) {
         throw;
     }
     if (result != 0) CountItem(s_pConnFailures);
+    return result;
+}
+
+// In the midst of a scan, or of the search for a server.
+int ScannerConn::fail_without_memory() {
+    int const result = stream ? kFailed : kNoServer;
+    if (stream) report_failure(ENOMEM);
+    cacheable = false;
+    end_connection();
     return result;
 }
 
@@ -152,8 +161,7 @@ int ScannerConn::scan_one(unsigned index, ScanOutput*& output, bool fallback) {
     Outcome outcome = ask(index, fallback, answer);
     if (outcome == Outcome::Done && !take(index, answer, output)) outcome = Outcome::Failed;
     bool const isLast = index + 1 == context->identities.size();
-    // Bytes that nobody asked for are those of an exchange that is out of step.
-    if (outcome != Outcome::Done || (isLast && has_read_ahead())) cacheable = false;
+    if (outcome != Outcome::Done || (isLast && scan_requests::IsOutOfStep(*stream))) cacheable = false;
     if (outcome == Outcome::Failed || (outcome == Outcome::Done && isLast)) end_connection();
     return outcome == Outcome::Done ? 0 : kFailed;
 }
@@ -163,11 +171,20 @@ int ScannerConn::scan_one(unsigned index, ScanOutput*& output, bool fallback) {
 int ScannerConn::connect() {
     int const wait = static_cast<int>(std::min<unsigned>(s_maxwaittime, INT_MAX));
     stream = ScannerServer::find_server(handle, s_callbackinterval, wait, context->connection, server);
-    if (stream && SendScanRequest() == 0) return 0;
+    if (stream && deliver() == 0) return 0;
     int const result = stream ? kNotDelivered : kNoServer;
     cacheable = false;
     if (stream) end_connection();
     return result;
+}
+
+int ScannerConn::deliver() {
+    try {
+        return SendScanRequest();
+    } catch (std::bad_alloc const&) {
+        report_failure(ENOMEM);
+        return kFailed;
+    }
 }
 
 // What could forge a header is not sent: as a path the content goes in line, as anything else it is no set-up.
@@ -184,7 +201,12 @@ int ScannerConn::SendScanRequest() {
     return read_answer(answer) && is_ok_response(answer) ? 0 : kFailed;
 }
 
+// What came unasked would be taken for the answer.
 bool ScannerConn::send_request(std::string const& block) {
+    if (scan_requests::IsOutOfStep(*stream)) {
+        report_failure(EPROTO);
+        return false;
+    }
     errno = 0;
     int const error = stream->write(block.data(), static_cast<unsigned>(block.size()));
     if (error != 0) report_failure(error > 0 ? error : errno);
@@ -245,7 +267,7 @@ ScannerConn::Outcome ScannerConn::await(StreamRequest& answer) {
 // makes no socket readable.
 int ScannerConn::wait_for_scan(int timeout) {
     if (timeout <= 0) return 0;
-    if (has_read_ahead()) return 1;
+    if (scan_requests::IsOutOfStep(*stream)) return 1;  // it said so much at once
     TCPWatch watch;
     watch.Watch(stream);
     for (;;) {
@@ -259,15 +281,10 @@ int ScannerConn::wait_for_scan(int timeout) {
     }
 }
 
-bool ScannerConn::has_read_ahead() {
-    char* ahead = nullptr;
-    return stream->buffereddata(ahead) > 0;
-}
-
 // Between two scans: what came behind the answer to the first would be taken for that to the second. A peer that has
 // left is not looked at here.
 bool ScannerConn::has_unasked() {
-    if (has_read_ahead()) return true;
+    if (scan_requests::IsOutOfStep(*stream)) return true;
     TCPWatch watch;
     watch.Watch(stream);
     return watch.Wait(0) == 1 && stream->IsStillConnected();

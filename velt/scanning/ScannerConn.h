@@ -3,9 +3,10 @@
 // Owner: the session, as of every scanner. Thread: the session's, which is called back about once a second while it
 // waits. initialise and disable_ls run before threads start. Units: seconds, unless told otherwise.
 // Failure: scan answers -1000 where no server could be reached, -1001 where the item could not be delivered, -1
-// otherwise, with an event for each but those that docs/formats/scan-protocol.md names. A scan is not tried again, and
-// never handed to the engines of this process. The wait for an answer has no limit of its own: it ends with the answer,
-// the connection, or the server's resource.
+// otherwise, with an event for each but those that docs/formats/scan-protocol.md names; so it does where memory runs
+// out. Nothing throws but what the session's own operations throw. A scan is not tried again, and never handed to the
+// engines of this process. The wait for an answer has no limit of its own: it ends with the answer, the connection, or
+// the server's resource.
 #pragma once
 
 #include <memory>
@@ -49,6 +50,7 @@ private:
     ScannerConn() = default;
     int scan_one(unsigned index, ScanOutput*& output, bool fallback);
     int connect();
+    int deliver();
     int SendScanRequest();
     bool send_request(std::string const& block);
     bool send_content(std::string const& filename, unsigned size);
@@ -57,7 +59,6 @@ private:
     Outcome ask(unsigned index, bool fallback, StreamRequest& answer);
     Outcome await(StreamRequest& answer);
     int wait_for_scan(int timeout);
-    bool has_read_ahead();
     bool has_unasked();
     void send_attributes();
     bool take(unsigned index, StreamRequest const& answer, ScanOutput*& output);
@@ -65,6 +66,7 @@ private:
     std::unique_ptr<SerializedEFabricResult> read_verdict();
     bool read_properties(IKORPropertyBag& bag);
     bool take_into_input(StreamRequest const& answer, unsigned size);
+    int fail_without_memory();
     void report_failure(int error) const;
     void report_lack(char const* attribute) const;
     void report_refusal() const;

@@ -354,6 +354,32 @@ TEST_F(RemoteScanAnswer, IsNotLookedForInWhatAnotherLeftBehind) {
     }
 }
 
+// What came before a request would be taken for the answer to it.
+TEST_F(RemoteScanAnswer, ThatCameBeforeItWasAskedForIsAFailure) {
+    context.identities = {Intern("staff"), Intern("guests")};
+    for (char const* const extra : {"?", kOk, "\n"}) {
+        Converse(remote, {"C " + InLine(), ok, scan, "S " + Clean() + extra, "X end"});
+        EXPECT_EQ(Scan(0), 0) << extra;
+        EXPECT_EQ(Scan(1), -1) << extra;
+        EXPECT_EQ(output, nullptr) << extra;
+        ExpectFailure(EPROTO);
+        EXPECT_FALSE(IsOccupied());
+        DropScanner();
+    }
+    Converse(remote, {"C " + InLine(), std::string("S ") + kOk + Clean(), "X end"});
+    EXPECT_EQ(Scan(0), -1);
+    ExpectFailure(EPROTO);
+}
+
+TEST_F(RemoteScanAnswer, ThatFollowsARefusalUnaskedIsAFailure) {
+    Converse(remote, {"C " + InLine(), ok, scan, "S State NO\n\n" + Clean(), "X end"});
+    EXPECT_EQ(Scan(), -1);
+    ExpectRefusal();
+    EXPECT_EQ(Scan(), -1);
+    ExpectFailure(EPROTO);
+    EXPECT_FALSE(IsOccupied());
+}
+
 // --- the content ---
 
 TEST_F(RemoteContent, OfItsOwnIsTakenWhateverTheOtherFlagsSay) {

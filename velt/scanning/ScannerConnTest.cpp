@@ -40,6 +40,7 @@ int WaitForStall(pollfd* watched, nfds_t count) {
 }  // namespace
 
 ssize_t __wrap_send(int fd, void const* data, size_t length, int flags) {
+    velt_testing::SparedNew const notes;
     t_sent.emplace_back(static_cast<char const*>(data), length);
     return __real_send(fd, data, length, flags);
 }

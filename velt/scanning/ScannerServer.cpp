@@ -11,6 +11,7 @@
 #include <velt/logging/Log.h>
 #include <velt/runtime/Clock.h>
 #include <velt/runtime/Thread.h>
+#include <velt/scanning/ScanRequests.h>
 #include <velt/scanning/StreamRequest.h>
 #include <velt/streams/TCPStream.h>
 
@@ -48,12 +49,13 @@ void Count(QXStats::QXCounter* counter) {
 // The settings are what somebody wrote into a file.
 int Milliseconds(int timeout) { return std::clamp(timeout, 0, kMostTimeout) << 10; }
 
-// That there is a header is all that these answers say.
+// That there is a header is all that these answers say. More than was asked for is no answer.
 bool Exchange(TCPStream& stream, std::string_view request) {
     try {
         StreamRequest answer;
-        return stream.write(request.data(), static_cast<unsigned>(request.size())) == 0 &&
-               answer.read_headers(&stream) == 0;
+        return !scan_requests::IsOutOfStep(stream) &&
+               stream.write(request.data(), static_cast<unsigned>(request.size())) == 0 &&
+               answer.read_headers(&stream) == 0 && !scan_requests::IsOutOfStep(stream);
     } catch (std::bad_alloc const&) {
         return false;
     }
@@ -83,8 +85,9 @@ private:
 
 enum class SearchEnd { Taken, Failed, RanOut };
 
-// Waits for servers until `take` takes one. A server that it does not take is left by closing the handle, so that the
-// next wait may give another. Every errno but EAGAIN ends the wait, that of a signal too.
+// Waits for servers until `take` takes one; it is given null for one that there is no memory for. A server that it does
+// not take is left by closing the handle, so that the next wait may give another. Every errno but EAGAIN ends the wait,
+// that of a signal too.
 template <class Take>
 SearchEnd SearchServers(int& handle, int interval, int maxwait, Connection* session, Take take) {
     if (interval == 0) interval = maxwait;
@@ -98,7 +101,7 @@ SearchEnd SearchServers(int& handle, int interval, int maxwait, Connection* sess
         if (resource < 0 && errno != EAGAIN) return SearchEnd::Failed;
         if (resource >= 0) {
             ScannerServer* const offered = ScannerServer::findserver(sequence, id, resource, &where);
-            if (offered && take(*offered)) {
+            if (take(offered)) {
                 held.Keep();
                 return SearchEnd::Taken;
             }
@@ -134,13 +137,13 @@ void ScannerServer::initialise() {
 TCPStream* ScannerServer::find_server(int& handle, int interval, int maxwait, Connection* connection,
                                       ScannerServer*& server) {
     TCPStream* stream = nullptr;
-    SearchServers(handle, interval, maxwait, connection, [&](ScannerServer& offered) {
-        server = &offered;
-        stream = offered.connect_to_server();
+    SearchServers(handle, interval, maxwait, connection, [&](ScannerServer* offered) {
+        server = offered;
+        stream = offered ? offered->connect_to_server() : nullptr;
         int const error = errno;
-        if (stream) return true;
+        if (stream || !offered) return stream != nullptr;
         LogEvent(events::SCANNER_EXCHANGE_FAILED, [&] {
-            return QXPROP_LS_SERVER_NAME(offered.server_name()) | _find_errno(error) | SessionOf(connection);
+            return QXPROP_LS_SERVER_NAME(offered->server_name()) | _find_errno(error) | SessionOf(connection);
         });
         return false;
     });
@@ -149,9 +152,9 @@ TCPStream* ScannerServer::find_server(int& handle, int interval, int maxwait, Co
 
 ScannerServer* ScannerServer::find_server(int& handle, int interval, int maxwait, Connection* connection) {
     ScannerServer* found = nullptr;
-    SearchEnd const end = SearchServers(handle, interval, maxwait, connection, [&](ScannerServer& offered) {
-        found = &offered;
-        return true;
+    SearchEnd const end = SearchServers(handle, interval, maxwait, connection, [&](ScannerServer* offered) {
+        found = offered;
+        return offered != nullptr;
     });
     if (end == SearchEnd::RanOut) LogEvent(events::NO_SCANNER_SERVER, [&] { return SessionOf(connection); });
     return found;
@@ -217,7 +220,7 @@ void ScannerServer::ReadName() {
 void ScannerServer::StartCacheThread() {
     try {
         Thread().StartThread(&cachehandler, this, kCacheThreadStackBytes, Thread::DETACHED);
-    } catch (FWException<fw_exception_tag::resource> const&) {
+    } catch (...) {
         Count(s_pNoThread);
         cache_enabled = false;
     }
@@ -264,26 +267,33 @@ int ScannerServer::TakeIdle(bool available) {
     return socket;
 }
 
-void ScannerServer::Keep(int socket) {
+bool ScannerServer::Keep(int socket) {
     std::lock_guard<std::mutex> const hold(cache_lock);
     last_used = Clock::getTime();
-    cache.push_back(socket);
+    try {
+        cache.push_back(socket);
+        return true;
+    } catch (std::bad_alloc const&) {
+        return false;
+    }
 }
 
 // What another thread gives back to a server that went away meanwhile is taken out by nobody: it is closed with the
-// next look, or by the thread.
+// next look, or by the thread. The stream is made before a socket is taken out, which would be lost without one.
 TCPStream* ScannerServer::cached_server() {
     if (!cache_enabled || !Up()) return nullptr;
-    for (int socket; (socket = TakeIdle(true)) >= 0;) {
-        auto stream = std::make_unique<TCPStream>(socket);
+    for (;;) {
+        std::unique_ptr<TCPStream> stream(new (std::nothrow) TCPStream);
+        int const socket = stream ? TakeIdle(true) : -1;
+        if (socket < 0) return nullptr;
         stream->set_timeout(static_cast<unsigned>(Milliseconds(LsDataTimeout)));
+        stream->SetSocket(socket);
         if (Exchange(*stream, kWakeup)) {
             Count(s_pReused);
             return stream.release();
         }
         Count(s_pLostIdle);
     }
-    return nullptr;
 }
 
 // The server is free for others before it is told anything more.
@@ -292,12 +302,10 @@ void ScannerServer::end_connection(int& handle, TCPStream*& stream, bool cacheab
     RSMgrFreeResource(handle);
     std::unique_ptr<TCPStream> const ended(std::exchange(stream, nullptr));
     if (!ended || !cacheable || !available || !cache_enabled || !s_usethreads) return;
-    if (!Exchange(*ended, kStasis)) {
+    if (Exchange(*ended, kStasis) && Keep(ended->GetSocket()))
+        ended->SetSocket(-1);
+    else
         Count(s_pNotKept);
-        return;
-    }
-    Keep(ended->GetSocket());
-    ended->SetSocket(-1);
 }
 
 // Each use of any connection puts off the closing of all.
@@ -315,11 +323,27 @@ void* cachehandler(void* server) { static_cast<ScannerServer*>(server)->cache_da
 std::atomic<bool> ScannerProcesses::active_set{false};
 std::atomic<bool> ScannerProcesses::active{true};
 
+namespace {
+
+std::mutex s_deciding;
+
+void Decide(bool active) {
+    ScannerProcesses::active = active;
+    ScannerProcesses::active_set = true;
+}
+
+}  // namespace
+
+void ScannerProcesses::Disable() {
+    std::lock_guard<std::mutex> const hold(s_deciding);
+    Decide(false);
+}
+
 bool ScannerProcessActive() {
-    if (!ScannerProcesses::active_set) {
-        ScannerProcesses::active = RSMgrActive();
-        ScannerProcesses::active_set = true;
-    }
+    if (ScannerProcesses::active_set) return ScannerProcesses::active;
+    bool const found = RSMgrActive();
+    std::lock_guard<std::mutex> const hold(s_deciding);
+    if (!ScannerProcesses::active_set) Decide(found);
     return ScannerProcesses::active;
 }
 

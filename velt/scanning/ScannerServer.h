@@ -31,7 +31,8 @@ public:
 
     // A server that takes work, and a connection to it; null where there was none in maxwait / interval waits of
     // `interval`, but one at least. The session is called back between them. `handle` is the occupation, open with the
-    // stream alone. `server` is the last one that was offered, also where it could not be reached.
+    // stream alone. `server` is the last one that was offered, also where it could not be reached; null where there was
+    // no memory for it, and untouched where none was offered.
     static TCPStream* find_server(int& handle, int interval, int maxwait, Connection* connection,
                                   ScannerServer*& server);
     // The same without a connection; the caller frees `handle`.
@@ -68,7 +69,7 @@ private:
     static void ForgetAll();
     void ReadName();
     void StartCacheThread();
-    void Keep(int socket);
+    bool Keep(int socket);         // false: there is no memory to note it in
     int TakeIdle(bool available);  // -1: there is none
 
     std::deque<int> cache;  // guarded by cache_lock; the oldest at the front
@@ -97,6 +98,8 @@ VELT_API bool ScannerProcessActive();
 
 // The answer of ScannerProcessActive, which ScannerConn::disable_ls sets too: `active` first, then `active_set`.
 struct VELT_API ScannerProcesses {
+    static void Disable();  // for good, also where the manager is being asked at this moment
+
     static std::atomic<bool> active_set;
     static std::atomic<bool> active;
 };

@@ -8,7 +8,10 @@
 
 #include <QXStats/QXCounter.h>
 
+#include "velt/scanning/RSMgrBackends.h"
+#include "velt/scanning/ScannerConn.h"
 #include "velt/scanning/ServerTest.h"
+#include "velt/scanning/StreamRequest.h"
 
 using namespace VELT;
 using namespace velt_testing;
@@ -317,6 +320,19 @@ TEST_P(IdleConnections, ThatDoNotWakeUpAreDroppedWithoutAWord) {
     EXPECT_EQ(lostIdle.times(), 4u);
 }
 
+// What it says beyond the answer would be taken for the next one.
+TEST_P(IdleConnections, ThatSayMoreThanTheyWereAskedAreDropped) {
+    ScannerServer& server = Server();
+    Fd const talks = Kept(server), fine = Kept(server);
+    Say(talks, std::string(good) + good);
+    Say(fine, good);
+    EXPECT_NE(std::unique_ptr<TCPStream>(server.cached_server()), nullptr);
+    EXPECT_EQ(Heard(fine), wakeup);
+    EXPECT_EQ(Heard(talks), wakeup);
+    EXPECT_TRUE(IsClosed(talks));
+    EXPECT_EQ(lostIdle.times(), 1u);
+}
+
 TEST_P(IdleConnections, AreAllClosedWhenTheirServerHasGone) {
     ScannerServer& server = Server();
     Fd const first = Kept(server), second = Kept(server);
@@ -371,15 +387,18 @@ TEST_P(IdleConnections, OfATimeBelowZeroAreClosedAtTheNextLook) {
 }
 
 TEST_P(IdleConnections, HaveAThreadOnlyWhereTheyAreKept) {
-    unsigned const before = CacheThreads();
+    unsigned const before = CacheThreadsStarted();
     manager.WriteSettings("0 45 5 20");
     Server(1);
+    EXPECT_EQ(CacheThreadsStarted(), before);
     manager.WriteSettings("1 45 5 20");
     ScannerServer::s_usethreads = false;
     Server(2);
+    EXPECT_EQ(CacheThreadsStarted(), before);
     ScannerServer::s_usethreads = true;
     Server(3);
-    EXPECT_TRUE(Eventually([&] { return CacheThreads() == before + 1; }));
+    EXPECT_EQ(CacheThreadsStarted(), before + 1);
+    LetCacheThreadsLook();  // it looks, and sleeps again
 }
 
 TEST_P(IdleConnections, AreClosedWithTheirServer) {
@@ -467,6 +486,21 @@ TEST_P(EndedConnections, WhoseServerDoesNotAgreeAreClosedAndNotKept) {
     EXPECT_EQ(notKept.times(), 4u);
 }
 
+TEST_P(EndedConnections, OnWhichMoreCameThanWasAskedForAreClosed) {
+    ScannerServer& server = Server();
+    Fd const after = End(server, std::string(good) + good);
+    EXPECT_EQ(Heard(after), stasis);
+    EXPECT_TRUE(IsClosed(after));
+    Wire wire = Connected(std::string(good) + good);
+    StreamRequest answer;
+    EXPECT_EQ(answer.read_headers(wire.stream), 0);
+    server.end_connection(handle, wire.stream, true);
+    EXPECT_EQ(Heard(wire.peer), "") << "it is not even told";
+    EXPECT_TRUE(IsClosed(wire.peer));
+    EXPECT_EQ(AwakeOf(server), 0u);
+    EXPECT_EQ(notKept.times(), 2u);
+}
+
 TEST_P(EndedConnections, WhoseServerHasLeftAreClosed) {
     ScannerServer& server = Server();
     Wire wire = Connected("");
@@ -540,6 +574,19 @@ TEST_P(ServersInUse, AreAskedForOncePerProcess) {
     EXPECT_FALSE(ScannerProcessActive());
     manager.Answer(6, 2);
     EXPECT_FALSE(ScannerProcessActive());
+}
+
+// A host may turn them off on another thread while the first session asks.
+TEST_P(ServersInUse, StayOffWhereTheyAreTurnedOffWhileTheManagerIsAsked) {
+    manager::Backend answering = manager::g_device;
+    answering.isActive = [] {
+        ScannerConn::disable_ls();
+        return true;
+    };
+    manager::Choose(&answering);
+    EXPECT_FALSE(ScannerProcessActive());
+    EXPECT_FALSE(ScannerProcessActive());
+    manager::Choose(nullptr);
 }
 
 TEST_P(ServersInUse, AreNotAskedForWhereTheAnswerIsSet) {

@@ -45,6 +45,7 @@ std::time_t __wrap_time(std::time_t* out) {
 }
 
 unsigned __wrap_sleep(unsigned seconds) {
+    velt_testing::SparedNew const notes;
     std::unique_lock hold(s_sleepers.lock);
     if (seconds != kCacheStepSeconds) {
         s_sleepers.pauses.push_back(seconds);
@@ -60,6 +61,7 @@ unsigned __wrap_sleep(unsigned seconds) {
 }
 
 int __wrap_pthread_create(pthread_t* thread, pthread_attr_t const* how, void* (*entry)(void*), void* argument) {
+    velt_testing::SparedNew const system;
     if (s_noThreads) return EAGAIN;
     int const error = __real_pthread_create(thread, how, entry, argument);
     std::lock_guard const hold(s_sleepers.lock);
@@ -81,9 +83,9 @@ void ForgetPauses() {
     s_sleepers.pauses.clear();
 }
 
-unsigned CacheThreads() {
+unsigned CacheThreadsStarted() {
     std::lock_guard const hold(s_sleepers.lock);
-    return s_sleepers.asleep;
+    return s_sleepers.started;
 }
 
 void LetCacheThreadsLook() {

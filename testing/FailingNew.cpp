@@ -1,0 +1,30 @@
+#include "testing/FailingNew.h"
+
+#include <cstdlib>
+#include <new>
+
+using velt_testing::FailingState;
+using velt_testing::t_failing;
+
+namespace {
+
+bool IsToFail() {
+    FailingState& state = t_failing;
+    if (!state.on || state.spared > 0) return false;
+    if (state.left > 0) {
+        --state.left;
+        return false;
+    }
+    if (state.failed && !state.forGood) return false;
+    return state.failed = true;
+}
+
+}  // namespace
+
+[[gnu::noinline]] void* operator new(std::size_t size) {
+    void* const memory = IsToFail() ? nullptr : std::malloc(size ? size : 1);
+    if (!memory) throw std::bad_alloc();
+    return memory;
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
