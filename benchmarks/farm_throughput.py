@@ -3,13 +3,15 @@
 
 usage: farm_throughput.py BUILD_DIR    RUNS, SECONDS in the environment
 
-The daemons have addresses that do not count as this machine, so the content crosses the wire, there and back. Sessions,
-messages, next server and processors are those of mail_throughput.py, and all rows take turns. CPU is user and system,
-per message: of the gateway, of its daemons with the resource manager, and of both.
+The daemons have addresses that do not count as this machine, so the content crosses the wire. Sessions, messages and next
+server are those of mail_throughput.py; rows take turns. CPU is user and system, per message: of the gateway, of its daemons
+with the resource manager, and of both.
 
-The exit status is that of one CPU ratio, with room: both sides of remote scanning with one daemon, by scanning in
-process. Rates are printed: with the load, the next server and all daemons on one machine they tell what distribution
-costs, and not what it gains.
+The exit status is that of one CPU ratio, with room: both sides of remote scanning with one daemon, by scanning in process.
+It is that of the least CPU of all rounds, with all processes on one processor, so that it is the work that is compared and
+not what waking another processor costs on this machine. The engines have one signature and are as cheap as engines can be.
+Rates are printed: with the load, the next server and all daemons on one machine they tell what distribution costs, and not
+what it gains.
 """
 import contextlib
 import os
@@ -21,12 +23,15 @@ import mail_filters
 import mail_throughput
 import relays
 
-RUNS = int(os.environ.get("RUNS", "5"))
+RUNS = int(os.environ.get("RUNS", "2"))
+RATIO_RUNS = 8 * RUNS
 SECONDS = float(os.environ.get("SECONDS", "0.7"))
 SESSIONS = 16
 DAEMONS = (0, 1, 2, 4)
+COMPARED = (0, 1)
 ELSEWHERE = "127.0.0.3"
-GOAL, GATE = 1.3, 1.45  # of 256 KiB
+GATED = "256 KiB"
+GOAL, GATE = 1.3, 1.45
 
 
 class Scannerd(relays.Process):
@@ -92,11 +97,15 @@ class Farm(contextlib.ExitStack):
 
 
 class Bench(mail_throughput.Bench):
-    def __init__(self, build, work, stack):
+    """The gateways stand on these processors."""
+
+    def __init__(self, build, work, stack, counts, processors):
+        work.mkdir()
         self.build, self.work = build, work
+        os.sched_setaffinity(0, processors)
         self.sink = stack.enter_context(mail_filters.Sink(self.folder("sink")))
         self.servers = {count: stack.enter_context(Farm(build, self.folder(f"farm{count}"), self.sink, count))
-                        for count in DAEMONS}
+                        for count in counts}
 
     def measure(self, server, sessions, path, count):
         before = server.cpu()
@@ -115,22 +124,46 @@ def show(label, table):
         print(f"{count or 'none, in process':<18}" + "".join(f"{cell:>13}" for cell in cells))
 
 
+def both_sides(bench, path):
+    """The least CPU of a message by number of daemons."""
+    least = dict.fromkeys(bench.servers, float("inf"))
+    for server in bench.servers.values():
+        bench.load(server, SESSIONS, path, 4 * SESSIONS)
+    for _ in range(RATIO_RUNS):
+        for count, server in bench.servers.items():
+            least[count] = min(least[count], bench.measure(server, SESSIONS, path, 6 * SESSIONS)["both"])
+    return least
+
+
+def judge(bench, paths):
+    failed = False
+    print(f"CPU of a message on both sides, on one processor, least of {RATIO_RUNS} rounds")
+    for label, path in paths.items():
+        least = both_sides(bench, path)
+        what = f"{label}: {least[1]:.3f} ms with a daemon, {least[0]:.3f} ms in process"
+        if label == GATED:
+            failed |= mail_throughput.goal(what, least[1] / least[0], GOAL, GATE)
+        else:
+            print(f"  {what}: {least[1] / least[0]:.2f}")
+    return failed
+
+
 def main():
     mail_filters.adopt_orphans()
     build = pathlib.Path(sys.argv[1]).resolve()
-    failed = False
-    with relays.folder() as folder, contextlib.ExitStack() as stack:
+    with relays.folder() as folder:
         work = pathlib.Path(folder)
         work.chmod(0o755)
-        bench = Bench(build, work, stack)
-        for label, size in mail_throughput.SIZES.items():
-            path = work / str(size)
-            path.write_text(mail_throughput.message(size))
-            table = bench.rounds(SESSIONS, path)
-            show(label, table)
-            ratio = table[1]["both"] / table[0]["both"]
-            gated = label == "256 KiB"
-            failed |= mail_throughput.goal("CPU of both sides, of scanning in process", ratio, GOAL, GATE if gated else None)
+        paths = {label: work / str(size) for label, size in mail_throughput.SIZES.items()}
+        for label, path in paths.items():
+            path.write_text(mail_throughput.message(mail_throughput.SIZES[label]))
+        with contextlib.ExitStack() as stack:
+            bench = Bench(build, work / "ratio", stack, COMPARED, mail_filters.ENGINE_PROCESSORS)
+            failed = judge(bench, paths)
+        with contextlib.ExitStack() as stack:
+            bench = Bench(build, work / "rates", stack, DAEMONS, mail_filters.PROCESSORS)
+            for label, path in paths.items():
+                show(label, bench.rounds(SESSIONS, path))
     mail_filters.await_orphans()
     return int(failed)
 
