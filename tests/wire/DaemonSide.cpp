@@ -1,5 +1,7 @@
 #include "DaemonSide.h"
 
+#include <sys/socket.h>
+
 #include <cerrno>
 #include <utility>
 
@@ -43,6 +45,7 @@ void DaemonSide::Run(bool local) {
     scannerd::Conversation conversation(wire, *this, settings, local, &session);
     session.conversation = &conversation;
     conversation.Run();
+    ::shutdown(m_stream.GetSocket(), SHUT_RDWR);
 }
 
 bool DaemonSide::Intern(std::string const& name, InternedString& interned) {

@@ -18,7 +18,7 @@ public:
     DaemonSide(velt_testing::Fd peer, std::string spool);
     ~DaemonSide() override;
 
-    void Run(bool local);       // to the end of the connection
+    void Run(bool local);       // to the end of the conversation, and of the connection
     void RunWoken(bool local);  // the same of one that was kept: the client wakes it up first
 
     scannerd::SessionSettings settings;

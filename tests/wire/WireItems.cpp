@@ -1,4 +1,6 @@
 // The conversations of these tests: mail of every kind, for servers of every kind.
+#include <stdexcept>
+
 #include "WireWorld.h"
 
 namespace velt_wire {
@@ -96,6 +98,12 @@ std::vector<Item> Items() {
     };
     add({"a server that writes otherwise", Mail("hello")}).retell = TellOtherwise;
     return items;
+}
+
+Item ItemNamed(std::string const& name) {
+    for (Item& item : Items())
+        if (item.name == name) return item;
+    throw std::invalid_argument(name);
 }
 
 }  // namespace velt_wire

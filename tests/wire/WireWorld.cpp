@@ -16,6 +16,7 @@
 #include "velt/results/ProcessScanResult.h"
 #include "velt/scanning/EFabricScanAgent.h"
 #include "velt/scanning/ScanAgent.h"
+#include "velt/scanning/ScannerConn.h"
 #include "velt/scanning/ScannerServer.h"
 #include "velt/scanning/ScannerThread.h"
 #include "velt/streams/ScannerStream.h"
@@ -55,9 +56,22 @@ struct Script {
 
 thread_local Script* t_script = nullptr;
 
+constexpr int kStepMs = 1000;  // of the wait for the answer to a scan, and of nothing else
+constexpr int kShortStepMs = 20;
+constexpr int kQuietSteps = 15;  // behind a break, until a wait is over
+thread_local std::function<bool()> const* t_hasBroken = nullptr;
+
+int PollHastened(pollfd* watched, nfds_t count, int timeout_ms) {
+    if (timeout_ms == kStepMs) return __real_poll(watched, count, kShortStepMs);
+    for (int quiet = 0; quiet < kQuietSteps; quiet += (*t_hasBroken)())
+        if (int const ready = __real_poll(watched, count, kShortStepMs)) return ready;
+    return 0;
+}
+
 }  // namespace
 
 int __wrap_poll(pollfd* watched, nfds_t count, int timeout_ms) {
+    if (t_hasBroken && timeout_ms > 0) return PollHastened(watched, count, timeout_ms);
     if (!t_script) return __real_poll(watched, count, timeout_ms);
     int const ready = __real_poll(watched, count, 0);
     if (ready != 0 || timeout_ms == 0) return ready;
@@ -167,8 +181,8 @@ Judgement Judged(smtp::Verdict const& verdict, std::string const& original) {
 
 WireWorld::WireWorld() {
     auto session = std::make_unique<ClientSession>();
-    session->onCallback = [this] {  // a server that says no more goes away
-        for (int local : {0, 1}) m_manager.SetUp(1 + local, !t_script);
+    session->onCallback = [this] {
+        if (m_onCallback) m_onCallback();
     };
     m_session = std::move(session);
     m_world.root().Write("config/qxxmlconf/rules.xml", kRules);
@@ -211,27 +225,58 @@ void WireWorld::Tidy(bool local) {
     m_manager.Forget();
 }
 
-Judgements WireWorld::Scan(Item const& item) {
-    auto const intern = [](char const* name) { return EFabricScanAgent::getPolicyLoader()->internAttribute(name); };
-    ScannerStream data(4096u);
-    velt_testing::Put(data, item.content);
-    if (item.changesFile && t_script) std::fstream(data.get_spool_file()) << kChange;
-    ScanContext context;
-    context.connection = m_session.get();
-    context.data = &data;
-    context.policy = intern(item.policy.c_str());
-    for (char const* const name : item.identities) context.identities.push_back(name ? intern(name) : InternedString());
-    if (item.attributes) context.connection_attributes = new ScanConnectionAttributes(m_session.get());
-    if (item.inPlace) {
-        context.properties.NewProperty("ES_CONTEXT_HTTP")->SetLong(1);
-        context.properties.NewProperty("ES_FORCEDHOST")->SetNarrow("KORHTTPScan");
+void WireWorld::CloseIdle() {
+    ScannerServer::findserver(m_sequence, m_lastId, m_lastId, &m_addresses[0])->clear_cache();
+    m_manager.Forget();
+}
+
+// An item, ready to be scanned.
+struct WireWorld::Prepared {
+    Prepared(Item const& item, Connection* session) {
+        auto const intern = [](char const* name) { return EFabricScanAgent::getPolicyLoader()->internAttribute(name); };
+        velt_testing::Put(data, item.content);
+        if (item.changesFile && t_script) std::fstream(data.get_spool_file()) << kChange;
+        context.connection = session;
+        context.data = &data;
+        context.policy = intern(item.policy.c_str());
+        for (char const* const one : item.identities)
+            context.identities.push_back(one ? intern(one) : InternedString());
+        if (item.attributes) context.connection_attributes = new ScanConnectionAttributes(session);
+        if (item.inPlace) {
+            context.properties.NewProperty("ES_CONTEXT_HTTP")->SetLong(1);
+            context.properties.NewProperty("ES_FORCEDHOST")->SetNarrow("KORHTTPScan");
+        }
+        for (long i = 0; i < item.properties; ++i)
+            context.properties.NewProperty(("NOTE" + std::to_string(i)).c_str())->SetLong(i);
     }
-    for (long i = 0; i < item.properties; ++i)
-        context.properties.NewProperty(("NOTE" + std::to_string(i)).c_str())->SetLong(i);
+
+    ScannerStream data{4096u};
+    ScanContext context;
+};
+
+Judgements WireWorld::Scan(Item const& item) {
+    Prepared prepared(item, m_session.get());
     Judgements made;
-    for (smtp::Verdict const& verdict : smtp::ScanMessage(*m_session, context))
+    for (smtp::Verdict const& verdict : smtp::ScanMessage(*m_session, prepared.context))
         made.push_back(Judged(verdict, item.content));
     return made;
+}
+
+int WireWorld::ScanAt(sockaddr_in const& where, int id, Item const& item, std::function<bool()> hasBroken,
+                      bool isLost) {
+    Prepared prepared(item, m_session.get());
+    m_lastId = id;
+    m_manager.ToOffer({id, id, m_sequence, where});
+    m_onCallback = [&] { m_manager.SetUp(id, !(isLost && hasBroken())); };
+    t_hasBroken = &hasBroken;
+    std::unique_ptr<ScannerConn> scanner(ScannerConn::get(&prepared.context));
+    ScanOutput* output = nullptr;
+    int const result = scanner->scan(0, output, false);
+    scanner.reset();
+    t_hasBroken = nullptr;
+    m_onCallback = nullptr;
+    delete output;
+    return result;
 }
 
 Answers WireWorld::Record(Item const& item) {
@@ -252,8 +297,12 @@ Judgements WireWorld::Replay(Item const& item, Answers const& said, Ending endin
     ::send(peer.get(), kOk, kOkBytes, 0);  // to the wakeup
     Script script{said, ending, peer.get()};
     t_script = &script;
+    m_onCallback = [this] {  // a server that says no more goes away
+        for (int local : {0, 1}) m_manager.SetUp(1 + local, false);
+    };
     Judgements made = Scan(item);
     t_script = nullptr;
+    m_onCallback = nullptr;
     for (int local : {0, 1}) m_manager.SetUp(1 + local, true);
     Tidy(item.byName);
     return made;

@@ -63,7 +63,15 @@ public:
     Judgements Replay(Item const& item, Answers const& said, Ending ending = Ending::Close);
     bool IsFree() const { return m_manager.held(0) == 0; }  // no server is occupied
 
+    // The result of the first scan of the item, by a server that listens there. Once the wire has broken no wait is
+    // long; `isLost`: one for an answer ends with the server's resource then.
+    int ScanAt(sockaddr_in const& where, int id, Item const& item, std::function<bool()> hasBroken, bool isLost);
+    void CloseIdle();  // connections that ScanAt has left
+    std::string SpoolFolder() { return m_world.root() / "scandir"; }
+
 private:
+    struct Prepared;
+
     Judgements Scan(Item const& item);
     velt_testing::Fd Connect(bool local);  // an idle connection that the next scan takes; its far end
     void Tidy(bool local);
@@ -74,8 +82,11 @@ private:
     sockaddr_in m_addresses[2];
     VELT::ScannerServer* m_servers[2];
     int m_sequence;
+    int m_lastId = 0;                    // of ScanAt
+    std::function<void()> m_onCallback;  // of the session
 };
 
 std::vector<Item> Items();  // every kind of mail and of answer
+Item ItemNamed(std::string const& name);
 
 }  // namespace velt_wire
