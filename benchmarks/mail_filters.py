@@ -158,8 +158,8 @@ SelfCheck 0
 class Sink(Server):
     """The next server: Postfix's smtp-sink, which counts what it has taken."""
 
-    def __init__(self, folder):
-        [port] = relays.harness.free_ports(1)
+    def __init__(self, folder, port=None):
+        port = port or relays.harness.free_ports(1)[0]
         self.log = folder / "sink.log"
         with open(self.log, "wb") as log:
             command = ["smtp-sink", "-c", "-u", "nobody", f"127.0.0.1:{port}", "1024"]

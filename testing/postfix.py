@@ -11,7 +11,8 @@ import subprocess
 import harness
 
 MASTER, QUEUE_TOOL = "/usr/lib/postfix/sbin/master", "/usr/sbin/postqueue"
-SERVICES = """cleanup unix n - n - 0 cleanup
+SERVICES = """pickup unix n - n 60 1 pickup
+cleanup unix n - n - 0 cleanup
 qmgr unix n - n 300 1 qmgr
 rewrite unix - - n - - trivial-rewrite
 bounce unix - - n - 0 bounce
@@ -90,10 +91,12 @@ alias_maps =
         self.process = None
 
     def _has_ended(self):
+        """Those who are left over are killed."""
+        of_each = map(harness.process_fields, map(int, filter(str.isdigit, os.listdir("/proc"))))
+        left = any(fields and fields[2] == self.process.pid and fields[0] not in "ZX" for fields in of_each)
         with contextlib.suppress(ProcessLookupError):
             os.killpg(self.process.pid, signal.SIGKILL)
-            return False
-        return True
+        return not left
 
     # --- its own tools ---
 
