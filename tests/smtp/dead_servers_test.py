@@ -48,7 +48,7 @@ class DeadServers(DeferredCase):
               flush=True)
         self.assertLess(after, harness.bound(SOON))
         self.assertEqual(len(dead.open), at_once)
-        self.assertEqual(len(self.waiting()), DEAD)
+        harness.wait_until(lambda: len(self.waiting()) == DEAD, "the end of its file")
         dead.close()
 
     def test_mail_is_not_held_up_behind_a_server_that_does_not_answer(self):
