@@ -3,6 +3,7 @@
 #include <signal.h>
 
 #include <atomic>
+#include <thread>
 
 #include <testing/Child.h>
 #include <velt/retry/RetryTest.h>
@@ -131,6 +132,11 @@ TEST_F(RetryRun, StopThatComesDuringTheRestEndsItWithinASecond) {
     m_loop->Run();
     EXPECT_EQ(m_waits, std::vector<int>(3, 1000));
     EXPECT_EQ(s_made.size(), 1u);
+}
+
+TEST_F(RetryRun, StopThatComesDuringAWalkIsFollowedByNoRest) {
+    EXPECT_EQ(WalksOf(1), std::vector<long>{1000});
+    EXPECT_EQ(m_waits, std::vector<int>{0});
 }
 
 TEST_F(RetryRun, WaitThatFailsIsARestAllTheSame) {
@@ -338,6 +344,32 @@ TEST_F(RetryWorker, SessionThatDoesNotAnswerForItsFileIsGivenItTwice) {
         Walk();
         done.Open();
         return s_made.size() == 2;
+    }));
+}
+
+// Its parent may start the next one then, however long what it holds will last.
+TEST_F(RetryWorker, WalkThatAFullPoolHoldsUpSeesTheStop) {
+    Put("smtpretryer", "MaxConncurrent", FakeValue::Unsigned(1));
+    m_loop = Loop();
+    for (char const* const name : {"b.rmd", "c.rmd"}) Wait(name);
+    EXPECT_TRUE(InChild([this] {
+        static Door done;
+        s_run = [] { done.Wait(); };
+        int toParent[2];
+        velt_testing::Checked(::pipe(toParent), "pipe");
+        m_loop->SetPipes(-1, toParent[1]);
+        m_loop->PostForkInit();
+        bool left = false;
+        std::thread watcher([&] {
+            velt_testing::Eventually([] { return Counted("messages.retried") == 2; });
+            ServiceLoop::shutdown = true;
+            pollfd closed{toParent[0], POLLIN, 0};
+            left = velt_testing::RealPoll(&closed, 10'000) == 1 && (closed.revents & POLLHUP);
+            done.Open();
+        });
+        m_loop->Run();
+        watcher.join();
+        return left && s_made.size() == 2;
     }));
 }
 

@@ -211,11 +211,11 @@ void RetryerServiceLoop::Run() {
     if (s_Pool) s_Pool->Shutdown();
 }
 
-// In steps, as a signal that stops the process may come at any time, and to any thread. The parent is looked at also
-// when there is no time to rest.
+// In steps, as a signal that stops the process may come at any time, and to any thread; one that came during the walk
+// leaves nothing to rest for. The parent is looked at also when there is no time to rest.
 void RetryerServiceLoop::RestUntil(long end) {
     do {
-        WatchParent(static_cast<int>(std::clamp(end - NowMs(), 0L, kCheckMs)));
+        WatchParent(static_cast<int>(shutdown ? 0 : std::clamp(end - NowMs(), 0L, kCheckMs)));
     } while (NowMs() < end && !shutdown);
 }
 
@@ -302,8 +302,8 @@ void RetryerServiceLoop::HandleEmail(std::string& id, std::string&, int fd, bool
         ::close(fd);
         return;
     }
-    if (s_Pool) {
-        s_Pool->QueueConnection(session, true);
+    if (s_Pool) {  // the wait of QueueConnection itself would not see the process stop
+        s_Pool->QueueConnection(session, false);
         s_Pool->WaitForRoom();
         return;
     }

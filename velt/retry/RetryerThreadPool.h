@@ -25,9 +25,10 @@ public:
 
     bool Active(char const* path);  // whether a session answers for the file of this path
 
-    // Returns once fewer sessions are held than run and wait in a full queue, or the process stops. The wait inside
-    // QueueConnection alone would let in any number, each with its open file, once threads that have retired count as
-    // idle. It starts the threads that the sessions held lack, for the same reason: QueueConnection starts none then.
+    // Returns once fewer sessions are held than run and wait in a full queue, or within a second of the process's stop.
+    // It stands in for the wait inside QueueConnection, which does not see a stop, and would let in any number, each
+    // with its open file, once threads that have retired count as idle. It starts the threads that the sessions held
+    // lack, for the same reason: QueueConnection starts none then.
     void WaitForRoom();
 
 protected:
