@@ -9,7 +9,8 @@ Behaviour, all optional, may be changed while it runs:
     extensions   what EHLO offers; None refuses EHLO
     greeting     the first line; one that does not begin with 2 is followed by hanging up
     replies      {"MAIL" | "DATA" | "END": reply, "RCPT <address>": reply}; a callable is called with the Session
-    fault        "die-in-data", "stall-in-data", "die-at-end", "stall-at-end", "stall-at-greeting", or None
+    fault        "die-in-data", "stall-in-data", "die-at-end", "die-stored", "stall-at-end", "stall-at-greeting",
+                 or None
 """
 import argparse
 import contextlib
@@ -115,6 +116,9 @@ class Session:
             self.sink.unfinished += 1
             return False
         if self.sink.fault == "die-at-end":
+            return self.hang_up()
+        if self.sink.fault == "die-stored":
+            self.sink.store(Stored(self.sender, list(self.recipients), content, self.parameters))
             return self.hang_up()
         if self.sink.fault == "stall-at-end":
             self.stall()

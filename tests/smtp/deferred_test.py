@@ -1,4 +1,5 @@
 """Mail that the next server cannot take: the gateway keeps it, and a retryer delivers it or gives it up."""
+import os
 import re
 import stat
 import time
@@ -39,6 +40,22 @@ class Kept(DeferredCase):
         self.begin()
         self.assertEqual(stat.S_IMODE(self.directory.stat().st_mode), 0o700)
         self.assertEqual(stat.S_IMODE(self.directory.parent.stat().st_mode), 0o755)
+
+    @unittest.skipUnless(os.geteuid() == 0, "only the superuser becomes another")
+    def test_directory_is_made_for_whom_the_workers_become_and_they_keep_and_deliver_mail(self):
+        self.root.path.chmod(0o755)
+        self.begin(process={"UserId": "12345", "GroupId": "12346"})
+        made, above = self.directory.stat(), self.directory.parent.stat()
+        self.assertEqual((made.st_uid, made.st_gid, stat.S_IMODE(made.st_mode)), (12345, 12346, 0o700))
+        self.assertEqual((above.st_uid, above.st_gid), (0, 0))
+        self.away()
+        self.assertRegex(self.client().mail(), r"^250 ")
+        (path,) = self.directory.iterdir()
+        self.assertEqual((path.stat().st_uid, path.stat().st_gid), (12345, 12346))
+        self.back()
+        self.retryer()
+        self.sink.wait_messages(1)
+        self.wait_empty()
 
     def test_setting_is_off_by_itself_and_the_client_keeps_the_mail(self):
         self.begin(smtp={"StoreAndForward": False})
@@ -229,10 +246,52 @@ class Retried(DeferredCase):
         self.retryer()
         (stored,) = self.sink.wait_messages(1)
         self.assertEqual(message_id(stored.content), b"<7@outside.example>")
-        resent, kept = self.noted(RESENT)[0], self.noted(KEPT)[0]
-        self.assertEqual(resent["values"]["audit_id"], kept["values"]["audit_id"])
+        self.assert_counted_once(stored)
+
+    def assert_counted_once(self, *copies):
+        """All copies are of the mail with the number 7, and of one way through the gateway; one resending was told."""
+        (resent,), (kept,) = self.noted(RESENT), self.noted(KEPT)
+        audit = kept["values"]["audit_id"]
+        self.assertEqual(resent["values"]["audit_id"], audit)
+        for copy in copies:
+            self.assertEqual(message_id(copy.content), b"<7@outside.example>")
+            self.assertIn(f" id {audit}".encode(), copy.content)
         self.wait_empty()
         self.assertEqual(self.counters()["smtp.messages.resent"], 1)
+
+    def test_server_that_took_a_mail_and_gave_no_answer_gets_it_twice_with_the_same_ids(self):
+        """The gateway's try, and then the retryer's."""
+        self.begin()
+        self.provokes(RESENT)
+        self.sink.fault = "die-stored"
+        self.assertRegex(self.client().mail(numbered(7)), r"^250 ")
+        self.sink.fault = None
+        self.retryer()
+        self.assert_counted_once(*self.sink.wait_messages(2))
+
+    def test_answer_that_a_retryer_did_not_hear_is_counted_too(self):
+        self.begin()
+        self.provokes(RESENT)
+        self.sink.replies = {"MAIL": "451 4.3.2 later"}
+        self.assertRegex(self.client().mail(numbered(7)), r"^250 ")
+        self.sink.replies, self.sink.fault = {}, "die-stored"
+        self.retryer()
+        self.sink.wait_messages(1)
+        self.sink.fault = None
+        copies = self.sink.wait_messages(2)
+        self.wait_empty()
+        harness.wait_until(lambda: len(self.events(*RESENT)) == len(self.sink.messages) - 1, "a count of each copy")
+        self.assertEqual(len({re.search(rb" id (\S+?);?\r?\n", one.content)[1] for one in copies}), 1)
+        self.assertEqual({message_id(one.content) for one in copies}, {b"<7@outside.example>"})
+
+    def test_end_that_is_answered_by_nothing_that_decides_is_counted_too(self):
+        self.begin()
+        self.provokes(RESENT)
+        self.sink.replies = {"END": "354 go on"}
+        self.assertRegex(self.client().mail(numbered(7)), r"^250 ")
+        self.sink.replies = {}
+        self.retryer()
+        self.assert_counted_once(*self.sink.wait_messages(1))
 
     def test_damaged_file_is_reported_and_stays(self):
         self.begin()
