@@ -1,7 +1,9 @@
 #include "Keeping.h"
 
 #include <unistd.h>
+#include <velt/Config.h>
 #include <velt/scanning/EngineVersions.h>
+#include <velt/scanning/ScannerServer.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -17,6 +19,18 @@
 namespace smtp {
 namespace {
 
+// The engines' setting, of which nothing but its presence is read here.
+constinit VELT::config_helper::detail::CfgNameCacheEntry const kScanServers{"KORAVScanner", "ClamdSockets"};
+
+// The engines' setting, of which nothing but its presence is read here.
+constinit VELT::config_helper::detail::CfgNameCacheEntry const kScanServers{"KORAVScanner", "ClamdSockets"};
+
+bool HasScanServers(VELT::Config& config) {
+    auto const* const loader = VELT::Config::getPolicyLoader();
+    return config.getProductValue(VELT::Config::POLICY_CONTENT, kScanServers.settings(loader),
+                                  kScanServers.attribute(loader));
+}
+
 void ReportNotStored(KeptFrom const& from, RetryDraft const& draft, std::string const& why) {
     ++Count().storesFailed;
     from.session.Note(events::STORE_FAILED, [&](KORlog::InfoBag& bag) {
@@ -25,12 +39,16 @@ void ReportNotStored(KeptFrom const& from, RetryDraft const& draft, std::string 
     });
 }
 
-void ReportKept(KeptFrom const& from, RetryDraft const& draft) {
+std::vector<std::string> AddressesOf(RetryEnvelope const& envelope) {
     std::vector<std::string> addresses;
-    for (RetryRecipient const& one : draft.envelope.recipients) addresses.push_back(one.address);
+    for (RetryRecipient const& one : envelope.recipients) addresses.push_back(one.address);
+    return addresses;
+}
+
+void ReportKept(KeptFrom const& from, RetryDraft const& draft) {
     from.session.Note(events::MESSAGE_KEPT, [&](KORlog::InfoBag& bag) {
         bag |= names::SENDER(draft.envelope.sender);
-        bag |= names::RECIPIENTS(ListOf(addresses));
+        bag |= names::RECIPIENTS(ListOf(AddressesOf(draft.envelope)));
         bag |= names::SIZE(static_cast<unsigned long>(draft.content.size()));
         bag |= names::FILE(from.settings.keep.directory + draft.name + kRetrySuffix);
         bag |= names::REPLY(draft.status.reason);
@@ -68,7 +86,7 @@ RetryDraft DraftOf(KeptFrom const& from, Message const& message, Delivery::Group
         draft.status.reason = OneLine(fates[member].reply);
     }
     draft.envelope.sender = message.senderText();
-    draft.envelope.engines = EnginesText();
+    draft.envelope.engines = JudgesOf(from.session, AddressesOf(draft.envelope));
     draft.envelope.plain = draft.content.plain;
     draft.envelope.eightBit = draft.content.eightBit;
     draft.envelope.rewritten = group.content != message.spool.get();
@@ -134,5 +152,14 @@ bool KeepNotification(KeptFrom const& from, Message const& message, std::string 
 }
 
 std::string EnginesText() { return VELT::s_AVEngine + ' ' + VELT::s_AVDats; }
+
+std::string JudgesOf(ReportingSession& session, std::vector<std::string> const& recipients) {
+    bool const servers = VELT::ScannerProcessActive() ||
+                         std::any_of(recipients.begin(), recipients.end(), [&](std::string const& address) {
+                             session.GetConfig().set_recipient_mail_address(address);
+                             return HasScanServers(session.GetConfig());
+                         });
+    return servers ? kServersJudge : EnginesText();
+}
 
 }  // namespace smtp

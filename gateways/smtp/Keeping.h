@@ -16,7 +16,7 @@ namespace smtp {
 
 // Whose message it is.
 struct KeptFrom {
-    ReportingSession const& session;
+    ReportingSession& session;
     SessionSettings const& settings;
     std::string const& auditId;
     std::string const& conversationId;
@@ -37,7 +37,11 @@ bool KeepNotification(KeptFrom const& from, Message const& message, std::string 
 // What a file says of the session and the time; sender, recipients and content are the caller's.
 RetryEnvelope EnvelopeOf(KeptFrom const& from);
 
-// The versions of what judges mail in this process.
-std::string EnginesText();
+std::string EnginesText();  // the versions of this process's engines
+inline constexpr char const* kServersJudge = "remote";
+
+// Who judges mail for these recipients by the policies of the session: the versions of this process's engines, or
+// kServersJudge where servers have a say, whose signatures change without a word to anybody.
+std::string JudgesOf(ReportingSession& session, std::vector<std::string> const& recipients);
 
 }  // namespace smtp

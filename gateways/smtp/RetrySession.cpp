@@ -215,10 +215,16 @@ void RetrySession::Try(Attempt& attempt) {
 std::vector<Verdict> RetrySession::Verdicts() {
     std::string const& engines = m_file.envelope().engines;
     bool const released = !m_file.envelope().action.empty();  // somebody has judged it
-    if (!released && !engines.empty() && engines != EnginesText()) return ScanAgain();
+    if (!released && !engines.empty() && (engines == kServersJudge || engines != Judges())) return ScanAgain();
     std::vector<Verdict> verdicts(1);
     verdicts.front().fate = Verdict::Fate::Pass;
     return verdicts;
+}
+
+std::string RetrySession::Judges() {
+    std::vector<std::string> addresses;
+    for (Recipient const& one : m_message.recipients) addresses.push_back(one.address);
+    return JudgesOf(*this, addresses);
 }
 
 // Content that policy has changed already stays as it is where the policy only would change it again.
@@ -310,7 +316,7 @@ void RetrySession::GiveUpUntried() {
     Finish(status);
 }
 
-KeptFrom RetrySession::From() const {
+KeptFrom RetrySession::From() {
     return {*this, *m_settings, m_id, m_conversationId, m_hello, m_file.envelope().inbound};
 }
 

@@ -4,9 +4,10 @@
 // long, is told to the sender by a notification, which waits in a file of its own; nobody is told of a notification.
 // Before the message's bytes go out the file says so: should this process die, or the answer be lost, the next try is
 // known to be one that may bring the mail a second time, and is counted.
-// Verdicts are those of the gateway, unless the signatures are others by now. Mail that was released from the
-// quarantine is not judged again; mail that is held there is not delivered. Owner: whoever runs it; it owns the file,
-// and its lock. Thread: one; Active is called by another. Failure: events, and the file stays.
+// Verdicts are those of the gateway, unless the signatures are others by now, or are those of servers, which tell
+// nobody when they have others. Mail that was released from the quarantine is not judged again; mail that is held there
+// is not delivered. Owner: whoever runs it; it owns the file, and its lock. Thread: one; Active is called by another.
+// Failure: events, and the file stays.
 #pragma once
 
 #include <optional>
@@ -44,6 +45,7 @@ private:
     void Try(Attempt& attempt);
     void TakeRecipients();
     std::vector<Verdict> Verdicts();
+    std::string Judges();
     std::vector<Verdict> ScanAgain();
     void Hold(std::vector<Verdict>& verdicts);
     bool BeginContent();
@@ -60,7 +62,7 @@ private:
     void ReportStatusLost();
     bool IsTooOld() const;
     std::string Destination() const;
-    KeptFrom From() const;
+    KeptFrom From();
     RetryStatus::Recipient& StateOf(RetryStatus& status, std::size_t recipient) const;
 
     std::string const m_directory;

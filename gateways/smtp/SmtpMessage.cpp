@@ -147,7 +147,7 @@ Reply SmtpSession::Deliver(std::vector<Verdict> const& verdicts) {
     return decision.notify ? TellSender(fates, decision.reply) : decision.reply;
 }
 
-KeptFrom SmtpSession::KeptNow() const { return {*this, *m_settings, m_id, m_conversationId, m_hello, IsInBound()}; }
+KeptFrom SmtpSession::KeptNow() { return {*this, *m_settings, m_id, m_conversationId, m_hello, IsInBound()}; }
 
 Reply SmtpSession::TellSender(std::vector<RecipientFate> const& fates, Reply const& accepted) {
     std::vector<std::string> missed;

@@ -70,7 +70,7 @@ private:
     Reply ScanAndDeliver();
     Reply Deliver(std::vector<Verdict> const& verdicts);
     Reply TellSender(std::vector<RecipientFate> const& fates, Reply const& accepted);
-    KeptFrom KeptNow() const;
+    KeptFrom KeptNow();
     bool IsClientGone(std::vector<RecipientFate> const& fates);
     void ReportMessage(Reply const& reply);
     std::string ReceivedFor() const;

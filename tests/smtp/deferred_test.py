@@ -9,8 +9,9 @@ import harness
 import mail_sink
 from deferred_case import (DAMAGED, GIVEN_UP, KEPT, NO_FILE, RESENT, RETRY_FAILED, STORE_FAILED, WALK, DeferredCase,
                            message_id, numbered)
-from smtp_case import (BOARD, DEFERRED, NOTIFIED, NOT_NOTIFIED, PHRASE, POLICY_REFUSED, REFUSED, RULE_HIT, SENDER, STAFF,
-                       body)
+from scan_servers import PLANTED, ScriptedClamd
+from smtp_case import (BOARD, DEFERRED, ENGINE_FAILED, NOTIFIED, NOT_NOTIFIED, PHRASE, POLICY_REFUSED, REFUSED, RULE_HIT,
+                       SCAN_FAILED, SENDER, STAFF, VIRUS, body)
 
 
 class Kept(DeferredCase):
@@ -370,6 +371,49 @@ class Retried(DeferredCase):
         self.retryer()
         self.assertEqual(self.sink.wait_messages(1)[0].recipients, [BOARD])
         self.assertEqual(self.counters().get("smtp.retries.scanned", 0), 0)
+
+
+class LearningClamd(ScriptedClamd):
+    """What it knows changes without a word to anybody."""
+    knows = False
+
+    def content(self, file):
+        content = super().content(file)
+        return content if self.knows or content is None else b""
+
+
+class JudgedByAServer(DeferredCase):
+    def keep(self):
+        """A mail in which the server finds nothing yet, and a next server that is back again."""
+        self.server = LearningClamd(self.root.path / "clamd")
+        self.addCleanup(self.server.stop)
+        self.server.start()
+        self.begin(KORAVScanner={"ClamdSockets": [self.server.path]})
+        self.away()
+        self.assertRegex(self.client().mail(body(PLANTED)), r"^250 ")
+        self.back()
+
+    def test_mail_is_judged_anew_at_each_try(self):
+        self.keep()
+        self.provokes(VIRUS, POLICY_REFUSED, GIVEN_UP)
+        self.server.knows = True
+        self.retryer()
+        (report,) = self.sink.wait_messages(1)
+        self.assertEqual(report.recipients, [SENDER])
+        self.assertIn(b"Status: 5.7.1", report.content)
+        self.wait_empty()
+        self.assertEqual(self.counters()["smtp.retries.scanned"], 1)
+
+    def test_mail_waits_while_nobody_can_judge_it(self):
+        self.keep()
+        self.provokes(ENGINE_FAILED, SCAN_FAILED)
+        self.server.stop()
+        self.retryer()
+        self.wait_tries()
+        self.assertEqual(self.sink.messages, [])
+        self.server.start()
+        self.assertEqual(self.sink.wait_messages(1)[0].recipients, [STAFF])
+        self.wait_empty()
 
 
 class TwoContents(DeferredCase):
