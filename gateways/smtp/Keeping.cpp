@@ -22,9 +22,6 @@ namespace {
 // The engines' setting, of which nothing but its presence is read here.
 constinit VELT::config_helper::detail::CfgNameCacheEntry const kScanServers{"KORAVScanner", "ClamdSockets"};
 
-// The engines' setting, of which nothing but its presence is read here.
-constinit VELT::config_helper::detail::CfgNameCacheEntry const kScanServers{"KORAVScanner", "ClamdSockets"};
-
 bool HasScanServers(VELT::Config& config) {
     auto const* const loader = VELT::Config::getPolicyLoader();
     return config.getProductValue(VELT::Config::POLICY_CONTENT, kScanServers.settings(loader),

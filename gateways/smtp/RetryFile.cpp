@@ -17,6 +17,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr long kAhead = 60;      // seconds
 constexpr long kBehind = 86400;  // of the modification time; above every "NewFileDelta"
 constexpr std::chrono::hours kLongUnfinished{1};
 
@@ -43,6 +44,11 @@ bool Flush(int fd) {
 bool SetBehind(int fd) {
     timespec const times[2] = {{0, UTIME_OMIT}, {::time(nullptr) - kBehind, 0}};
     return ::futimens(fd, times) == 0;
+}
+
+bool SetBehind(char const* path) {
+    timespec const times[2] = {{0, UTIME_OMIT}, {::time(nullptr) - kBehind, 0}};
+    return ::utimensat(AT_FDCWD, path, times, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
 bool FlushDirectory(std::string const& directory) {
@@ -116,6 +122,13 @@ struct Undo {
     }
 };
 
+// One that rests; what was never tried is due whatever the clock shows.
+bool LiesAhead(fs::path const& path) {
+    struct stat facts {};
+    return ::lstat(path.c_str(), &facts) == 0 && S_ISREG(facts.st_mode) && facts.st_ctime > ::time(nullptr) + kAhead &&
+           facts.st_ctime - facts.st_mtime >= kBehind / 2;
+}
+
 bool IsLongUnfinished(fs::directory_entry const& entry) {
     std::error_code error;
     if (!entry.path().filename().string().ends_with(kUnfinishedSuffix)) return false;
@@ -168,6 +181,15 @@ unsigned long SweepUnfinished(std::string const& directory) {
     return removed;
 }
 
+unsigned long RestThoseAhead(std::string const& directory) {
+    std::error_code error;
+    unsigned long changed = 0;
+    for (fs::directory_iterator it(directory, error), end; !error && it != end; it.increment(error)) {
+        if (it->path().extension() == kRetrySuffix && LiesAhead(it->path()) && SetBehind(it->path().c_str())) ++changed;
+    }
+    return changed;
+}
+
 RetryFile::~RetryFile() {
     if (m_fd >= 0) ::close(m_fd);
 }
@@ -190,6 +212,7 @@ RetryFault RetryFile::Read() {
     struct stat facts {};
     std::string part;
     if (::fstat(m_fd, &facts) != 0) return RetryFault::Unreadable;
+    m_seen = facts.st_ctime;
     if (!IsOurs(facts, m_path)) return RetryFault::NotOurs;
     if (!ReadPart(0, RetryLayout::kFirstLine, part)) return RetryFault::Unreadable;
     RetryFault fault = ReadFirstLine(part, m_layout);

@@ -6,6 +6,7 @@
 // process may open the file meanwhile. Thread: one at a time. Failure: RetryFault, or false with errno.
 #pragma once
 
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,10 @@ bool StoreRetryFiles(std::string const& directory, std::vector<RetryDraft> const
 // Removes what writers left behind that came to no end; how many. Younger than an hour: it may still be written.
 unsigned long SweepUnfinished(std::string const& directory);
 
+// Those whose times lie ahead of the clock, which was set back, rest from now on: no walk would take them before it has
+// caught up. How many.
+unsigned long RestThoseAhead(std::string const& directory);
+
 class RetryFile {
 public:
     RetryFile(int fd, std::string path) : m_fd(fd), m_path(std::move(path)) {}
@@ -49,8 +54,10 @@ public:
     std::string const& path() const { return m_path; }
     RetryEnvelope const& envelope() const { return m_envelope; }
     RetryStatus const& status() const { return m_status; }
+    std::time_t seen() const { return m_seen; }  // when somebody last had to do with it, as of Read
     std::uint64_t messageLength() const { return m_layout.messageLength; }
 
+    void Skip(std::int64_t seconds) { m_status.skipped += seconds; }  // written with the next status
     bool Note(RetryStatus status);  // from now on this is how far it is; the sequence is counted here
     bool Rest();                    // not due before the retryer's interval has passed; nothing is flushed
 
@@ -67,6 +74,7 @@ private:
     RetryLayout m_layout;
     RetryEnvelope m_envelope;
     RetryStatus m_status;
+    std::time_t m_seen = 0;
 };
 
 }  // namespace smtp

@@ -131,6 +131,7 @@ void RetrySession::Work() {
     m_wasUnsure = m_file.status().unsure;
     if (m_file.status().isHeld()) return ReportHeld();
     if (!m_file.status().waits()) return Finish(m_file.status());  // all but the removal was done
+    SkipGap();
     TakeRecipients();
     Decide();
 }
@@ -175,16 +176,29 @@ std::string RetrySession::Destination() const {
     return m_message.recipients.front().domain;
 }
 
-bool RetrySession::IsTooOld() const {
-    std::int64_t const since = std::max(m_file.envelope().taken, m_file.status().released);
-    return m_now - since >= m_settings->keep.giveUpSeconds;
+// A mail ages while it is looked after. Where nobody did for long no retryer ran, or the clock was set forward, and a
+// single try would be all that it had; where it is not yet taken the clock was set back.
+void RetrySession::SkipGap() {
+    KeepSettings const& keep = m_settings->keep;
+    std::int64_t const gap = m_now - m_file.seen() - keep.giveUpSeconds / 10 - 2 * keep.lookSeconds;
+    if (gap > 0) m_file.Skip(gap);
+    if (Age() < 0) m_file.Skip(Age());
+    if (gap > 0 && !m_file.Note(m_file.status())) ReportStatusLost();
 }
+
+std::int64_t RetrySession::Age() const {
+    std::int64_t const since = std::max(m_file.envelope().taken, m_file.status().released);
+    return m_now - since - m_file.status().skipped;
+}
+
+bool RetrySession::IsTooOld() const { return Age() >= m_settings->keep.giveUpSeconds; }
 
 void RetrySession::Decide() {
     RetryStatus const& status = m_file.status();
     bool const forced = VELT::Proxy::s_pProxyInstance->m_singleProcess;
-    // A time that no pause reaches was made by another clock.
-    bool const early = status.due > m_now && status.due - m_now <= 2L * m_settings->keep.pause.longest;
+    // A try that is yet to come, or a pause that none reaches, was noted by another clock.
+    bool const early =
+        status.last <= m_now && status.due > m_now && status.due - m_now <= 2L * m_settings->keep.pause.longest;
     if (early && !forced && !IsTooOld()) return void(m_file.Rest());
     if (status.asked()) Destinations().EndPause(Destination(), status.asked());
     Attempt attempt(Destination(), m_settings->keep.pause);

@@ -60,6 +60,8 @@ private:
     void ReportHeld();
     void ReportDamaged(RetryFault fault);
     void ReportStatusLost();
+    void SkipGap();
+    std::int64_t Age() const;  // seconds
     bool IsTooOld() const;
     std::string Destination() const;
     KeptFrom From();

@@ -65,7 +65,9 @@ KeepSettings ReadKeepSettings(VELT::Config& config) {
             Directory<VELTCFG::quarantineretryer::ScanDir>(config),
             std::chrono::seconds(ReadSetting<S::KeepAfter>(config)),
             {ReadSetting<S::RetryPause>(config), ReadSetting<S::RetryPauseLimit>(config)},
-            ReadSetting<S::GiveUpAfter>(config)};
+            ReadSetting<S::GiveUpAfter>(config),
+            std::int64_t{ReadSetting<VELTCFG::smtpretryer::RetryInterval>(config)} +
+                ReadSetting<VELTCFG::smtpretryer::ScanInterval>(config)};
 }
 
 SessionSettings::SessionSettings(VELT::Config& config)

@@ -257,6 +257,7 @@ struct KeepSettings {
     std::chrono::seconds after{120};
     PauseLimits pause;
     std::int64_t giveUpSeconds = 432000;
+    std::int64_t lookSeconds = 310;  // between two looks of a retryer that is not held up
 };
 
 KeepSettings ReadKeepSettings(VELT::Config& config);

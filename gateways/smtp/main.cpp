@@ -10,6 +10,7 @@
 #include <velt/runtime/Proxy.h>
 #include <velt/runtime/TCPServiceLoop.h>
 
+#include "ClockWatch.h"
 #include "RetryFile.h"
 #include "RetrySession.h"
 #include "SmtpEvents.h"
@@ -30,6 +31,7 @@ public:
         smtp::KeepSettings const keep = smtp::ReadKeepSettings(m_config);
         if (keep.enabled) MakeDirectory(keep.directory);
         if (keep.enabled) smtp::SweepDeferred(keep.directory);
+        if (keep.enabled) smtp::RestFromNow(keep.directory);
         MakeQuarantine(keep.quarantine);
         smtp::SweepDeferred(keep.quarantine);
         return 0;
@@ -68,6 +70,7 @@ private:
 VELT::Connection* MakeSession(bool) { return new smtp::SmtpSession; }
 
 VELT::Connection* MakeRetry(int fd, bool, std::string& directory, std::string& id, bool) {
+    if (fd != -1 && !VELT::Proxy::s_pProxyInstance->m_singleProcess) smtp::KeepRestingFromNow(directory);
     return new smtp::RetrySession(fd, directory, id);
 }
 

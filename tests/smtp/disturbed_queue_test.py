@@ -1,4 +1,4 @@
-"""Files that change under a retryer, another retryer beside it, and a clock that is set back: mail is not lost, and a
+"""Files that change under a retryer, another retryer beside it, and a clock that is set: mail is not lost, and a
 retryer that can do nothing does nothing."""
 import os
 import signal
@@ -8,7 +8,7 @@ import unittest
 
 import harness
 from crash_case import CLOCK
-from deferred_case import DAMAGED, GIVEN_UP, NO_FILE, RETRYER, WALK
+from deferred_case import CLOCK_SET_BACK, DAMAGED, GIVEN_UP, NO_FILE, RETRY_FAILED, RETRYER
 from troubles_case import TroublesCase
 
 HELD = 2  # files at most by a retryer of one thread: one is worked on, and one waits for that
@@ -82,7 +82,10 @@ class Two(TroublesCase):
         self.assert_arrived(*range(8))
 
 
-class SetBack(TroublesCase):
+class ClockThatIsSet(TroublesCase):
+    """A mail neither rests until the clock has caught up with its file nor is given up after a single try."""
+    DAY = 86400
+
     def setUp(self):
         super().setUp()
         self.clock = self.root.path / "clock-calls"
@@ -94,22 +97,40 @@ class SetBack(TroublesCase):
         with open(self.clock, "r+b") as file:
             file.write(struct.pack("qq", by, since))
 
-    def test_mail_outlives_a_clock_that_was_set_back(self):
-        """What rests does so by the times of its file, which were the other clock's: until that time has come again, or a
-        pass takes all."""
-        self.begin(environment={"LD_PRELOAD": CLOCK, "VELT_CLOCK_CALLS": str(self.clock)})
+    def begin_tried(self, **smtp):
+        """A mail that rests after a try that failed, in a world whose clock can be set."""
+        self.begin(smtp=smtp, environment={"LD_PRELOAD": CLOCK, "VELT_CLOCK_CALLS": str(self.clock)})
         self.keep(1)
         self.sink.replies = {"MAIL": "451 4.3.2 still not"}
-        retryer = self.retryer(RETRYER, environment=self.environment)
+        self.retryer(RETRYER, environment=self.environment)
         self.wait_tries()
-        self.set_clock(-3600)
+
+    def test_mail_does_not_rest_until_a_clock_that_was_set_back_has_caught_up(self):
+        self.begin_tried()
+        self.set_clock(-self.DAY)
+        (event,) = self.noted(CLOCK_SET_BACK)
+        self.assertEqual(event["values"], {"smtp_count": 1})
         self.keep(2)
-        self.sink.wait_messages(1)
-        harness.wait_until(lambda: len(self.waiting()) == 1, "the end of the new one")
-        self.assert_at_rest(retryer, WALK)
-        self.retryer(("-p", *RETRYER[1:]), environment=self.environment)
+        self.sink.replies = {}
         self.assert_arrived(1, 2)
         self.assertEqual(self.events(*GIVEN_UP), [])
+
+    def test_retryer_that_was_not_there_when_the_clock_was_set_back_sees_it_at_its_start(self):
+        self.begin(environment={"LD_PRELOAD": CLOCK, "VELT_CLOCK_CALLS": str(self.clock)})
+        self.keep(1)
+        self.set_clock(-self.DAY)
+        self.retryer(RETRYER, environment=self.environment)
+        self.noted(CLOCK_SET_BACK)
+        self.assert_arrived(1)
+
+    def test_mail_is_not_given_up_for_a_clock_that_was_set_forward(self):
+        self.begin_tried(GiveUpAfter=3600)
+        tried = len(self.events(*RETRY_FAILED))
+        self.set_clock(10 * self.DAY)
+        self.wait_tries(tried + 3)
+        self.assertEqual(self.events(*GIVEN_UP), [])
+        self.sink.replies = {}
+        self.assert_arrived(1)
 
 
 if __name__ == "__main__":

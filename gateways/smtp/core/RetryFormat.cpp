@@ -155,6 +155,17 @@ bool ReadStates(std::string_view text, std::size_t recipients, RetryStatus& out)
     return !dated || (ReadNumber(text, out.released) && out.released > 0);
 }
 
+std::string Due(RetryStatus const& status) {
+    std::string const due = std::to_string(status.due);
+    return status.skipped ? due + '/' + std::to_string(status.skipped) : due;
+}
+
+bool ReadDue(std::string_view text, RetryStatus& out) {
+    bool const skips = text.find('/') != std::string_view::npos;
+    out.skipped = 0;
+    return ReadNumber(Cut(text, '/'), out.due) && (!skips || (ReadNumber(text, out.skipped) && out.skipped));
+}
+
 }  // namespace
 
 char const* TextOf(RetryFault fault) {
@@ -262,7 +273,7 @@ RetryFault ReadEnvelope(std::string_view bytes, RetryLayout const& layout, Retry
 
 std::string WriteSlot(RetryStatus const& status) {
     std::string text = std::to_string(status.sequence) + ' ' + std::to_string(status.tries) + ' ' +
-                       std::to_string(status.last) + ' ' + std::to_string(status.due) + (status.unsure ? " ? " : " . ");
+                       std::to_string(status.last) + ' ' + Due(status) + (status.unsure ? " ? " : " . ");
     for (RetryStatus::Recipient const one : status.recipients) text += static_cast<char>(one);
     if (status.released > 0) text += '@' + std::to_string(status.released);
     std::string reason = status.reason.substr(0, RetryLayout::kMaxReason);
@@ -280,7 +291,7 @@ bool ReadSlot(std::string_view bytes, std::size_t recipients, RetryStatus& out) 
     if (bytes.substr(0, kSumEnd) != Sum(text) + ' ' || text.back() != '\n') return false;
     text.remove_suffix(1);
     bool const numbers = ReadNumber(Cut(text, ' '), out.sequence) && ReadNumber(Cut(text, ' '), out.tries) &&
-                         ReadNumber(Cut(text, ' '), out.last) && ReadNumber(Cut(text, ' '), out.due);
+                         ReadNumber(Cut(text, ' '), out.last) && ReadDue(Cut(text, ' '), out);
     std::string_view const unsure = Cut(text, ' ');
     std::string_view const states = Cut(text, ' ');
     if (!numbers || (unsure != "?" && unsure != ".") || !ReadStates(states, recipients, out)) return false;

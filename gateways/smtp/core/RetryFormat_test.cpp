@@ -213,11 +213,24 @@ TEST(RetrySlot, SaysSinceWhenATryIsAskedFor) {
     EXPECT_EQ(status.asked(), 0);
 }
 
+TEST(RetrySlot, SaysHowMuchOfTheAgeDoesNotCountOnlyWhereThereIsAny) {
+    for (std::int64_t skipped : {0, 86400, -3600}) {
+        RetryStatus status = SomeStatus();
+        status.skipped = skipped;
+        RetryStatus read;
+        read.skipped = 7;
+        ASSERT_TRUE(ReadSlot(WriteSlot(status), 2, read));
+        EXPECT_EQ(read.skipped, skipped);
+        EXPECT_EQ(read.due, status.due);
+        EXPECT_EQ(WriteSlot(status).find('/') != std::string::npos, skipped != 0);
+    }
+}
+
 TEST(RetrySlot, HasRoomForTheLargestNumbersAndCutsALongReason) {
     RetryStatus status;
     status.sequence = UINT64_MAX;
     status.tries = UINT32_MAX;
-    status.last = status.due = INT64_MIN;
+    status.last = status.due = status.skipped = INT64_MIN;
     status.released = INT64_MAX;
     status.recipients.assign(1000, State::Failed);
     status.reason.assign(5000, '\xff');
@@ -225,6 +238,7 @@ TEST(RetrySlot, HasRoomForTheLargestNumbersAndCutsALongReason) {
     ASSERT_TRUE(ReadSlot(WriteSlot(status), 1000, read));
     EXPECT_EQ(read.sequence, UINT64_MAX);
     EXPECT_EQ(read.due, INT64_MIN);
+    EXPECT_EQ(read.skipped, INT64_MIN);
     EXPECT_EQ(read.reason, std::string(RetryLayout::kMaxReason, '?'));
     EXPECT_FALSE(read.waits());
 }
