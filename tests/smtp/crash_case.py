@@ -11,6 +11,7 @@ from typing import NamedTuple
 import harness
 import smtp_case
 from deferred_case import GIVEN_UP, RESENT, DeferredCase, message_id
+from lost_writes import calls_in
 from smtp_case import SENDER, STAFF
 
 LIBRARY, CLOCK = (os.environ.get(f"VELT_{what}_CALLS_LIBRARY", "") for what in ("FILE", "CLOCK"))
@@ -83,27 +84,28 @@ class CrashCase(DeferredCase):
 
     # --- the folder ---
 
-    def kept(self, recipients=(STAFF,)):
+    def kept(self, recipients=(STAFF,), content=LARGE):
         """What the folder has in it when one mail waits, and nobody works on it."""
         self.sink.replies = {"MAIL": "451 4.3.2 later"}
         client = self.client()
-        self.assertRegex(client.mail(LARGE, recipients), r"^250 ")
+        self.assertRegex(client.mail(content, recipients), r"^250 ")
         client.close()
         self.sink.replies = {}
         self.stop(self.gateway)
         self.wait_all_gone()
         return self.files()
 
-    def files(self):
-        return {path.name: path.read_bytes() for path in self.directory.iterdir()}
+    def files(self, directory=None):
+        return {path.name: path.read_bytes() for path in (directory or self.directory).iterdir()}
 
-    def lay(self, files):
+    def lay(self, files, directory=None):
         """Exactly these."""
-        for path in self.directory.iterdir():
+        directory = directory or self.directory
+        for path in directory.iterdir():
             path.unlink()
         for name, content in files.items():
-            (self.directory / name).write_bytes(content)
-            (self.directory / name).chmod(0o600)
+            (directory / name).write_bytes(content)
+            (directory / name).chmod(0o600)
 
     def one_pass(self, environment=None):
         passing = self.retryer(ONE_PASS, environment=environment)
@@ -146,6 +148,10 @@ class CrashCase(DeferredCase):
             self.assertEqual(re.findall(rb"Final-Recipient: rfc822; (.*)\r", one.content), [name.encode() for name in told])
         self.assertEqual(self.files(), {})
         self.assertEqual(self.left_in_spool(), [])
+
+    def calls(self):
+        """Those that were recorded."""
+        return calls_in(self.record.read_bytes())
 
     def left_in_spool(self):
         return [str(path) for path in (self.root.path / "scandir").rglob("*") if path.is_file()]

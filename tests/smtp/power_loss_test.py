@@ -6,7 +6,7 @@ import unittest
 
 import harness
 from crash_case import DORA, Arrived, CrashCase
-from lost_writes import Disk, all_of, calls_in, losses
+from lost_writes import Disk, all_of, losses
 from smtp_case import STAFF
 
 DRAWS = 50 if harness.FULL else 3  # at random, of what is lost after each call
@@ -46,9 +46,6 @@ class PowerLoss(CrashCase):
                 self.mark()
                 self.recover()
                 self.judge(owed, told, before, acknowledged or taken)
-
-    def calls(self):
-        return calls_in(self.record.read_bytes())
 
     def test_mail_that_was_kept_is_there(self):
         self.begin(environment=self.recorded)

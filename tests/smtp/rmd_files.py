@@ -25,3 +25,13 @@ def rmd(name, server="", content=b"Subject: test\r\n\r\nhello\r\n", recipients=(
     first = b"VELTRMD 1 %010d %010d %020d %s %s " % (len(envelope), len(status), len(content), summed(envelope),
                                                      summed(content))
     return first + summed(first) + b"\n" + envelope + status + status + content
+
+
+def is_whole(content):
+    """By what the file says of itself."""
+    if len(content) < 80 or not content.startswith(b"VELTRMD 1 "):
+        return False
+    envelope, status, message = (int(content[at:at + size]) for at, size in ((10, 10), (21, 10), (32, 20)))
+    head, end = content[:71], 80 + envelope
+    return (len(content) == end + 2 * status + message and content[71:79] == summed(head) and
+            content[53:61] == summed(content[80:end]) and content[62:70] == summed(content[end + 2 * status:]))

@@ -8,7 +8,6 @@ import re
 import sys
 import threading
 import unittest
-import zlib
 
 import harness
 import torture_case
@@ -18,21 +17,13 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "smtp"))
 import crash_case  # noqa: E402
 import smtp_case  # noqa: E402
 from deferred_case import numbered  # noqa: E402
+from rmd_files import is_whole  # noqa: E402
 from smtp_case import STAFF  # noqa: E402
 
 DEADLY = {"memory", "thread"}  # a worker does not survive to be without
 PLACES = 6  # of each kind of call that are drawn from
 DRAWN = 4000 if harness.FULL else 12 if harness.SANITIZED else 36  # failures of a scenario
 WHILE_FAILING = 1.0  # seconds after which calls go through again
-
-
-def is_whole(content):
-    """By what the file says of itself."""
-    head, slot, message = (int(content[at:at + size]) for at, size in ((10, 10), (21, 10), (32, 20)))
-    first, end = content[:71], 80 + head
-    return (len(content) == end + 2 * slot + message and int(content[71:79], 16) == zlib.crc32(first) and
-            int(content[53:61], 16) == zlib.crc32(content[80:end]) and
-            int(content[62:70], 16) == zlib.crc32(content[end + 2 * slot:]))
 
 
 class Deferred(crash_case.CrashCase):
