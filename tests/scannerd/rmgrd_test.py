@@ -1,5 +1,7 @@
 """The resource manager with real scanner daemons: who is offered, when, and how much each gets."""
 import collections
+import pathlib
+import resource
 import signal
 import time
 import unittest
@@ -91,6 +93,21 @@ class Managed(FarmCase, harness.DaemonCase):
         self.manager.wait_up(young)
         held = self.occupied(self.occupy(8))
         self.assertGreater(held[old.port], held[young.port] + 2, held)
+
+    @unittest.skipIf(harness.SANITIZED, "whose memory has no limit")
+    def test_a_daemon_that_nobody_could_look_at_is_looked_at_later(self):
+        self.start_manager("--probe", str(PROBE))
+        manager = self.manager.process.pid
+        resource.prlimit(manager, resource.RLIMIT_AS, (self.addresses_of(manager) + 256 * 1024, resource.RLIM_INFINITY))
+        (scanner,) = self.start_scanners(1)
+        word = "gets no work: cannot be probed, as no thread can be started"
+        harness.wait_until(lambda: self.manager.last_word(scanner.port) == word, word)
+        resource.prlimit(manager, resource.RLIMIT_AS, (resource.RLIM_INFINITY, resource.RLIM_INFINITY))
+        self.manager.wait_up(scanner)
+
+    def addresses_of(self, pid):
+        """In bytes."""
+        return int(pathlib.Path(f"/proc/{pid}/statm").read_text().split()[0]) * resource.getpagesize()
 
     def test_a_daemon_that_stops_finding_the_test_file_gets_no_work_until_it_does(self):
         blind, other = self.begin(2)

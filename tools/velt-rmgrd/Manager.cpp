@@ -155,6 +155,7 @@ void Manager::Run() {
             if (m_ending) return;
         }
         TakeServers();
+        RetryProbing();
         TakeFindings();
         ServeWaiters();
         Sweep();
@@ -167,6 +168,8 @@ int Manager::NextTimeoutMs() const {
     double const now = Now();
     for (auto const& client : m_clients)
         if (client->waits) next = std::min(next, client->until - now);
+    for (auto const& [resource, probed] : m_probed)
+        if (probed.retry > 0) next = std::min(next, probed.retry - now);
     return static_cast<int>(std::ceil(std::max(next, 0.0) * 1000));
 }
 
@@ -378,15 +381,29 @@ void Manager::ServeWaiters() {
 int Manager::AddServer(ServerFacts const& facts, bool fromFile) {
     int const resource = m_farm.Add(facts);
     m_probed[resource] = {facts, fromFile};
+    StartProbing(resource);
+    return resource;
+}
+
+// Without a thread it is tried again when the next look would be due.
+void Manager::StartProbing(int resource) {
+    Probed& probed = m_probed.at(resource);
     std::lock_guard const hold(m_lock);
-    m_probing.insert(resource);
     try {
-        std::thread([=, this] { ProbeForEver(resource, facts); }).detach();
+        std::thread([this, resource, facts = probed.facts] { ProbeForEver(resource, facts); }).detach();
+        m_probing.insert(resource);
         ++m_threads;
+        probed.retry = 0;
     } catch (std::system_error const& failure) {
+        probed.retry = Now() + m_settings.probeInterval;
         m_findings.push_back({resource, "cannot be probed, as no thread can be started"});
     }
-    return resource;
+}
+
+void Manager::RetryProbing() {
+    double const now = Now();
+    for (auto const& [resource, probed] : m_probed)
+        if (probed.retry > 0 && probed.retry <= now) StartProbing(resource);
 }
 
 // Its thread may be in the middle of a probe, which takes what it takes.

@@ -61,6 +61,7 @@ private:
         ServerFacts facts;
         bool fromFile;
         bool known = false;  // a first answer came
+        double retry = 0;    // no thread could be started: when the next try is due
     };
     struct Finding {
         int resource;
@@ -90,6 +91,8 @@ private:
 
     int AddServer(ServerFacts const& facts, bool fromFile);
     void RemoveServer(int resource);
+    void StartProbing(int resource);
+    void RetryProbing();
     void ProbeForEver(int resource, ServerFacts facts);
     void TakeFindings();
     void TakeFinding(Finding const& finding);

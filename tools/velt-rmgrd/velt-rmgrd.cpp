@@ -1,5 +1,6 @@
 // velt-rmgrd: the resource manager of scanner servers, for machines without the kernel module.
 #include <getopt.h>
+#include <pthread.h>
 #include <sys/resource.h>
 #include <system/SystemPath.h>
 #include <unistd.h>
@@ -29,6 +30,7 @@ namespace {
 constexpr unsigned kProbeTimeoutMs = 5000;
 constexpr unsigned kProbeBufferBytes = 16384;
 constexpr int kUsage = 2;
+constexpr std::size_t kStackBytes = 512 * 1024;
 constexpr int kEndSeconds = 2;
 
 constexpr char const* kHelp =
@@ -135,6 +137,15 @@ void Serve(rmgrd::Manager& manager, sigset_t const& signals, std::string const& 
     running.join();
 }
 
+// A thread for each server adds up.
+void KeepStacksSmall() {
+    pthread_attr_t attributes;
+    ::pthread_attr_init(&attributes);
+    ::pthread_attr_setstacksize(&attributes, kStackBytes);
+    ::pthread_setattr_default_np(&attributes);
+    ::pthread_attr_destroy(&attributes);
+}
+
 void RaiseLimit() {
     rlimit limit{};
     ::getrlimit(RLIMIT_NOFILE, &limit);
@@ -151,6 +162,7 @@ int main(int argc, char** argv) {
     for (int const signal : {SIGHUP, SIGINT, SIGTERM}) ::sigaddset(&signals, signal);
     ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     RaiseLimit();
+    KeepStacksSmall();
     VELT::TCPStream::set_pool(new VELT::BufferPool(kProbeBufferBytes, 0));
     VELT::TCPStream::set_default_timeout(kProbeTimeoutMs);
     VELT::TCPStream::initialise(nullptr);
