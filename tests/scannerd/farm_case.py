@@ -27,6 +27,13 @@ LOOKED_AT = """
 """
 
 
+def limited(root, program):
+    """The same program with 256 MiB of addresses, of which a heap for each thread would take 64 and use none."""
+    made = root.write("/limited", f'#!/bin/sh\nulimit -v {256 * 1024}\nexport MALLOC_ARENA_MAX=1\nexec {program} "$@"\n')
+    made.chmod(0o755)
+    return made
+
+
 class Offer(NamedTuple):
     resource: int  # or -1, and then `error` says why
     error: int
@@ -72,8 +79,9 @@ class Handle:
 class Manager:
     """velt-rmgrd for the daemons of these roots; `root` has its socket."""
 
-    def __init__(self, root, *options):
+    def __init__(self, root, *options, program=None):
         self.root, self.options = root, options
+        self.program = program or os.environ["VELT_RMGRD"]
         self.path = root.path / SOCKET
         self.path.parent.mkdir(parents=True, exist_ok=True)
         self.log_path = root.path / "rmgrd.log"
@@ -83,7 +91,7 @@ class Manager:
     def start(self):
         self.before = len(self.log())
         with open(self.log_path, "ab") as log:
-            self.process = subprocess.Popen([os.environ["VELT_RMGRD"], *self.options], stdin=subprocess.DEVNULL, stdout=log,
+            self.process = subprocess.Popen([str(self.program), *self.options], stdin=subprocess.DEVNULL, stdout=log,
                                             stderr=log, start_new_session=True,
                                             env={**os.environ, "VELT_ROOT": str(self.root.path)})
         harness.wait_until(lambda: any(line.startswith("listens at") for line in self.said()), "the resource manager")
@@ -177,8 +185,8 @@ class Scanner:
 class FarmCase:
     """Mixed into a test with a root of its own, which is the manager's."""
 
-    def start_manager(self, *options):
-        self.manager = Manager(self.root, *options)
+    def start_manager(self, *options, program=None):
+        self.manager = Manager(self.root, *options, program=program)
         self.addCleanup(self.end_manager)
         return self.manager
 

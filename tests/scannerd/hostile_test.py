@@ -5,13 +5,17 @@ import struct
 import unittest
 
 import harness
+from farm_case import limited
 from scannerd_case import (EICAR, GONE, REFUSED, SILENT, TOO_LARGE, TOO_MANY_NAMES, ScannerdCase, mail, scan, set_up, wide)
 
 GROWTH = 48 * 1024  # KiB; a sanitizer's memory is not the daemon's
+COUNTS = (2 ** 31 - 1, 2 ** 31, 2 ** 32 - 1, 2 ** 32, 2 ** 62, 2 ** 63 - 1, 2 ** 63, 2 ** 64)
 
 
 class Hostile(ScannerdCase):
     def begin(self, **sections):
+        if not harness.SANITIZED:
+            self.program = limited(self.root, self.program)
         daemon = super().begin(**sections)
         self.expect(*REFUSED, at_least=0)
         self.expect(*GONE, at_least=0)
@@ -58,12 +62,61 @@ class Hostile(ScannerdCase):
         self.assert_bounded(worker, before)
         self.assert_still_scans()
 
+    def test_a_string_without_measure_is_read_as_far_as_a_section_goes(self):
+        self.begin()
+        (worker,) = self.workers()
+        before = harness.resident_kib(worker)
+        for kind in ("ss", "ms"):
+            for count in COUNTS:
+                head = set_up(size=5)[:-2] + f"scan_properties.A {kind} {count}\n".encode()
+                client = self.client()
+                client.send(head + wide("abc"))
+                client.socket.shutdown(socket.SHUT_WR)
+                self.assertTrue(client.is_closed(), (kind, count))
+                client.close()
+            client = self.client()
+            self.assertEqual(client.state(head + b"x" * (1024 * 1024)), "DENIED")
+            client.close()
+        self.assert_bounded(worker, before)
+        self.assert_still_scans()
+
+    def test_a_number_without_measure_is_a_number(self):
+        self.begin()
+        for kind in ("sl", "ml", "sb", "ss", "ms"):
+            for count in (*(-count for count in COUNTS), *(COUNTS if kind[1] != "s" else ())):
+                client = self.client()
+                self.assertEqual(client.state(set_up(mail(), section=f"scan_properties.A {kind} {count}\n".encode())), "OK",
+                                 (kind, count))
+                client.close()
+        self.assert_still_scans()
+
+    def test_attributes_without_measure_are_held_to_their_limits(self):
+        self.begin()
+        (worker,) = self.workers()
+        before = harness.resident_kib(worker)
+        for section in (b"conattr.a<2000000000>.b sl 1\n" * 20000, b"conattr." + b"a." * 5000 + b"b sl 1\n",
+                        b"conattr.A ss -1\n"):
+            client = self.client()
+            self.assertEqual(client.state(set_up(mail(EICAR), policy="counting")), "OK")
+            self.assertEqual(client.state(scan(attributes=True)), "Attributes")
+            self.assertTrue(client.verdict(section + b"\r\n").triggered)
+            client.close()
+        for count in COUNTS:
+            client = self.client()
+            client.state(set_up(mail(EICAR), policy="counting"))
+            self.assertEqual(client.state(scan(attributes=True)), "Attributes")
+            client.send(f"conattr.A ss {count}\n".encode())
+            client.socket.shutdown(socket.SHUT_WR)
+            self.assertTrue(client.is_closed(), count)
+            client.close()
+        self.assert_bounded(worker, before)
+
     def test_properties_beyond_measure_are_held_to_their_limits(self):
         self.begin()
         (worker,) = self.workers()
         before = harness.resident_kib(worker)
         sections = [b"scan_properties.a<2000000000>.b sl 1\n" * 20000, b"scan_properties.a<1023>.b sl 1\n" * 1000,
-                    b"scan_properties." + b"a." * 3000 + b"b sl 1\n", b"scan_properties.A ss -1\n", b"scan_properties.A\n",
+                    b"scan_properties." + b"a." * 5000 + b"b sl 1\n", b"scan_properties.A ss -1\n", b"scan_properties.A\n",
                     b"scan_properties.A xx 1\n", b"scan_properties.A ms 1\n" + wide("a") * 1]
         for section in sections:
             client = self.client()
@@ -97,7 +150,7 @@ class Hostile(ScannerdCase):
 
     def test_numbers_without_measure_are_refused(self):
         self.begin()
-        for size in (-1, 2 ** 31 * 4, 2 ** 63, 2 ** 64, 10 ** 40, "0x10", "", "1 2"):
+        for size in (-1, 2 ** 32, 2 ** 31 * 4, 2 ** 63 - 1, 2 ** 63, 2 ** 64, 10 ** 40, -2 ** 63, "0x10", "", "1 2"):
             client = self.client()
             self.assertEqual(client.state(set_up(mail(), size=size)), "DENIED", size)
             client.close()
