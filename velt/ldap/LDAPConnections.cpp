@@ -13,12 +13,15 @@ namespace {
 constexpr int kMostEntries = 100000;
 constexpr int kGraceSeconds = 5;
 
+// For the connect of TCP and for the handshake of TLS, each.
+int LimitNetwork([[maybe_unused]] ldap* handle) {
 #ifdef VELT_LDAP_NETWORK_TIMEOUT
-constexpr timeval kNetworkLimit{60, 0};  // for the connect of TCP and for the handshake of TLS, each
-int LimitNetwork(ldap* handle) { return ::ldap_set_option(handle, LDAP_OPT_NETWORK_TIMEOUT, &kNetworkLimit); }
+    constexpr timeval kNetworkLimit{60, 0};
+    return ::ldap_set_option(handle, LDAP_OPT_NETWORK_TIMEOUT, &kNetworkLimit);
 #else
-int LimitNetwork(ldap*) { return LDAP_SUCCESS; }
+    return LDAP_SUCCESS;
 #endif
+}
 
 }  // namespace
 
