@@ -21,7 +21,7 @@ import greeter_case  # noqa: E402
 import harness  # noqa: E402
 import mail_sink  # noqa: E402
 from deferred_case import EVERY_SECOND, NO_FILE, RESENT, WALK, DeferredCase, message_id  # noqa: E402
-from farm_test import LOST, Scanner  # noqa: E402
+from mail_farm_case import LOST, Scanner  # noqa: E402
 from smtp_case import DEFERRED, NOT_SCANNED, SCAN_FAILED, SWEPT  # noqa: E402
 
 MAILS = greeter_case.size(300 if harness.SANITIZED else 1000, 20000)
