@@ -65,7 +65,8 @@ class Host:
 
     def kill(self):
         for pid in self.root.processes():
-            os.kill(pid, signal.SIGKILL)
+            with contextlib.suppress(ProcessLookupError):  # some leave by themselves when the others are gone
+                os.kill(pid, signal.SIGKILL)
         self.daemon.wait()
 
     def is_heard(self):
