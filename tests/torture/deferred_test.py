@@ -21,8 +21,8 @@ from rmd_files import is_whole  # noqa: E402
 from smtp_case import STAFF  # noqa: E402
 
 DEADLY = {"memory", "thread"}  # a worker does not survive to be without
-PLACES = 6  # of each kind of call that are drawn from
-DRAWN = 4000 if harness.FULL else 12 if harness.SANITIZED else 36  # failures of a scenario
+PLACES = 3 if harness.SANITIZED else 8  # calls of one kind that fail, each with each error, where not all do
+PASSES = 4000 if harness.FULL else 12 if harness.SANITIZED else 36  # of those, where each takes two passes of a retryer
 WHILE_FAILING = 1.0  # seconds after which calls go through again
 
 
@@ -34,11 +34,11 @@ class Deferred(crash_case.CrashCase):
         for number in (10000, 10002, 12000, 60000, 70002, 180007):  # failures, as they come
             self.expect(number, at_least=0)
 
-    def drawn(self, calls, without=()):
-        """Failures of these calls."""
+    def failures(self, calls, most=torture_case.FOR_EVER, without=()):
+        """Of these calls; no more than `most`, which are drawn."""
         calls = {kind: count for kind, count in calls.items() if count and kind not in without}
         every = list(torture_case.injections(calls, PLACES))
-        chosen = random.Random(1).sample(every, min(DRAWN, len(every)))
+        chosen = every if len(every) <= most else random.Random(1).sample(every, most)
         print(f"\n  calls: {calls}; {len(chosen)} failures of {len(every)}", end="", flush=True)
         return chosen
 
@@ -78,7 +78,7 @@ class Keeping(Deferred):
         [worker] = self.wait_worker()
         self.faults.write(process=worker, armed=True)
         self.keep()
-        for injection in self.drawn(self.faults.calls(), DEADLY):
+        for injection in self.failures(self.faults.calls(), without=DEADLY):
             [worker] = self.wait_worker()
             self.faults.write(*injection, process=worker, armed=True)
             with self.subTest(injection=str(injection)):
@@ -107,7 +107,7 @@ class Retrying(Deferred):
         self.sink.replies = replies or {}
         self.a_try(waiting)
         calls = self.faults.calls()
-        for injection in self.drawn(calls):
+        for injection in self.failures(calls, PASSES):
             with self.subTest(injection=str(injection)):
                 self.a_try(waiting, injection)
                 self.recover()
