@@ -86,6 +86,7 @@ class Manager:
         self.path.parent.mkdir(parents=True, exist_ok=True)
         self.log_path = root.path / "rmgrd.log"
         self.log_path.touch()
+        self.lines, self.read = [], 0
         self.start()
 
     def start(self):
@@ -97,11 +98,17 @@ class Manager:
         harness.wait_until(lambda: any(line.startswith("listens at") for line in self.said()), "the resource manager")
 
     def log(self):
-        return self.log_path.read_text().splitlines(keepends=True)
+        """Whole lines."""
+        with open(self.log_path, "rb") as log:
+            log.seek(self.read)
+            new = log.read().rpartition(b"\n")
+        self.read += len(new[0]) + len(new[1])
+        self.lines += new[0].decode().splitlines()
+        return self.lines
 
     def said(self):
-        """Whole lines, since it was started the last time."""
-        return [line for line in self.log()[self.before:] if line.endswith("\n")]
+        """Since it was started the last time."""
+        return self.log()[self.before:]
 
     def last_word(self, port):
         """What it said last of the server at this port: "is up", "has gone", "gets no work: ..."; or nothing."""
