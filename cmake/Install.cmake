@@ -40,5 +40,6 @@ install(PROGRAMS packaging/systemd/replace-workers DESTINATION ${CMAKE_INSTALL_L
 install(DIRECTORY packaging/schemas DESTINATION ${CMAKE_INSTALL_DATADIR}/velt FILES_MATCHING PATTERN "*.xsd")
 install(DIRECTORY packaging/samples DESTINATION ${CMAKE_INSTALL_DATADIR}/velt)
 install(FILES docs/operating.md docs/policy.md docs/smtp.md docs/velt-rmgrd.md docs/velt-scannerd.md docs/settings.md docs/events.md
-              docs/interception.md
+              docs/interception.md docs/scaling.md
         DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY docs/examples/scaling DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples USE_SOURCE_PERMISSIONS)
