@@ -2,13 +2,15 @@
 import fcntl
 import os
 import re
+import socket
 import subprocess
+import time
 import zlib
 from xml.sax.saxutils import quoteattr
 
 import harness
 import mail_sink
-from smtp_case import FAILED, UNREACHED, SmtpCase
+from smtp_case import FAILED, STAFF, UNREACHED, SmtpCase
 
 COUNTERS = os.environ["VELT_COUNTERS"]
 RETRYER = ("-d", "-s", "retryer", "-t", "smtp")
@@ -80,6 +82,20 @@ class DeferredCase(SmtpCase):
         before = self.sink
         self.sink = mail_sink.MailSink(before.port)
         self.addCleanup(self.sink.close)
+
+    def send_to_leave(self, content, recipients=(STAFF,)):
+        """A message whose client may leave() before it is answered."""
+        self.leaving = self.client()
+        self.leaving.hello()
+        self.leaving.envelope(recipients)
+        self.leaving.ask("DATA")
+        self.leaving.send(content + b".\r\n")
+
+    def leave(self):
+        """By a reset, which is on its way over loopback afterwards."""
+        self.leaving.socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, b"\1\0\0\0\0\0\0\0")
+        self.leaving.close()
+        time.sleep(0.2)
 
     def wait_tries(self, count=1):
         return harness.wait_until(lambda: len(self.events(*RETRY_FAILED)) >= count or None, f"{count} failed tries")

@@ -123,11 +123,7 @@ class Kept(DeferredCase):
         self.begin()
         self.provokes((60000, 14), DEFERRED)
         self.sink.replies = {"DATA": self._leave}
-        self.leaving = self.client()
-        self.leaving.hello()
-        self.leaving.envelope()
-        self.leaving.ask("DATA")
-        self.leaving.send(body() + b".\r\n")
+        self.send_to_leave(body())
         self.noted(DEFERRED)
         self.assertEqual(self.waiting(), [])
 
@@ -147,23 +143,14 @@ class Kept(DeferredCase):
         self.begin(smtp={"KeepAfter": 2})
         self.provokes((60000, 14), DEFERRED)
         self.sink.fault = "stall-at-greeting"
-        self.leaving = self.client()
-        self.leaving.hello()
-        self.leaving.envelope()
-        self.leaving.ask("DATA")
-        self.leaving.send(body() + b".\r\n")
+        self.send_to_leave(body())
         harness.wait_until(self.sink.stalled.is_set, "a delivery under way")
-        self._reset()
+        self.leave()
         self.noted(DEFERRED)
         self.assertEqual(self.waiting(), [])
 
-    def _reset(self):
-        self.leaving.socket.setsockopt(mail_sink.socket.SOL_SOCKET, mail_sink.socket.SO_LINGER, b"\1\0\0\0\0\0\0\0")
-        self.leaving.close()
-
     def _leave(self, session):
-        self._reset()
-        time.sleep(0.2)  # the reset is on its way over loopback
+        self.leave()
         return "354 go on"
 
 
@@ -430,6 +417,21 @@ class TwoContents(DeferredCase):
         self.assertEqual({event["values"]["smtp_reply"] for event in self.noted(KEPT, 2)},
                          {"451 4.4.2 next server went silent", "451 4.4.7 no time was left to try the next server"})
         self.assertEqual(len(self.waiting()), 2)
+
+    def test_client_that_left_when_some_had_it_sends_again_and_nobody_is_told(self):
+        self.begin()
+        self.provokes(RULE_HIT, (60000, 14), DEFERRED)
+        answers = ["250 2.1.0 ok", "451 4.3.2 later"]
+
+        def answer(_):
+            if len(answers) == 1:
+                self.leave()
+            return answers.pop(0)
+        self.sink.replies = {"MAIL": answer}
+        self.send_to_leave(body(PHRASE), [STAFF, BOARD])
+        self.noted(DEFERRED)
+        self.assertEqual(self.waiting(), [])
+        self.assertEqual([one.recipients for one in self.sink.messages], [[STAFF]])
 
     def test_each_file_of_a_mail_has_its_recipients_told_of(self):
         self.begin()
