@@ -19,7 +19,8 @@ std::string DumpText(IScanResultHandler const* handler, IKORScanResult const* re
                      std::string const& auditId);
 
 // Makes the folder if it is not there, and in it a new file of the owner's alone. Other users may have been there
-// first: through a link, or into a folder of theirs, nothing is written.
+// first: through a link nothing is written. In a folder of theirs they can neither read the file nor lay one in its
+// place, as its name is new.
 void WriteDump(std::string const& folder, std::string const& text);
 
 }  // namespace VELT::results

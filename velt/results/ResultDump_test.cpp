@@ -121,13 +121,20 @@ TEST_F(ResultDump, IsNotWrittenThroughALink) {
     EXPECT_TRUE(fs::is_empty(root / "elsewhere"));
 }
 
-TEST_F(ResultDump, IsNotWrittenIntoAFolderOfSomeoneElse) {
+// Daemons under several users share the folders.
+TEST_F(ResultDump, IsWrittenIntoAFolderOfSomeoneElseForItsWriterAlone) {
     if (::geteuid() != 0) GTEST_SKIP() << "only root can give a folder away";
     TempRoot root;
     fs::create_directory(root / "dumps");
     ASSERT_EQ(::chown((root / "dumps").c_str(), 12345, 12345), 0);
     results::WriteDump(root / "dumps/", "text");
-    EXPECT_TRUE(fs::is_empty(root / "dumps"));
+    ASSERT_EQ(FilesIn(root / "dumps").size(), 1u);
+    fs::path const file = *FilesIn(root / "dumps").begin();
+    EXPECT_EQ(ContentOf(file), "text");
+    struct stat status {};
+    ASSERT_EQ(::stat(file.c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, ::geteuid());
+    EXPECT_EQ(status.st_mode & 0777u, 0600u);
 }
 
 TEST_F(ResultDump, ThatCannotBeWrittenIsNoMatter) {
