@@ -1,14 +1,38 @@
 #include <velt/results/ScanResult.h>
 
-#include <algorithm>
 #include <cstring>
 #include <cwchar>
-#include <iterator>
 
 #include <velt/results/SerialDecoding.h>
 #include <velt/runtime/Proxy.h>
 
 namespace VELT {
+
+// --- the words of their lines ---
+
+std::map<std::string_view, ScanPolContextElement::Handler> ScanPolContextElement::s_AsciiDecode;
+std::map<std::string_view, ScanResult::Handler> ScanResult::s_AsciiDecode;
+
+struct SRDecodeInit {
+    SRDecodeInit() {
+        ScanPolContextElement::s_AsciiDecode = {
+            {"scan_context_string", &ScanPolContextElement::decode_scan_context_string},
+            {"scan_context_component_name", &ScanPolContextElement::decode_scan_component_name},
+        };
+        ScanResult::s_AsciiDecode = {
+            {"cleanstatus", &ScanResult::decode_clean_status},        {"classname", &ScanResult::decode_scanner_class},
+            {"infectionlist", &ScanResult::decode_infection_list},    {"errorstatus", &ScanResult::decode_scan_error},
+            {"infecteditems", &ScanResult::decode_infected_items},    {"property", &ScanResult::decode_property_bag},
+            {"scanpolcontext", &ScanResult::decode_scan_pol_context},
+        };
+    }
+};
+
+namespace {
+
+SRDecodeInit const s_filled;
+
+}  // namespace
 
 // --- ScanPolContextElement ---
 
@@ -21,16 +45,11 @@ wchar_t const* ScanPolContextElement::GetScanContextString(wchar_t* buffer, int 
     return buffer;
 }
 
-ScanPolContextElement::Token const ScanPolContextElement::s_AsciiDecode[] = {
-    {"scan_context_string", &ScanPolContextElement::decode_scan_context_string},
-    {"scan_context_component_name", &ScanPolContextElement::decode_scan_component_name},
-};
-
 bool ScanPolContextElement::decode_line(results::SerialSource& source, char const* text) {
     char const* const space = std::strchr(text, ' ');
     std::string_view const word = space ? std::string_view(text, static_cast<std::size_t>(space - text)) : text;
-    for (Token const& token : s_AsciiDecode)
-        if (token.word == word) return (this->*token.handler)(source, space ? results::SkipBlanks(space) : "");
+    auto const token = s_AsciiDecode.find(word);
+    if (token != s_AsciiDecode.end()) return (this->*token->second)(source, space ? results::SkipBlanks(space) : "");
     results::ReportUnknownToken(__FILE__, __LINE__, word);
     return false;
 }
@@ -44,13 +63,6 @@ bool ScanPolContextElement::decode_scan_component_name(results::SerialSource& so
 }
 
 // --- ScanResult ---
-
-ScanResult::Token const ScanResult::s_AsciiDecode[] = {
-    {"cleanstatus", &ScanResult::decode_clean_status},        {"classname", &ScanResult::decode_scanner_class},
-    {"infectionlist", &ScanResult::decode_infection_list},    {"errorstatus", &ScanResult::decode_scan_error},
-    {"infecteditems", &ScanResult::decode_infected_items},    {"property", &ScanResult::decode_property_bag},
-    {"scanpolcontext", &ScanResult::decode_scan_pol_context},
-};
 
 ScanResult::ScanResult(BufferedStream* stream, bool decode, bool& ok) {
     ok = decode && !stream;
@@ -78,13 +90,12 @@ bool ScanResult::decode_ascii_stream(results::SerialSource& source) {
     for (;;) {
         results::RecordLine const line(source);
         if (line.length < 0 || !line.has_space) break;
-        auto const* const token = std::find_if(std::begin(s_AsciiDecode), std::end(s_AsciiDecode),
-                                               [&](Token const& known) { return line.word == known.word; });
-        if (token == std::end(s_AsciiDecode)) {
+        auto const token = s_AsciiDecode.find(line.word);
+        if (token == s_AsciiDecode.end()) {
             results::ReportUnknownToken(__FILE__, __LINE__, line.word);
             return false;
         }
-        if (!(this->*token->handler)(source, line.text)) return false;
+        if (!(this->*token->second)(source, line.text)) return false;
     }
     if (source.overdrawn()) return false;
     fix_system_name();

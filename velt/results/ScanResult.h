@@ -7,6 +7,7 @@
 
 #include <eFabric/Result.h>
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -40,11 +41,9 @@ public:
     bool decode_line(results::SerialSource& source, char const* text);  // a field's word, its count; then the payload
 
 private:
-    struct Token {
-        std::string_view word;
-        bool (ScanPolContextElement::*handler)(results::SerialSource&, char const* count);
-    };
-    static Token const s_AsciiDecode[2];
+    friend struct SRDecodeInit;  // fills the words that a line may begin with, here and in ScanResult
+    using Handler = bool (ScanPolContextElement::*)(results::SerialSource&, char const* count);
+    static std::map<std::string_view, Handler> s_AsciiDecode;
 
     bool decode_scan_context_string(results::SerialSource& source, char const* count);
     bool decode_scan_component_name(results::SerialSource& source, char const* count);
@@ -78,11 +77,9 @@ public:
     IKORPropertyBag* GetPropertyBag() const override { return &properties; }
 
 private:
-    struct Token {
-        std::string_view word;
-        bool (ScanResult::*handler)(results::SerialSource&, char const* text);
-    };
-    static Token const s_AsciiDecode[7];
+    friend struct SRDecodeInit;
+    using Handler = bool (ScanResult::*)(results::SerialSource&, char const* text);
+    static std::map<std::string_view, Handler> s_AsciiDecode;
 
     bool decode_ascii_stream(results::SerialSource& source);
     bool decode_clean_status(results::SerialSource& source, char const* text);

@@ -264,7 +264,8 @@ int SerializedEFabricResult::dump(char const* path, IScanResultHandler const* ha
     file.set_id(UUID::get());
     JoinedLines lines(file);
     serialize(&lines, handler);
-    return lines.failed() ? -1 : file.spool_to_disk(path);
+    int const result = file.spool_to_disk(path);
+    return lines.failed() ? -1 : result;
 }
 
 }  // namespace VELT

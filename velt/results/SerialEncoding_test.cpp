@@ -33,6 +33,7 @@ public:
         return EPIPE;
     }
     int writev(unsigned count, unsigned* lengths, char const** buffers, unsigned* sent) override {
+        ++vectored;
         std::string line;
         for (unsigned i = 0; i < count; ++i) line.append(buffers[i], lengths[i]);
         return write(line.data(), static_cast<unsigned>(line.size()), sent);
@@ -43,6 +44,7 @@ public:
         return joined;
     }
     std::vector<std::string> all;
+    unsigned vectored = 0;  // of these
 };
 
 std::string Written(IScanResultHandler const& verdict) {
@@ -129,6 +131,7 @@ TEST(WriteVerdict, SendsEachLineAndItsCharactersInOneWriteAndLooksAtNoAnswer) {
                                                     "infectionlist " + Wide(L"abc"), "cleanstatus sl 0\n",
                                                     "errorstatus sl 0\n", "classname ss 2\nAV", "infecteditems sl 0\n",
                                                     "property .t ss " + Wide(L"x"), "\n", "\n"}));
+    EXPECT_EQ(stream.vectored, stream.all.size()) << "pieces are not copied together";
 }
 
 TEST(WriteVerdict, OfNothingIsNothing) {
@@ -463,5 +466,7 @@ TEST_F(DumpedVerdict, ThatCannotBeWrittenSaysSo) {
     std::string gone = room / "gone/";
     ScannerStream::s_spooldir = gone;  // what does not fit into memory has no place
     EXPECT_EQ(Dump(), -1);
-    EXPECT_FALSE(room.Exists("dump"));
+    std::string const head = "msr.triggered sl 1\nmsr.modified sl 0\n";
+    EXPECT_EQ(File().substr(0, head.size()), head) << "what there was room for";
+    EXPECT_LT(File().size(), Written(verdict).size());
 }

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
-#include <iterator>
 #include <utility>
 
 #include <velt/results/SerialDecoding.h>
@@ -58,18 +57,30 @@ bool ReadSection(BufferedStream& stream, char const* name, IKORPropertyBag& bag,
 
 }  // namespace
 
-SerializedEFabricResult::Token const SerializedEFabricResult::s_AsciiDecode[] = {
-    {"msr.triggered", &SerializedEFabricResult::decode_triggered},
-    {"msr.modified", &SerializedEFabricResult::decode_modified},
-    {"msr.action", &SerializedEFabricResult::decode_action},
-    {"msr.master.action", &SerializedEFabricResult::decode_action},
-    {"msr.infection_description", &SerializedEFabricResult::decode_infection_description},
-    {"msr.infection_names", &SerializedEFabricResult::decode_infection_names},
-    {"msr.infected_components", &SerializedEFabricResult::decode_infected_components},
-    {"msr.actions", &SerializedEFabricResult::decode_actions},
-    {"msr.master.result", &SerializedEFabricResult::decode_master_result},
-    {"msr.sr.result", &SerializedEFabricResult::decode_result},
+std::map<std::string_view, SerializedEFabricResult::Handler> SerializedEFabricResult::s_AsciiDecode;
+
+struct MSRDecodeInit {
+    MSRDecodeInit() {
+        SerializedEFabricResult::s_AsciiDecode = {
+            {"msr.triggered", &SerializedEFabricResult::decode_triggered},
+            {"msr.modified", &SerializedEFabricResult::decode_modified},
+            {"msr.action", &SerializedEFabricResult::decode_action},
+            {"msr.master.action", &SerializedEFabricResult::decode_master_action},
+            {"msr.infection_description", &SerializedEFabricResult::decode_infection_description},
+            {"msr.infection_names", &SerializedEFabricResult::decode_infection_names},
+            {"msr.infected_components", &SerializedEFabricResult::decode_infected_components},
+            {"msr.actions", &SerializedEFabricResult::decode_actions},
+            {"msr.master.result", &SerializedEFabricResult::decode_master_result},
+            {"msr.sr.result", &SerializedEFabricResult::decode_result},
+        };
+    }
 };
+
+namespace {
+
+MSRDecodeInit const s_filled;
+
+}  // namespace
 
 SerializedEFabricResult* SerializedEFabricResult::deserialize(BufferedStream* stream, bool* ended) {
     bool whole = false;
@@ -106,13 +117,12 @@ bool SerializedEFabricResult::decode_ascii_stream(BufferedStream* stream, bool& 
         results::RecordLine const line(source);
         ended = line.is_empty_line();
         if (line.is_end()) return !source.overdrawn();
-        auto const* const token = std::find_if(std::begin(s_AsciiDecode), std::end(s_AsciiDecode),
-                                               [&](Token const& known) { return line.word == known.word; });
-        if (token == std::end(s_AsciiDecode)) {
+        auto const token = s_AsciiDecode.find(line.word);
+        if (token == s_AsciiDecode.end()) {
             results::ReportUnknownToken(__FILE__, __LINE__, line.word);
             return false;
         }
-        if (!(this->*token->handler)(source, line.text)) return false;
+        if (!(this->*token->second)(source, line.text)) return false;
     }
 }
 
@@ -126,6 +136,10 @@ bool SerializedEFabricResult::decode_modified(results::SerialSource& source, cha
 
 bool SerializedEFabricResult::decode_action(results::SerialSource& source, char const* text) {
     return results::decode(source, text, action);
+}
+
+bool SerializedEFabricResult::decode_master_action(results::SerialSource& source, char const* text) {
+    return decode_action(source, text);
 }
 
 bool SerializedEFabricResult::decode_infection_description(results::SerialSource& source, char const* text) {

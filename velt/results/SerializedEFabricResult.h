@@ -7,6 +7,7 @@
 
 #include <eFabric/Result.h>
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -30,7 +31,7 @@ public:
     static void serialize(BufferedStream* stream, char const* name, IKORScanPolContextElement const* element);
 
     // A verdict to a file, which is made or emptied, for all whom the umask lets: the caller's folder says who may see
-    // it. 0, or -1 and no file.
+    // it. 0, or -1: there is no file, or one of those lines that the spool had room for.
     static int dump(char const* path, IScanResultHandler const* handler);
 
     // A new verdict; a null stream gives the empty one. The end of the stream ends a verdict as its empty line does,
@@ -67,17 +68,16 @@ public:
     void const* GetPolicyStatement() const override { return nullptr; }
 
 private:
-    struct Token {
-        std::string_view word;
-        bool (SerializedEFabricResult::*handler)(results::SerialSource&, char const* text);
-    };
-    static Token const s_AsciiDecode[10];
+    friend struct MSRDecodeInit;  // fills the words that a line may begin with
+    using Handler = bool (SerializedEFabricResult::*)(results::SerialSource&, char const* text);
+    static std::map<std::string_view, Handler> s_AsciiDecode;
 
     SerializedEFabricResult() = default;
     bool decode_ascii_stream(BufferedStream* stream, bool& ended);
     bool decode_triggered(results::SerialSource& source, char const* text);
     bool decode_modified(results::SerialSource& source, char const* text);
     bool decode_action(results::SerialSource& source, char const* text);
+    bool decode_master_action(results::SerialSource& source, char const* text);
     bool decode_infection_description(results::SerialSource& source, char const* text);
     bool decode_infection_names(results::SerialSource& source, char const* text);
     bool decode_infected_components(results::SerialSource& source, char const* text);
