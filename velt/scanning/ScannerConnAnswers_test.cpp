@@ -317,11 +317,11 @@ TEST_F(RemoteScanAnswer, IsTheSameWhereverTheNetworkCutsIt) {
     for (std::size_t cut = 1; cut < answer.size(); cut += 3) {
         Converse(remote, {"C " + InLine(), ok, "C get scan\n\n", "S " + answer.substr(0, cut), "X pass",
                           "S " + answer.substr(cut)});
-        session.onCallback = nullptr;
-        remote.Pass();
+        Pause(remote);
         scanner.reset(ScannerConn::get(&context));
         scanner->dont_cache();
         EXPECT_EQ(Scan(), 0) << cut;
+        EXPECT_FALSE(IsPaused()) << cut;
         EXPECT_TRUE(output->result->IsTriggered());
         EXPECT_EQ(All(*output->output), "clean");
         DropScanner();

@@ -22,6 +22,7 @@ constexpr int kShortStepMs = 5;
 thread_local std::vector<std::string> t_sent;
 thread_local int t_steps = 0;
 thread_local velt_testing::ScannerPeer* t_stalling = nullptr;
+thread_local bool t_goesOn = false;
 
 // Whom nothing has come from by the time it is held says nothing before it is let go.
 int WaitForStall(pollfd* watched, nfds_t count) {
@@ -31,6 +32,7 @@ int WaitForStall(pollfd* watched, nfds_t count) {
         if (ready != 0) return ready;
         if (!held) continue;
         std::exchange(t_stalling, nullptr)->Pass();
+        if (t_goesOn) return __real_poll(watched, count, velt_testing::kPatienceSeconds * 1000);
         pollfd late = *watched;
         __real_poll(&late, 1, velt_testing::kPatienceSeconds * 1000);
         return 0;
@@ -61,7 +63,17 @@ std::vector<std::string> TakeSent() { return std::exchange(t_sent, {}); }
 
 int StepsOfASecond() { return t_steps; }
 
-void Stall(ScannerPeer& server) { t_stalling = &server; }
+void Stall(ScannerPeer& server) {
+    t_stalling = &server;
+    t_goesOn = false;
+}
+
+void Pause(ScannerPeer& server) {
+    t_stalling = &server;
+    t_goesOn = true;
+}
+
+bool IsPaused() { return t_stalling != nullptr; }
 
 unsigned long Counted(char const* name) { return QXStats::QXCounter(name).value(); }
 

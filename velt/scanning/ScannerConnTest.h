@@ -30,6 +30,10 @@ int StepsOfASecond();  // of waits that ran out, in this test
 // says then has come when the read is told.
 void Stall(ScannerPeer& server);
 
+// The same, but the read goes on with what the server says then.
+void Pause(ScannerPeer& server);
+bool IsPaused();  // nothing has waited for it yet
+
 unsigned long Counted(char const* name);
 
 class ItemSession : public WaitingSession {
