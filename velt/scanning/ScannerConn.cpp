@@ -201,12 +201,7 @@ int ScannerConn::SendScanRequest() {
     return read_answer(answer) && is_ok_response(answer) ? 0 : kFailed;
 }
 
-// What came unasked would be taken for the answer.
 bool ScannerConn::send_request(std::string const& block) {
-    if (scan_requests::IsOutOfStep(*stream)) {
-        report_failure(EPROTO);
-        return false;
-    }
     errno = 0;
     int const error = stream->write(block.data(), static_cast<unsigned>(block.size()));
     if (error != 0) report_failure(error > 0 ? error : errno);

@@ -91,6 +91,25 @@ TEST_F(RemoteSetup, TellsALocalServerTheSpoolFileAndSendsNoContent) {
     EXPECT_EQ(Scan(), 0);
 }
 
+// Neither in calls nor in bytes does it matter how much is behind the name.
+TEST_F(RemoteSetup, ByFileNameCostsTheSameWhateverTheSize) {
+    std::vector<std::size_t> lengths;
+    for (std::size_t const length : {100000u, 900000u}) {
+        FillSpool(length);
+        std::string const file = body->get_spool_file();
+        Converse(local, {"C " + SetupBlock("filename " + file + "\n") + "\r\n", std::string("S ") + kOk,
+                         std::string("C ") + kScan, "S " + Clean(), "X end"});
+        scanner.reset(ScannerConn::get(&context));
+        scanner->dont_cache();
+        EXPECT_EQ(Scan(), 0);
+        std::vector<std::string> const sent = TakeSent();
+        EXPECT_EQ(sent.size(), 3u) << "the block, the section and the scan";
+        lengths.push_back(0);
+        for (std::string const& one : sent) lengths.back() += one.size();
+    }
+    EXPECT_EQ(lengths[0], lengths[1]) << "both sizes have six digits";
+}
+
 TEST_F(RemoteSetup, SendsALocalServerInLineWhatLiesInMemory) {
     ASSERT_EQ(body->get_spool_file(), "");
     Converse(local, {"C " + InLine(), std::string("S ") + kOk, std::string("C ") + kScan, "S " + Clean()});
