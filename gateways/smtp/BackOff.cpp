@@ -64,7 +64,7 @@ void BackOff::Insist(std::string const& destination) {
 void BackOff::EndPause(std::string const& destination, std::time_t asked) {
     std::lock_guard const lock(m_mutex);
     auto const found = m_known.find(destination);
-    if (found != m_known.end() && found->second.from < asked) found->second.until = found->second.from;
+    if (found != m_known.end() && found->second.from <= asked) found->second.until = found->second.from;
 }
 
 // Those that set out together fail together: that is one failure.

@@ -69,7 +69,7 @@ TEST(BackOff, EndsAPauseForWhoeverAsksUnlessItWasTriedSince) {
     BackOff backOff(3);
     backOff.EndPause("a", 1000);
     backOff.Tell("a", Outcome::Failed, 1000, kLimits);
-    backOff.EndPause("a", 1000);
+    backOff.EndPause("a", 999);
     EXPECT_EQ(backOff.Ask("a", 1010), Answer::Rest);
     backOff.EndPause("a", 1005);
     EXPECT_EQ(backOff.Ask("a", 1010), Answer::Go);
