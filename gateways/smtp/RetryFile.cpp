@@ -11,6 +11,7 @@
 #include <filesystem>
 
 #include "BlockReader.h"
+#include "Disk.h"
 
 namespace smtp {
 namespace {
@@ -21,26 +22,6 @@ constexpr long kAhead = 60;      // seconds
 constexpr long kBehind = 86400;  // of the modification time; above every "NewFileDelta"
 constexpr std::chrono::hours kLongUnfinished{1};
 
-bool WriteAt(int fd, std::string_view bytes, std::uint64_t at) {
-    while (!bytes.empty()) {
-        ssize_t const count = ::pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(at));
-        if (count < 0 && errno == EINTR) continue;
-        if (count == 0) errno = ENOSPC;
-        if (count <= 0) return false;
-        bytes.remove_prefix(static_cast<std::size_t>(count));
-        at += static_cast<std::uint64_t>(count);
-    }
-    return true;
-}
-
-bool Flush(int fd) {
-    int result;
-    do {
-        result = ::fsync(fd);
-    } while (result != 0 && errno == EINTR);
-    return result == 0;
-}
-
 bool SetBehind(int fd) {
     timespec const times[2] = {{0, UTIME_OMIT}, {::time(nullptr) - kBehind, 0}};
     return ::futimens(fd, times) == 0;
@@ -49,16 +30,6 @@ bool SetBehind(int fd) {
 bool SetBehind(char const* path) {
     timespec const times[2] = {{0, UTIME_OMIT}, {::time(nullptr) - kBehind, 0}};
     return ::utimensat(AT_FDCWD, path, times, AT_SYMLINK_NOFOLLOW) == 0;
-}
-
-bool FlushDirectory(std::string const& directory) {
-    int const fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return false;
-    bool const flushed = Flush(fd);
-    int const error = errno;
-    ::close(fd);
-    errno = error;
-    return flushed;
 }
 
 // False: it is not there. A folder that is made is flushed into the one above it, or a loss of power would take it away
@@ -237,7 +208,7 @@ RetryFault RetryFile::ReadStatus() {
     return found ? RetryFault::None : RetryFault::StatusDamaged;
 }
 
-RetryFault RetryFile::ReadMessage(VELT::ScannerStream& out) {
+RetryFault RetryFile::ReadMessage(std::function<bool(std::string_view)> const& take) {
     std::uint32_t sum = 0;
     std::string block;
     for (std::uint64_t at = m_layout.message(); at < m_layout.end(); at += block.size()) {
@@ -246,11 +217,15 @@ RetryFault RetryFile::ReadMessage(VELT::ScannerStream& out) {
         }
         if (block.empty()) return RetryFault::Truncated;
         sum = Checksum(block, sum);
-        if (out.write(block.data(), static_cast<unsigned>(block.size())) != static_cast<long>(block.size())) {
-            return RetryFault::Unreadable;
-        }
+        if (!take(block)) return RetryFault::Unreadable;
     }
     return sum == m_layout.messageSum ? RetryFault::None : RetryFault::MessageDamaged;
+}
+
+RetryFault RetryFile::ReadMessage(VELT::ScannerStream& out) {
+    return ReadMessage([&](std::string_view block) {
+        return out.write(block.data(), static_cast<unsigned>(block.size())) == static_cast<long>(block.size());
+    });
 }
 
 // The slot that does not hold is written over. Until it is flushed the other one stands as the last word.
@@ -264,11 +239,22 @@ bool RetryFile::Note(RetryStatus status) {
 
 bool RetryFile::Rest() { return SetBehind(m_fd); }
 
+bool RetryFile::Wake() {
+    timespec const times[2] = {{0, UTIME_OMIT}, {0, UTIME_NOW}};
+    return ::futimens(m_fd, times) == 0;
+}
+
 bool RetryFile::IsStillNamed() const {
     struct stat own {};
     struct stat named {};
     return ::fstat(m_fd, &own) == 0 && ::lstat(m_path.c_str(), &named) == 0 && own.st_dev == named.st_dev &&
            own.st_ino == named.st_ino;
+}
+
+bool RetryFile::Move(std::string const& directory) {
+    if (!MoveFile(m_fd, m_path, directory)) return false;
+    m_path = directory + m_path.substr(m_path.rfind('/') + 1);
+    return true;
 }
 
 // A removal that is not flushed would come back with the machine, and the mail with it.

@@ -7,7 +7,9 @@
 #pragma once
 
 #include <ctime>
+#include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Message.h"
@@ -50,6 +52,8 @@ public:
 
     RetryFault Read();  // all but the message
     RetryFault ReadMessage(VELT::ScannerStream& out);
+    // Block by block, until `take` has had enough: that is Unreadable.
+    RetryFault ReadMessage(std::function<bool(std::string_view block)> const& take);
 
     std::string const& path() const { return m_path; }
     RetryEnvelope const& envelope() const { return m_envelope; }
@@ -60,6 +64,13 @@ public:
     void Skip(std::int64_t seconds) { m_status.skipped += seconds; }  // written with the next status
     bool Note(RetryStatus status);  // from now on this is how far it is; the sequence is counted here
     bool Rest();                    // not due before the retryer's interval has passed; nothing is flushed
+    bool Wake();                    // due at the next walk; nothing is flushed
+
+    bool IsStillNamed() const;  // and not another file in its place
+
+    // Moves the file into another directory, under its name; the lock goes along where both are of one file system. A
+    // file that has the name there already stays: EEXIST. False, with errno: it is where it was, or in both places.
+    bool Move(std::string const& directory);
 
     // Gone for good. True too where the path leads to another file by now, which is left alone.
     bool Remove();
@@ -67,7 +78,6 @@ public:
 private:
     bool ReadPart(std::uint64_t from, std::uint64_t length, std::string& out);
     RetryFault ReadStatus();
-    bool IsStillNamed() const;
 
     int m_fd;
     std::string m_path;
