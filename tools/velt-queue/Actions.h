@@ -1,0 +1,30 @@
+// What velt-queue does to a mail. Each works on a file that it has locked, so that no retryer and no other velt-queue
+// is at it, and each step is such that a mail is somewhere whole whenever the process ends. Thread: the main one.
+// Failure: a text that says what is wrong; the mail is then still in its queue.
+#pragma once
+
+#include <string>
+
+#include "tools/velt-queue/Mail.h"
+
+namespace velt_queue {
+
+// Empty: it is done.
+using Problem = std::string;
+
+// From now on it waits to be delivered: what is held by the quarantine goes into the deferred directory. A release that
+// was cut off is finished.
+Problem Release(Mail const& mail, Places const& places);
+
+// A retryer tries it at its next walk, whatever its own time and the pause of its destination.
+Problem Retry(Mail const& mail);
+
+Problem Delete(Mail const& mail);  // also a file that cannot be read
+
+// The message, block by block, to the standard output.
+Problem WriteBody(Mail const& mail);
+
+// Up to the first empty line, and not more than is good to look at.
+std::string HeaderOf(Mail const& mail);
+
+}  // namespace velt_queue

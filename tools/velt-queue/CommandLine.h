@@ -1,0 +1,33 @@
+// The command line of velt-queue. Value. A command line that makes no sense has a `problem`.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/velt-queue/Filter.h"
+#include "tools/velt-queue/Places.h"
+
+namespace velt_queue {
+
+enum class Command { List, Show, Release, Retry, Delete };
+
+struct Options {
+    bool help = false;
+    bool json = false;
+    bool body = false;
+    bool dryRun = false;
+    Command command = Command::List;
+    Configuration configuration;
+    std::optional<Queue> queue;
+    Filter filter;
+    std::vector<std::string> ids;
+    std::string problem;  // empty: none
+
+    // Whether mails of this queue are meant. What is chosen by a filter and then changed is of one queue.
+    bool concerns(Queue which) const;
+};
+
+Options ParseCommandLine(int argc, char** argv);
+
+}  // namespace velt_queue

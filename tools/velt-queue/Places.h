@@ -1,0 +1,36 @@
+// Places: the two directories that velt-queue works on, as the configuration of a gateway names them.
+// Value. Thread: the main one; the library is started for it and ended again.
+// Failure: Unusable, for a configuration that a gateway would not start with.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace velt_queue {
+
+struct Unusable : std::runtime_error {
+    using runtime_error::runtime_error;
+};
+
+enum class Queue { Deferred, Quarantine };
+
+char const* NameOf(Queue queue);
+
+struct Places {
+    std::string deferred;    // "/" at its end
+    std::string quarantine;  // the same
+    std::string relay;       // "host:port" of the server that takes all mail; empty: each domain has its own
+
+    std::string const& of(Queue queue) const { return queue == Queue::Deferred ? deferred : quarantine; }
+};
+
+// Which configuration is read; empty: as a gateway does without.
+struct Configuration {
+    std::string root;
+    std::string product;
+    std::string proxy;
+};
+
+Places ReadPlaces(Configuration const& configuration);
+
+}  // namespace velt_queue
