@@ -10,6 +10,7 @@ constexpr unsigned kMaxDoublings = 30;
 constexpr double kShortest = 0.75;
 constexpr double kSpread = 0.5;
 constexpr int kLessPatience = 5;                 // with a destination that failed: a part of the patience with others
+constexpr int kSilence = 6;                      // times the patience
 constexpr std::chrono::milliseconds kStep{200};  // how often a wait looks whether it is over
 
 }  // namespace
@@ -28,12 +29,39 @@ BackOff::Known& BackOff::Find(std::string const& destination) {
     return m_known[destination];
 }
 
-BackOff::Answer BackOff::Enter(Known& known, std::time_t now) const {
+void BackOff::Tries::Begin() {
+    if (underWay++ == 0) heard = Clock::now();
+}
+
+void BackOff::Tries::End() {
+    if (underWay) --underWay;
+    stalled = false;
+    heard = Clock::now();
+}
+
+bool BackOff::IsCrowded(Known const& known) const { return !known.reached && m_probes.underWay >= m_atOnce; }
+
+BackOff::Tries* BackOff::Full(Known& known) {
+    if (known.tries.underWay >= (known.reached ? m_atOnce : 1)) return &known.tries;
+    return IsCrowded(known) ? &m_probes : nullptr;
+}
+
+BackOff::Answer BackOff::Enter(Known& known, std::time_t now) {
     bool const pauses = known.failures && known.from <= now && now < known.until;  // a clock set back ends a pause
     if (pauses) return Answer::Rest;
-    if (known.underWay >= (known.reached ? m_atOnce : 1)) return Answer::Busy;
-    ++known.underWay;
+    if (Full(known)) return Answer::Busy;
+    known.tries.Begin();
+    if (known.reached) return Answer::Go;
+    ++known.probes;
+    m_probes.Begin();
     return Answer::Go;
+}
+
+bool BackOff::IsStalled(Known& known) { return Full(known)->stalled || (IsCrowded(known) && m_probes.stalled); }
+
+void BackOff::Stall(Known& known) {
+    Full(known)->stalled = true;
+    m_probes.stalled |= IsCrowded(known);
 }
 
 BackOff::Answer BackOff::Ask(std::string const& destination, std::time_t now) {
@@ -44,21 +72,24 @@ BackOff::Answer BackOff::Ask(std::string const& destination, std::time_t now) {
 BackOff::Answer BackOff::AskPatiently(std::string const& destination, std::chrono::milliseconds patience,
                                       std::function<bool()> const& stopped) {
     std::unique_lock lock(m_mutex);
-    auto const begin = std::chrono::steady_clock::now();
+    auto const begin = Clock::now();
     while (true) {
         Known& known = Find(destination);
         Answer const answer = Enter(known, std::time(nullptr));
-        if (answer != Answer::Busy || known.stalled || stopped()) return answer;
-        known.stalled =
-            std::chrono::steady_clock::now() - begin >= (known.failures ? patience / kLessPatience : patience);
-        if (known.stalled) return answer;
+        if (answer != Answer::Busy || stopped()) return answer;
+        auto const now = Clock::now();
+        if (IsStalled(known)) return now - Full(known)->heard < kSilence * patience ? Answer::Busy : Answer::Silent;
+        if (now - begin >= (known.failures ? patience / kLessPatience : patience)) {
+            Stall(known);
+            return answer;
+        }
         m_told.wait_until(lock, std::chrono::system_clock::now() + kStep);
     }
 }
 
 void BackOff::Insist(std::string const& destination) {
     std::lock_guard const lock(m_mutex);
-    ++Find(destination).underWay;
+    Find(destination).tries.Begin();
 }
 
 void BackOff::EndPause(std::string const& destination, std::time_t asked) {
@@ -72,8 +103,11 @@ void BackOff::Tell(std::string const& destination, Outcome outcome, std::time_t 
     double const random = Random();
     std::lock_guard const lock(m_mutex);
     Known& known = Find(destination);
-    if (known.underWay) --known.underWay;
-    known.stalled = false;
+    known.tries.End();
+    if (known.probes) {
+        --known.probes;
+        m_probes.End();
+    }
     m_told.notify_all();
     if (outcome == Outcome::Unknown) return;
     known.reached = outcome == Outcome::Reached;
@@ -92,10 +126,10 @@ double BackOff::Random() {
 // Tries that are under way are as few as there are threads.
 void BackOff::MakeRoom() {
     auto const oldest = std::min_element(m_known.begin(), m_known.end(), [](auto const& one, auto const& other) {
-        return std::pair(one.second.underWay != 0, one.second.from) <
-               std::pair(other.second.underWay != 0, other.second.from);
+        return std::pair(one.second.tries.underWay != 0, one.second.from) <
+               std::pair(other.second.tries.underWay != 0, other.second.from);
     });
-    if (oldest->second.underWay == 0) m_known.erase(oldest);
+    if (oldest->second.tries.underWay == 0) m_known.erase(oldest);
 }
 
 }  // namespace smtp

@@ -1,9 +1,10 @@
 // BackOff: which destinations of a retryer are not to be tried now.
 // A destination that could not be reached is left alone for a pause, which doubles with each failure in a row. One that
 // is not known to answer is tried by one mail at a time, and the others wait for what becomes of that; one that was
-// reached takes more at once, but not all threads: what does not answer holds up no mail for other destinations.
-// Owner: the process. Threads: any. Units: seconds, unless the type says more. Failure: none; of destinations it knows
-// a bounded number, and forgets the one of which nothing was heard for longest.
+// reached takes more at once. Neither it nor all those together that are not known to answer take all threads: what
+// does not answer holds up no mail for a destination that does. Owner: the process. Threads: any. Units: seconds,
+// unless the type says more. Failure: none; of destinations it knows a bounded number, and forgets the one of which
+// nothing was heard for longest.
 #pragma once
 
 #include <chrono>
@@ -29,9 +30,10 @@ std::time_t PauseAfter(unsigned failures, PauseLimits const& limits, double rand
 class BackOff {
 public:
     enum class Answer {
-        Go,    // try it, and say what became of that
-        Busy,  // others find out just now
-        Rest,  // not yet
+        Go,      // try it, and say what became of that
+        Busy,    // others find out just now
+        Silent,  // and that takes long
+        Rest,    // not yet
     };
     enum class Outcome {
         Reached,
@@ -39,12 +41,13 @@ public:
         Unknown,  // it was not tried after all
     };
 
-    explicit BackOff(unsigned atOnce) : m_atOnce(atOnce) {}  // tries of a destination that was reached
+    // Tries of a destination that was reached, and of all others together.
+    explicit BackOff(unsigned atOnce) : m_atOnce(atOnce) {}
 
     Answer Ask(std::string const& destination, std::time_t now);
     // Waits before it says Busy, until `stopped` or the patience is over, of which there is less for a destination that
     // failed. The first whose patience is over has waited for all: until something is heard of the destination nobody
-    // else waits.
+    // else waits; and once that has taken several times the patience, they are told so.
     Answer AskPatiently(std::string const& destination, std::chrono::milliseconds patience,
                         std::function<bool()> const& stopped);
     void Insist(std::string const& destination);                       // Go, whatever is known
@@ -54,22 +57,37 @@ public:
     double Random();  // 0 to 1
 
 private:
+    using Clock = std::chrono::steady_clock;
+
+    struct Tries {
+        unsigned underWay = 0;
+        bool stalled = false;       // somebody has waited in vain since one was over
+        Clock::time_point heard{};  // when one was over, or the only one began
+
+        void Begin();
+        void End();
+    };
     struct Known {
-        unsigned underWay = 0;  // tries
+        Tries tries;
+        unsigned probes = 0;    // of these, such as began before it was known to answer
         bool reached = false;   // by the last one of which it was told
-        bool stalled = false;   // somebody has waited in vain since then
         unsigned failures = 0;  // in a row
         std::time_t from = 0;   // when it was told, and the pause began
         std::time_t until = 0;  // when that ends
     };
     Known& Find(std::string const& destination);
-    Answer Enter(Known& known, std::time_t now) const;
+    bool IsCrowded(Known const& known) const;
+    Tries* Full(Known& known);  // what there are too many of for one more; or null
+    Answer Enter(Known& known, std::time_t now);
+    bool IsStalled(Known& known);
+    void Stall(Known& known);
     void MakeRoom();
 
     unsigned const m_atOnce;
     std::mutex m_mutex;
     std::condition_variable m_told;
     std::map<std::string, Known> m_known;
+    Tries m_probes;  // of all destinations
     std::minstd_rand m_random{std::random_device{}()};
 };
 

@@ -58,6 +58,21 @@ TEST(BackOff, LetsOneTryAfterThePauseAndTheOthersWaitForIt) {
     for (int i = 0; i < 3; ++i) EXPECT_EQ(backOff.Ask("a", 1127), Answer::Go);
 }
 
+TEST(BackOff, LeavesRoomForDestinationsThatAnswerBesideAllOthersTogether) {
+    BackOff backOff(2);
+    EXPECT_EQ(backOff.Ask("answers", 1000), Answer::Go);
+    backOff.Tell("answers", Outcome::Reached, 1000, kLimits);
+    EXPECT_EQ(backOff.Ask("a", 1000), Answer::Go);
+    EXPECT_EQ(backOff.Ask("b", 1000), Answer::Go);
+    EXPECT_EQ(backOff.Ask("c", 1000), Answer::Busy);
+    EXPECT_EQ(backOff.Ask("answers", 1000), Answer::Go);
+    backOff.Tell("a", Outcome::Failed, 1000, kLimits);
+    EXPECT_EQ(backOff.Ask("c", 1000), Answer::Go);
+    backOff.Tell("b", Outcome::Reached, 1000, kLimits);
+    EXPECT_EQ(backOff.Ask("d", 1000), Answer::Go);
+    EXPECT_EQ(backOff.Ask("e", 1000), Answer::Busy);
+}
+
 TEST(BackOff, GoesWhereSomebodyInsistsAndCountsThat) {
     BackOff backOff(3);
     backOff.Tell("a", Outcome::Failed, 1000, kLimits);
@@ -100,6 +115,24 @@ TEST(BackOffPatience, OfTheFirstIsThatOfAllUntilSomethingIsHeard) {
     EXPECT_EQ(backOff.AskPatiently("a", 600s, Never), Answer::Busy) << "at once";
     backOff.Tell("a", Outcome::Unknown, 1000, kLimits);
     EXPECT_EQ(backOff.AskPatiently("a", 600s, Never), Answer::Go);
+}
+
+TEST(BackOffPatience, WithAllUnknownOnesTogetherIsThatOfAllToo) {
+    BackOff backOff(1);
+    ASSERT_EQ(backOff.Ask("a", 1000), Answer::Go);
+    EXPECT_EQ(backOff.AskPatiently("b", 1ms, Never), Answer::Busy);
+    EXPECT_EQ(backOff.AskPatiently("c", 600s, Never), Answer::Busy) << "at once";
+    EXPECT_EQ(backOff.AskPatiently("a", 600s, Never), Answer::Busy) << "at once";
+    backOff.Tell("a", Outcome::Reached, 1000, kLimits);
+    EXPECT_EQ(backOff.AskPatiently("c", 600s, Never), Answer::Go);
+}
+
+TEST(BackOffPatience, ThatIsOverForLongIsSilence) {
+    BackOff backOff(1);
+    ASSERT_EQ(backOff.Ask("a", 1000), Answer::Go);
+    EXPECT_EQ(backOff.AskPatiently("a", 1ms, Never), Answer::Busy);
+    EXPECT_EQ(backOff.AskPatiently("a", 1ms, Never), Answer::Silent) << "a step of the wait is long enough";
+    EXPECT_EQ(backOff.AskPatiently("a", 600s, Never), Answer::Busy) << "of longer patience";
 }
 
 TEST(BackOffPatience, IsLessWithADestinationThatFailed) {

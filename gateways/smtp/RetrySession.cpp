@@ -206,7 +206,8 @@ void RetrySession::Decide() {
     BackOff::Answer const answer = forced ? BackOff::Answer::Go : attempt.Ask();
     if (answer == BackOff::Answer::Go) return Try(attempt);
     if (answer == BackOff::Answer::Busy) return;  // what becomes of that decides at the next walk
-    if (IsTooOld() && status.tries) return GiveUpUntried();
+    bool const pauses = answer == BackOff::Answer::Rest;
+    if (pauses && IsTooOld() && status.tries) return GiveUpUntried();
     m_file.Rest();
 }
 

@@ -11,6 +11,7 @@ from rmd_files import rmd
 DEAD = 200  # mails to the one that does not answer
 SOON = 12.0  # seconds, of which five are the patience with that one
 THREADS = 3
+FEW_THREADS = {"ScanInterval": 1, "MaxConncurrent": THREADS}
 PATIENT_WITH_SERVERS = {f"Upstream{stage}Timeout": 600 for stage in ("Greeting", "Command", "Data", "Block", "Final")}
 
 
@@ -28,10 +29,10 @@ class DeadServers(DeferredCase):
             path.unlink()
         self.fail("no name comes last")
 
-    def fill(self, dead):
+    def fill(self, *dead):
         self.directory.mkdir(parents=True, exist_ok=True)
         for number in range(DEAD):
-            self.write(f"dead{number}", dead.port)
+            self.write(f"dead{number}", dead[number % len(dead)].port)
         self.put_last("live", self.sink.port)
 
     def another_sink(self):
@@ -39,17 +40,25 @@ class DeadServers(DeferredCase):
         self.addCleanup(made.close)
         return made
 
-    def assert_live_one_arrives(self, dead, at_once):
-        """Soon, while so many mails ask the dead one."""
-        begin = time.monotonic()
-        self.sink.wait_messages(1, 60)
-        after = time.monotonic() - begin
-        print(f"\nbehind {DEAD} mails to a server that does not answer: after {after:.1f} s, {len(dead.open)} at once ask it",
+    def assert_live_one_arrives(self, at_once, *dead):
+        """Soon, while so many mails ask the dead ones."""
+        had, begin = len(self.sink.messages), time.monotonic()
+        self.sink.wait_messages(had + 1, 60)
+        after, asking = time.monotonic() - begin, sum(len(one.open) for one in dead)
+        print(f"\nbehind {DEAD} mails to {len(dead)} that do not answer: after {after:.1f} s, {asking} at once ask them",
               flush=True)
         self.assertLess(after, harness.bound(SOON))
-        self.assertEqual(len(dead.open), at_once)
+        self.assertEqual(asking, at_once)
         harness.wait_until(lambda: len(self.waiting()) == DEAD, "the end of its file")
-        dead.close()
+        for one in dead:
+            one.close()
+
+    def deliver_one(self, sink):
+        """It is known to answer then."""
+        self.directory.mkdir(parents=True, exist_ok=True)
+        self.write("early", sink.port)
+        sink.wait_messages(1)
+        self.wait_empty()
 
     def test_mail_is_not_held_up_behind_a_server_that_does_not_answer(self):
         self.begin(smtp=PATIENT_WITH_SERVERS)
@@ -57,19 +66,26 @@ class DeadServers(DeferredCase):
         dead.fault = "stall-at-greeting"
         self.fill(dead)
         self.retryer()
-        self.assert_live_one_arrives(dead, 1)
+        self.assert_live_one_arrives(1, dead)
 
     def test_mail_is_not_held_up_behind_a_server_that_answers_no_longer(self):
-        self.begin(smtp=PATIENT_WITH_SERVERS, smtpretryer={"ScanInterval": 1, "MaxConncurrent": THREADS})
+        self.begin(smtp=PATIENT_WITH_SERVERS, smtpretryer=FEW_THREADS)
         dead = self.another_sink()
         self.retryer()
-        self.directory.mkdir(parents=True, exist_ok=True)
-        self.write("early", dead.port)
-        dead.wait_messages(1)
-        self.wait_empty()
+        self.deliver_one(dead)
         dead.fault = "stall-at-greeting"
         self.fill(dead)
-        self.assert_live_one_arrives(dead, THREADS - 1)
+        self.assert_live_one_arrives(THREADS - 1, dead)
+
+    def test_mail_is_not_held_up_behind_many_servers_that_do_not_answer(self):
+        self.begin(smtp=PATIENT_WITH_SERVERS, smtpretryer=FEW_THREADS)
+        dead = [self.another_sink() for _ in range(4 * THREADS)]
+        for one in dead:
+            one.fault = "stall-at-greeting"
+        self.retryer()
+        self.deliver_one(self.sink)
+        self.fill(*dead)
+        self.assert_live_one_arrives(THREADS - 1, *dead)
 
 
 if __name__ == "__main__":
