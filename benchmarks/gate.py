@@ -33,6 +33,7 @@ ROWS = [
     ("identities_bench", "Pattern_manyStars", "Pattern_manyStarsExpression", 0.1, "the time of pattern times text"),
     ("scanning_bench", "Scan_enginesOff/4096", "Scan_spool/4096", 50.0, "15000 ns above reading and copying the content"),
     ("retry_bench", "Walk_noneDue", "Walk_bare", 0.8, "15000 ns a file; each opened, looked at and locked"),
+    ("remote_bench", "Remote_item", "Remote_plainExchange", 1.8, "50000 ns; the same bytes over a plain socket"),
     ("pool_bench", "BM_Pool/4", "BM_PlainQueue/4", 3.0, "1.3 times a mutex-and-condition queue"),
 ]
 REPETITIONS = 20  # in turn, so that a busy moment of the machine meets all of them
