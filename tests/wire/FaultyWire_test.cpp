@@ -13,7 +13,7 @@
 namespace velt_wire {
 namespace {
 
-constexpr auto kLongest = std::chrono::seconds(8);
+constexpr auto kLongest = std::chrono::seconds(15);
 
 // What comes of it: the result of the scan, and the reason of its event. 0: none.
 struct End {

@@ -58,7 +58,7 @@ thread_local Script* t_script = nullptr;
 
 constexpr int kStepMs = 1000;  // of the wait for the answer to a scan, and of nothing else
 constexpr int kShortStepMs = 20;
-constexpr int kQuietSteps = 15;  // behind a break, until a wait is over
+constexpr int kQuietSteps = 25;  // behind a break, until a wait is over
 thread_local std::function<bool()> const* t_hasBroken = nullptr;
 
 int PollHastened(pollfd* watched, nfds_t count, int timeout_ms) {
