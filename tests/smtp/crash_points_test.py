@@ -1,6 +1,7 @@
 """Every call that changes what is on disk may be the last one of its process, or fail: what was told 250 arrives, none
 twice but those whose answer was lost, which are counted, and nothing is left once it was swept."""
 import contextlib
+import random
 import time
 import unittest
 
@@ -11,6 +12,7 @@ from deferred_case import STORE_FAILED
 from smtp_case import BOARD, DEFERRED, NOTIFIED, PHRASE, RULE_HIT, SENDER, STAFF, body
 
 LEAST = 6  # calls of the smallest of these
+NEVER = 1 << 40  # a call that nobody comes to
 
 
 class Keeping(CrashCase):
@@ -77,17 +79,26 @@ class Failing(CrashCase):
 
 
 class Retrying(CrashCase):
+    def die_again(self, chance):
+        """The next pass dies, too, in one of its calls."""
+        was_hit = self.was_hit()
+        self.arm(chance.randint(1, LEAST))
+        self.one_pass(self.dying)
+        self.arm(0 if was_hit else NEVER)
+
     def sweep(self, owed, told=(), replies=None, later=None, greeting=None):
         """A pass of the retryer that dies in each of its calls, while the next server answers with `replies`; then what
         the next start makes of it, with the answers `later`."""
         self.begin()
-        waiting, usual = self.kept([*owed, *told]), self.sink.greeting
+        waiting, usual, chance = self.kept([*owed, *told]), self.sink.greeting, random.Random(1)
 
         def act():
             self.lay(waiting)
             self.mark()
             self.sink.replies, self.sink.greeting = replies or {}, greeting or usual
             self.one_pass(self.dying)
+            if harness.FULL:
+                self.die_again(chance)
             self.sink.replies, self.sink.greeting = later or {}, usual
             self.recover()
             self.judge(owed, told)
