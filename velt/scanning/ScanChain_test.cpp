@@ -61,27 +61,35 @@ TEST_F(ScanChainChoice, WithNoScannerProcessesAnyConfiguredStackWillDo) {
 }
 
 TEST_F(ScanChainChoice, TheLeastStackForEnginesIsHalfAMebibyte) {
-    world.proxy().m_handlerStackSize = kLeastStack;
-    ScannerInline::initialise(nullptr);
-    EXPECT_TRUE(ScansInline());
-    world.proxy().m_handlerStackSize = 0;
-    ScannerInline::initialise(nullptr);
-    EXPECT_TRUE(ScansInline());
-    world.proxy().m_handlerStackSize = kLeastStack - 1;
-    ScannerInline::initialise(nullptr);
-    EXPECT_FALSE(ScansInline());
+    EXPECT_EQ(StatusOfChild([&] {  // there is no way back within a process
+                  world.proxy().m_handlerStackSize = kLeastStack;
+                  ScannerInline::initialise(nullptr);
+                  EXPECT_TRUE(ScansInline());
+                  world.proxy().m_handlerStackSize = 0;
+                  ScannerInline::initialise(nullptr);
+                  EXPECT_TRUE(ScansInline());
+                  world.proxy().m_handlerStackSize = kLeastStack - 1;
+                  ScannerInline::initialise(nullptr);
+                  EXPECT_FALSE(ScansInline());
+                  return HasFailure() ? 1 : 0;
+              }),
+              0);
 }
 
 TEST_F(ScanChainChoice, IsMadeForEachItemAndKeptForIt) {
-    Initialise(0);
-    std::unique_ptr<Scanner> const before(Scanner::get(&context));
-    ScannerInline::disable();
-    std::unique_ptr<Scanner> const after(Scanner::get(&context));
-    unsigned count = 7;
-    EXPECT_EQ(before->setup_scan(count), 0);
-    EXPECT_EQ(after->setup_scan(count), -1);
-    EXPECT_EQ(count, 0u);
-    EXPECT_FALSE(after->is_streaming_media());
+    EXPECT_EQ(StatusOfChild([&] {  // there is no way back within a process
+                  Initialise(0);
+                  std::unique_ptr<Scanner> const before(Scanner::get(&context));
+                  ScannerInline::disable();
+                  std::unique_ptr<Scanner> const after(Scanner::get(&context));
+                  unsigned count = 7;
+                  EXPECT_EQ(before->setup_scan(count), 0);
+                  EXPECT_EQ(after->setup_scan(count), -1);
+                  EXPECT_EQ(count, 0u);
+                  EXPECT_FALSE(after->is_streaming_media());
+                  return HasFailure() ? 1 : 0;
+              }),
+              0);
 }
 
 TEST_F(ScanChainStart, IsForEveryProcessButTheParentOfAForkedModel) {

@@ -5,11 +5,14 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 
+#include "testing/Child.h"
 #include "testing/ScriptedFramework.h"
 #include "testing/ScriptedStream.h"
 #include "testing/SessionWorld.h"
@@ -23,11 +26,17 @@ using namespace velt_testing;
 
 namespace {
 
-unsigned long Counter(char const* name) { return QXStats::QXCounter(name).value(); }
+// Those of the process, from the start of the test on.
+std::map<std::string, unsigned long> s_before;
+unsigned long Counter(char const* name) { return QXStats::QXCounter(name).value() - s_before[name]; }
 
 class ScanTest : public testing::Test {
 protected:
     ScanTest() {
+        s_before.clear();
+        for (char const* const name : {"scanner.efabric.scans", "scanner.inline.scans", "scanner.null.scans"})
+            s_before[name] = Counter(name);
+        script.bag.clear();
         world.proxy().SetProxyName("gateway");
         world.proxy().m_handlerStackSize = 128;
         loaded = EFabricScanAgent::load(world.root() / "config/product.xml", "gateway", false, "engine.xml");
@@ -43,6 +52,7 @@ protected:
         delete output;
         script.scan = nullptr;
         script.giveLoader = script.initialises = script.giveThread = script.giveObject = true;
+        script.takesPolicy = script.settingOn = true;
     }
 
     InternedString Intern(char const* text) {
@@ -97,21 +107,29 @@ TEST_F(ScanChain, AnIndexBeyondTheIdentitiesIsRefusedBeforeAnythingIsAsked) {
 }
 
 TEST_F(ScanChain, EndsAtTheNullScannerWhichScansNothingAndSaysSo) {
-    ScannerInline::disable();
-    std::unique_ptr<Scanner> const scanner(Scanner::get(&context));
-    unsigned count = 7;
-    EXPECT_EQ(scanner->setup_scan(count), -1);
-    EXPECT_EQ(count, 0u);
-    EXPECT_EQ(scanner->scan(0, output, false), -1);
-    EXPECT_EQ(output, nullptr);
-    EXPECT_EQ(Counter("scanner.null.scans"), 1u);
+    EXPECT_EQ(StatusOfChild([&] {  // there is no way back within a process
+                  ScannerInline::disable();
+                  std::unique_ptr<Scanner> const scanner(Scanner::get(&context));
+                  unsigned count = 7;
+                  EXPECT_EQ(scanner->setup_scan(count), -1);
+                  EXPECT_EQ(count, 0u);
+                  EXPECT_EQ(scanner->scan(0, output, false), -1);
+                  EXPECT_EQ(output, nullptr);
+                  EXPECT_EQ(Counter("scanner.null.scans"), 1u);
+                  return HasFailure() ? 1 : 0;
+              }),
+              0);
 }
 
 TEST_F(ScanChain, TheStackSizeIsTheSystemsSoEnginesMayRun) {
-    EXPECT_EQ(world.proxy().m_handlerStackSize, 0u);
-    world.proxy().m_handlerStackSize = 0x7ffff;
-    ScannerInline::initialise(&world.proxy().m_config);
-    EXPECT_EQ(ScannerInline::get(&context), nullptr);
+    EXPECT_EQ(StatusOfChild([&] {  // there is no way back within a process
+                  EXPECT_EQ(world.proxy().m_handlerStackSize, 0u);
+                  world.proxy().m_handlerStackSize = 0x7ffff;
+                  ScannerInline::initialise(&world.proxy().m_config);
+                  EXPECT_EQ(ScannerInline::get(&context), nullptr);
+                  return HasFailure() ? 1 : 0;
+              }),
+              0);
 }
 
 TEST_F(ScanChain, AnAgentThatCannotSetUpLeavesNothingToRun) {
@@ -229,10 +247,13 @@ TEST(EngineAdapterLoad, FailsWithoutALoaderOrWhenItDoesNotInitialise) {
 // --- One scan ---
 
 TEST_F(EngineAdapter, SetsThePolicyOncePerThreadForScansOfOnePolicy) {
-    context.policy = Intern("content_out");
-    EXPECT_EQ(CallsOf(0, false), (std::vector<std::string>{"thread content_in", "time source", "policy content_out",
-                                                           "object staff", "scan"}));
-    EXPECT_EQ(CallsOf(1, false), (std::vector<std::string>{"release object", "object null", "scan"}));
+    std::thread([&] {  // a new one, which no test before has used
+        context.policy = Intern("content_out");
+        EXPECT_EQ(CallsOf(0, false), (std::vector<std::string>{"thread content_in", "time source", "policy content_out",
+                                                               "object staff", "scan"}));
+        EXPECT_EQ(CallsOf(1, false), (std::vector<std::string>{"release object", "object null", "scan"}));
+    })
+        .join();
 }
 
 TEST_F(EngineAdapter, AFallbackScanRunsTheAntiVirusEngineAloneAndTheNextScanAllAgain) {
