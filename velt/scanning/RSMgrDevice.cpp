@@ -19,24 +19,24 @@ constexpr int kFirstHighDescriptor = 1024;
 
 bool DeviceIsThere() { return ::access(kControlDevice, F_OK) == 0; }
 
-int Open(char const* path) {
+int OpenNode(char const* path) {
     int const fd = ::open(path, O_RDONLY | O_CLOEXEC);
     return fd < 0 ? fd : MoveUp(fd);
 }
 
-int OpenControl() { return Open(kControlDevice); }
+int OpenControlDevice() { return OpenNode(kControlDevice); }
 
-int OpenResource(int resource) {
+int OpenResourceDevice(int resource) {
     char path[32];
     std::snprintf(path, sizeof path, "/dev/qxrmgr%d", resource);
-    return Open(path);
+    return OpenNode(path);
 }
 
 int AskDevice(int handle, Request request, void* argument) { return ::ioctl(handle, request, argument); }
 
 bool DeviceIsActive() {
     if (::access(kManagerEntry, R_OK) != 0) return false;
-    int const handle = OpenControl();
+    int const handle = OpenControlDevice();
     if (handle < 0) return false;
     bool const active = AskDevice(handle, kServersInUse, nullptr) > 0;
     ::close(handle);
@@ -58,6 +58,7 @@ int MoveUp(int fd) {
     return moved;
 }
 
-Backend const g_device{DeviceIsThere, OpenControl, OpenResource, AskDevice, DeviceIsActive, ReadDeviceSettings};
+Backend const g_device{DeviceIsThere, OpenControlDevice, OpenResourceDevice,
+                       AskDevice,     DeviceIsActive,    ReadDeviceSettings};
 
 }  // namespace VELT::manager
