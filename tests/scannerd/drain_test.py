@@ -44,6 +44,19 @@ class Draining(ScannerdCase):
         self.assertEqual(parked[2].state(b"get wakeup\n\n"), "OK")
         self.assertEqual(self.counters()["parked.ended"], 1)
 
+    def test_a_connection_that_is_parked_makes_room_for_a_client_that_waits_already(self):
+        self.begin(scannerd={"ParkTimeout": 3600}, network={"MaxConnections": 1}, process={"PermThreads": 1})
+        busy = self.client()
+        busy.item(mail())
+        waiting = self.client()
+        waiting.send(set_up(mail(EICAR)))
+        harness.wait_until(lambda: self.all_counters()["connections.queued"] == 2, "a client that waits for a thread")
+        busy.send(b"get stasis\n\n")
+        self.assertEqual(waiting.read_headers()["State"], "OK")
+        self.assertTrue(waiting.verdict(scan()).triggered)
+        self.assertTrue(busy.is_closed())
+        self.assertEqual(self.counters()["parked.ended"], 1)
+
     def test_a_worker_that_drains_has_a_successor(self):
         self.begin()
         client = self.client()

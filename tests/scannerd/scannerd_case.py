@@ -206,11 +206,15 @@ class ScannerdCase(harness.DaemonCase):
         path.chmod(0o600)
         return path
 
-    def counters(self):
+    def all_counters(self):
         shown = subprocess.run([os.environ["VELT_COUNTERS"], self.proxy], capture_output=True, text=True, check=True,
                                env={**os.environ, "VELT_ROOT": str(self.root.path)}).stdout
-        found = (line.split() for line in shown.splitlines() if line.startswith("scannerd."))
-        return {name.removeprefix("scannerd."): int(number) for name, number in found}
+        return {name: int(number) for name, number in (line.rsplit(None, 1) for line in shown.splitlines())}
+
+    def counters(self):
+        """The daemon's own."""
+        return {name.removeprefix("scannerd."): number for name, number in self.all_counters().items()
+                if name.startswith("scannerd.")}
 
     def spool_files(self):
         folder = self.root.path / "scandir" / self.proxy

@@ -63,6 +63,12 @@ ParkingLot& Parked() {
     return lot;
 }
 
+// A session that finds no thread has one of those who only wait. It may have come before the first of them parked.
+void GiveThread() {
+    VELT::Proxy const* const proxy = VELT::Proxy::s_pProxyInstance;
+    if (s_alive > (proxy ? proxy->m_maxConnections : 1) && Parked().MakeRoom()) ++Count().parkedEnded;
+}
+
 KORlog::InfoBag ProcessNumber() { return KORlog::InfoBag(names::PROCESS(::getpid())); }
 
 // A scan client's first word is "get", a monitor's "GET".
@@ -74,10 +80,9 @@ bool SpeaksHttp(int fd) {
 
 }  // namespace
 
-// A session that would find no thread has one of those who only wait.
 ScannerdSession::ScannerdSession() {
-    VELT::Proxy const* const proxy = VELT::Proxy::s_pProxyInstance;
-    if (++s_alive > (proxy ? proxy->m_maxConnections : 1) && Parked().MakeRoom()) ++Count().parkedEnded;
+    ++s_alive;
+    GiveThread();
 }
 
 ScannerdSession::~ScannerdSession() { --s_alive; }
@@ -142,7 +147,10 @@ void ScannerdSession::Tell(Trouble trouble, std::string const& why) {
 void ScannerdSession::Note(Step step) {
     m_items += step == Step::ItemTaken;
     m_scans += step == Step::ScanAsked;
-    if (step == Step::Parked) Parked().Enter(m_source.m_stream->GetSocket());
+    if (step == Step::Parked) {
+        Parked().Enter(m_source.m_stream->GetSocket());
+        GiveThread();
+    }
     if (step == Step::WokenUp) Parked().Leave(m_source.m_stream->GetSocket());
     for (StepRow const& row : kSteps) {
         if (row.step == step) ++(Count().*row.counter);
