@@ -32,7 +32,7 @@ class Draining(ScannerdCase):
         self.wait_all_gone()
 
     def test_a_parked_connection_makes_room_for_a_client(self):
-        self.begin(scannerd={"ParkTimeout": 3600}, network={"MaxConnections": 3})
+        self.begin(scannerd={"ParkTimeout": 3600}, network={"MaxConnections": 3}, process={"PermThreads": 1})
         parked = [self.client() for _ in range(3)]
         for client in parked:
             client.item(mail())
@@ -56,6 +56,16 @@ class Draining(ScannerdCase):
         self.assertTrue(waiting.verdict(scan()).triggered)
         self.assertTrue(busy.is_closed())
         self.assertEqual(self.counters()["parked.ended"], 1)
+
+    def test_no_connection_is_ended_for_a_client_that_finds_a_thread(self):
+        self.begin(scannerd={"ParkTimeout": 3600}, network={"MaxConnections": 1}, process={"PermThreads": 4})
+        parked = [self.client() for _ in range(4)]
+        for client in parked:
+            client.item(mail())
+            self.assertEqual(client.state(b"get stasis\n\n"), "OK")
+        for client in parked:
+            self.assertEqual(client.state(b"get wakeup\n\n"), "OK")
+        self.assertEqual(self.counters()["parked.ended"], 0)
 
     def test_a_worker_that_drains_has_a_successor(self):
         self.begin()

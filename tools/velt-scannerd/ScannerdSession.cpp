@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <exception>
 
@@ -63,10 +64,14 @@ ParkingLot& Parked() {
     return lot;
 }
 
+unsigned MostThreads() {
+    VELT::Proxy const* const proxy = VELT::Proxy::s_pProxyInstance;
+    return proxy ? std::max(proxy->m_maxConnections, proxy->m_permThreads) : 1;
+}
+
 // A session that finds no thread has one of those who only wait. It may have come before the first of them parked.
 void GiveThread() {
-    VELT::Proxy const* const proxy = VELT::Proxy::s_pProxyInstance;
-    if (s_alive > (proxy ? proxy->m_maxConnections : 1) && Parked().MakeRoom()) ++Count().parkedEnded;
+    if (s_alive > MostThreads() && Parked().MakeRoom()) ++Count().parkedEnded;
 }
 
 KORlog::InfoBag ProcessNumber() { return KORlog::InfoBag(names::PROCESS(::getpid())); }
