@@ -214,7 +214,7 @@ void RetrySession::Decide() {
 void RetrySession::Try(Attempt& attempt) {
     ++Count().retries;
     m_file.Rest();  // should this try end the process, the next one is not at once
-    m_message.spool = std::make_unique<VELT::ScannerStream>(m_id + ".retry", false);
+    m_message.spool = std::make_unique<VELT::ScannerStream>(m_name + ".retry", false);
     errno = 0;
     RetryFault const fault = m_file.ReadMessage(*m_message.spool);
     if (fault != RetryFault::None) return ReportDamaged(fault);
@@ -318,7 +318,7 @@ void RetrySession::Settle(std::vector<RecipientFate> fates) {
 
 // Nothing was tried now, as the destination rests: what the last try said holds.
 void RetrySession::GiveUpUntried() {
-    m_message.spool = std::make_unique<VELT::ScannerStream>(m_id + ".retry", false);
+    m_message.spool = std::make_unique<VELT::ScannerStream>(m_name + ".retry", false);
     RetryFault const fault = m_file.ReadMessage(*m_message.spool);
     if (fault != RetryFault::None) return ReportDamaged(fault);
     RecipientFate fate;

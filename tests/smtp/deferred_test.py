@@ -2,6 +2,7 @@
 import os
 import re
 import stat
+import threading
 import time
 import unittest
 
@@ -447,6 +448,27 @@ class TwoContents(DeferredCase):
                          [STAFF.encode(), BOARD.encode()])
         self.assertEqual(len({message_id(one.content) for one in reports}), 2)
         self.wait_empty()
+
+    def test_each_content_arrives_as_it_was_kept_when_both_are_tried_at_once(self):
+        self.begin(scanning={"MaxScanMem": 1})
+        self.provokes(RULE_HIT)
+        self.sink.replies = {"MAIL": "451 4.3.2 later"}
+        filler = b"".join(b"X-Filler: %04d " % line + b"x" * 60 + b"\r\n" for line in range(200))
+        self.assertRegex(self.client().mail(filler + body(PHRASE), [STAFF, BOARD]), r"^250 ")
+        kept = {name: (self.directory / name).read_bytes() for name in self.waiting()}
+        messages = sorted(one[-int(one[32:52]):] for one in kept.values())
+        self.assertEqual(len(messages), 2)
+        self.retryer()
+        self.wait_tries(2)  # the server is known to answer: it is not tried by one at a time
+        both, tries = threading.Barrier(2), []
+
+        def answer(_):
+            tries.append(both.wait(harness.LIMIT))
+            return "354 go on"
+        self.sink.replies = {"DATA": answer}
+        self.assertEqual(sorted(one.content for one in self.sink.wait_messages(2)), messages)
+        self.wait_empty()
+        self.assertEqual(len(tries), 2)
 
 
 if __name__ == "__main__":
