@@ -261,9 +261,11 @@ std::vector<Verdict> RetrySession::ScanAgain() {
     return verdicts;
 }
 
-// What cannot be put into quarantine waits on here.
+// What cannot be put into quarantine waits on here. What another try put there for recipients that are done with stays.
 void RetrySession::Hold(std::vector<Verdict>& verdicts) {
-    if (Quarantine(From(), m_name + ".later").Keep(m_message, verdicts)) return;
+    std::size_t const done = m_file.envelope().recipients.size() - m_waiting.size();
+    std::string const name = m_name + ".later" + std::to_string(done);
+    if (Quarantine(From(), name).Keep(m_message, verdicts)) return;
     for (Verdict& verdict : verdicts) {
         if (verdict.quarantine) verdict.fate = Verdict::Fate::Defer;
     }

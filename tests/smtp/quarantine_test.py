@@ -1,4 +1,5 @@
 """Mail that policy says to keep: it goes into quarantine with its verdict, and what else is in the message goes on."""
+import re
 import stat
 import unittest
 
@@ -158,8 +159,33 @@ class Retryer(DeferredCase):
         self.back()
         self.retryer()
         self.wait_empty()
-        self.assertEqual(self.held(), [name.replace(".rmd", ".later.q1.rmd")])
+        self.assertEqual(self.held(), [name.replace(".rmd", ".later0.q1.rmd")])
         self.assertEqual(self.sink.messages, [])
+
+    def test_mail_that_is_found_for_one_recipient_after_the_other_is_held_for_both(self):
+        self.begin()
+        self.provokes(RULE_HIT, QUARANTINED)
+        self.away()
+        client = self.client()
+        self.assertRegex(client.mail(body("hello"), [STAFF, BOARD]), r"^250 ")
+        client.close()
+        (name,) = self.waiting()
+        self.stop(self.gateway)
+        self.rewrite(self.directory / name, rb"^engines .*$", lambda old: b"engines " + b"x" * (len(old[0]) - 8))
+        rules = self.root.path / "config/qxxmlconf/rules.xml"
+        rules.write_text(rules.read_text().replace(f'match="{PHRASE}"', 'match="hello"'))
+        self.back()
+        self.sink.replies = {"MAIL": "451 4.3.2 later"}
+        first = self.retryer()
+        self.wait_tries()
+        self.stop(first)
+        self.assertEqual(len(self.held()), 1)
+        rules.write_text(rules.read_text().replace('<set name="Enabled">false</set>', ""))
+        self.retryer()
+        self.wait_empty()
+        files = [(self.quarantine / one).read_bytes() for one in self.held()]
+        found = [re.findall(rb"^recipient (\S+)", one, re.MULTILINE) for one in files]
+        self.assertEqual(sorted(found), [[STAFF.encode()], [BOARD.encode()]])
 
     def test_mail_that_a_retryer_cannot_put_into_quarantine_waits_on(self):
         self.begin()
