@@ -25,8 +25,10 @@ public:
     explicit WatchThread(std::string directory) : m_directory(std::move(directory)) {}
     void ThreadMain() override {
         timespec const pause{1, 0};
-        for (ClockWatch watch;; ::nanosleep(&pause, nullptr)) {
-            if (watch.WasSetBack(std::time(nullptr), SecondsOf(CLOCK_BOOTTIME))) RestFromNow(m_directory);
+        ClockWatch watch;
+        for (bool first = true;; first = false, ::nanosleep(&pause, nullptr)) {
+            bool const back = watch.WasSetBack(std::time(nullptr), SecondsOf(CLOCK_BOOTTIME));
+            if (back || first) RestFromNow(m_directory);
         }
     }
 

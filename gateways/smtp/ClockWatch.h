@@ -25,8 +25,8 @@ private:
 // Files that wait in the directory and whose times lie ahead of the clock rest from now on. Says how many.
 void RestFromNow(std::string const& directory);
 
-// The same whenever the clock is set back from now on, on a thread that lives as long as the process. Any further call
-// changes nothing.
+// The same now, and whenever the clock is set back later, on a thread that lives as long as the process. Any further
+// call changes nothing.
 void KeepRestingFromNow(std::string const& directory);
 
 }  // namespace smtp

@@ -24,9 +24,20 @@ struct NoText {
     static constexpr char const* value = "";
 };
 
+// Whose mail does not rest for a clock that was set back, be there one that is due or none.
+class WatchedRetryer : public VELT::RetryerServiceLoop {
+public:
+    using RetryerServiceLoop::RetryerServiceLoop;
+    int PostForkInit() override {
+        smtp::KeepRestingFromNow(directory);
+        return RetryerServiceLoop::PostForkInit();
+    }
+};
+
 class SmtpProxy : public VELT::Proxy {
 public:
     int ProxyInit() override {
+        if (dynamic_cast<VELT::RetryerServiceLoop*>(m_serviceLoop)) WatchClock();
         smtp::SweepSpool(m_scanDir);
         smtp::KeepSettings const keep = smtp::ReadKeepSettings(m_config);
         if (keep.enabled) MakeDirectory(keep.directory);
@@ -38,6 +49,11 @@ public:
     }
 
 private:
+    void WatchClock() {
+        delete m_serviceLoop;
+        m_serviceLoop = new WatchedRetryer(&m_config, m_retryerArgument);
+    }
+
     bool Make(std::string const& path) {
         long const user = Identity<VELTCFG::process::attrname_UserId>(MapUID);
         long const group = Identity<VELTCFG::process::attrname_GroupId>(MapGID);
@@ -70,7 +86,6 @@ private:
 VELT::Connection* MakeSession(bool) { return new smtp::SmtpSession; }
 
 VELT::Connection* MakeRetry(int fd, bool, std::string& directory, std::string& id, bool) {
-    if (fd != -1 && !VELT::Proxy::s_pProxyInstance->m_singleProcess) smtp::KeepRestingFromNow(directory);
     return new smtp::RetrySession(fd, directory, id);
 }
 

@@ -115,6 +115,15 @@ class ClockThatIsSet(TroublesCase):
         self.assert_arrived(1, 2)
         self.assertEqual(self.events(*GIVEN_UP), [])
 
+    def test_clock_is_watched_also_while_there_is_nothing_to_try(self):
+        self.begin(smtpretryer={"RetryInterval": 6}, environment={"LD_PRELOAD": CLOCK, "VELT_CLOCK_CALLS": str(self.clock)})
+        self.retryer(RETRYER, environment=self.environment)
+        harness.wait_until(lambda: self.counters().get("directory_scans"), "a walk")
+        self.keep(1)
+        self.set_clock(-self.DAY)
+        self.noted(CLOCK_SET_BACK)
+        self.assert_arrived(1)
+
     def test_retryer_that_was_not_there_when_the_clock_was_set_back_sees_it_at_its_start(self):
         self.begin(environment={"LD_PRELOAD": CLOCK, "VELT_CLOCK_CALLS": str(self.clock)})
         self.keep(1)
