@@ -182,8 +182,9 @@ void RetrySession::SkipGap() {
     KeepSettings const& keep = m_settings->keep;
     std::int64_t const gap = m_now - m_file.seen() - keep.giveUpSeconds / 10 - 2 * keep.lookSeconds;
     if (gap > 0) m_file.Skip(gap);
-    if (Age() < 0) m_file.Skip(Age());
-    if (gap > 0 && !m_file.Note(m_file.status())) ReportStatusLost();
+    std::int64_t const early = std::min<std::int64_t>(Age(), 0);
+    m_file.Skip(early);
+    if ((gap > 0 || early) && !m_file.Note(m_file.status())) ReportStatusLost();
 }
 
 std::int64_t RetrySession::Age() const {

@@ -1,6 +1,7 @@
 """Files that change under a retryer, another retryer beside it, and a clock that is set: mail is not lost, and a
 retryer that can do nothing does nothing."""
 import os
+import re
 import signal
 import struct
 import time
@@ -131,6 +132,18 @@ class ClockThatIsSet(TroublesCase):
         self.retryer(RETRYER, environment=self.environment)
         self.noted(CLOCK_SET_BACK)
         self.assert_arrived(1)
+
+    def test_mail_that_is_not_tried_ages_too_after_a_clock_was_set_back(self):
+        self.begin(smtp={"RetryPause": 3600, "RetryPauseLimit": 3600},
+                   environment={"LD_PRELOAD": CLOCK, "VELT_CLOCK_CALLS": str(self.clock)})
+        self.away()
+        files = self.keep(1, 2)
+        self.retryer(RETRYER, environment=self.environment)
+        self.wait_tries()
+        self.set_clock(-self.DAY)
+        self.noted(CLOCK_SET_BACK)
+        harness.wait_until(lambda: all(re.search(rb" \d+/-\d+ [.?] w", file.read_bytes()) for file in files),
+                           "both to begin anew from the time that the clock shows")
 
     def test_mail_is_not_given_up_for_a_clock_that_was_set_forward(self):
         self.begin_tried(GiveUpAfter=3600)
