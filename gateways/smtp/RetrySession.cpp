@@ -179,8 +179,7 @@ std::string RetrySession::Destination() const {
 // A mail ages while it is looked after. Where nobody did for long no retryer ran, or the clock was set forward, and a
 // single try would be all that it had; where it is not yet taken the clock was set back.
 void RetrySession::SkipGap() {
-    KeepSettings const& keep = m_settings->keep;
-    std::int64_t const gap = m_now - m_file.seen() - keep.giveUpSeconds / 10 - 2 * keep.lookSeconds;
+    std::int64_t const gap = m_now - m_file.seen() - m_settings->keep.longestGap();
     if (gap > 0) m_file.Skip(gap);
     std::int64_t const early = std::min<std::int64_t>(Age(), 0);
     m_file.Skip(early);

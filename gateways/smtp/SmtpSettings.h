@@ -258,6 +258,9 @@ struct KeepSettings {
     PauseLimits pause;
     std::int64_t giveUpSeconds = 432000;
     std::int64_t lookSeconds = 310;  // between two looks of a retryer that is not held up
+
+    // What is beyond this between two looks does not count towards the age of a mail.
+    std::int64_t longestGap() const { return giveUpSeconds / 10 + 2 * lookSeconds; }
 };
 
 KeepSettings ReadKeepSettings(VELT::Config& config);

@@ -5,11 +5,12 @@ import pathlib
 import re
 import shlex
 import subprocess
+import time
 import unittest
 
 import harness
 from crash_case import BEHIND, IN_PART, INSTEAD, CrashCase
-from deferred_case import NO_FILE, QUARANTINED, RELEASED, numbered
+from deferred_case import GIVEN_UP, NO_FILE, QUARANTINED, RELEASED, numbered
 from smtp_case import BOARD, PHRASE, RULE_HIT, SENDER, STAFF, body
 
 TOOL = os.environ["VELT_QUEUE"]
@@ -114,6 +115,18 @@ class Retry(QueueCase):
             return not self.waiting()
         harness.wait_until(ask_again, "an empty deferred directory")
         self.assertEqual(len(self.sink.wait_messages(3)), 3)
+
+    def test_mail_that_nobody_looked_after_for_long_is_not_given_up_for_that(self):
+        self.begin(smtp={"GiveUpAfter": 3600})
+        (name,) = self.kept()
+        environment, began = self.later(), time.time()
+        harness.wait_until(lambda: time.time() > began + 1, "the time from which on the clock was set")
+        self.queue("retry", name.removesuffix(".rmd"), environment=environment)
+        self.sink.replies = {"MAIL": "451 4.3.2 later"}
+        self.one_pass(environment)
+        self.wait_tries()
+        self.assertEqual(self.events(*GIVEN_UP), [])
+        self.assertEqual(self.waiting(), [name])
 
     def test_mail_stays_whole_whatever_call_the_order_to_try_it_ends_in(self):
         self.begin()

@@ -85,14 +85,17 @@ Problem Release(Mail const& mail, Places const& places) {
     return Because("released, but it cannot be moved; release it again");
 }
 
-Problem Retry(Mail const& mail) {
+// Who asks has looked at the mail: what a retryer would not have counted of the time before is not counted.
+Problem Retry(Mail const& mail, Places const& places) {
     Problem problem;
     auto const file = LockAndRead(mail, problem);
     if (!file) return problem;
     if (file->status().isHeld()) return "it is held; release it";
     if (mail.queue == Queue::Quarantine) return "it was released and is to be moved; release it again";
     smtp::RetryStatus status = file->status();
-    status.due = -std::time(nullptr);
+    std::int64_t const now = std::time(nullptr);
+    status.due = -now;
+    status.skipped += std::max<std::int64_t>(0, now - file->seen() - places.longestGap);
     if (!file->Note(status)) return Because("its file cannot be written");
     return file->Wake() ? "" : Because("its time cannot be set");
 }

@@ -17,7 +17,7 @@ using Problem = std::string;
 Problem Release(Mail const& mail, Places const& places);
 
 // A retryer tries it at its next walk, whatever its own time and the pause of its destination.
-Problem Retry(Mail const& mail);
+Problem Retry(Mail const& mail, Places const& places);
 
 Problem Delete(Mail const& mail);  // also a file that cannot be read
 

@@ -75,7 +75,8 @@ Places ReadPlaces(Configuration const& configuration) {
     smtp::KeepSettings const keep = smtp::ReadKeepSettings(store.config());
     std::string const relay = VELT::ReadSetting<VELTCFG::smtp::RelayHost>(store.config()).str();
     unsigned const port = VELT::ReadSetting<VELTCFG::smtp::RelayPort>(store.config());
-    return {keep.directory, keep.quarantine, relay.empty() ? "" : relay + ':' + std::to_string(port)};
+    return {keep.directory, keep.quarantine, relay.empty() ? "" : relay + ':' + std::to_string(port),
+            keep.longestGap()};
 }
 
 }  // namespace velt_queue

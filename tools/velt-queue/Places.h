@@ -3,6 +3,7 @@
 // Failure: Unusable, for a configuration that a gateway would not start with.
 #pragma once
 
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 
@@ -17,9 +18,10 @@ enum class Queue { Deferred, Quarantine };
 char const* NameOf(Queue queue);
 
 struct Places {
-    std::string deferred;    // "/" at its end
-    std::string quarantine;  // the same
-    std::string relay;       // "host:port" of the server that takes all mail; empty: each domain has its own
+    std::string deferred;         // "/" at its end
+    std::string quarantine;       // the same
+    std::string relay;            // "host:port" of the server that takes all mail; empty: each domain has its own
+    std::int64_t longestGap = 0;  // seconds without a look at a mail that count towards its age
 
     std::string const& of(Queue queue) const { return queue == Queue::Deferred ? deferred : quarantine; }
 };

@@ -88,7 +88,7 @@ private:
             case Command::Release:
                 return change(mail, "released", [&] { return Release(mail, m_places); });
             case Command::Retry:
-                return change(mail, "to be tried", [&] { return Retry(mail); });
+                return change(mail, "to be tried", [&] { return Retry(mail, m_places); });
             case Command::Delete:
                 return change(mail, "deleted", [&] { return Delete(mail); });
         }
