@@ -235,7 +235,7 @@ void Delivery::Report(Shipment const& shipment, std::vector<Reply> const& replie
     }
 }
 
-Reply Delivery::Notify(Message& message, std::string const& text) {
+Reply Delivery::Notify(Message& message, std::string const& text, bool& unsure) {
     Shipment shipment;
     shipment.recipients = {message.senderText()};
     shipment.content.text = text;
@@ -244,6 +244,8 @@ Reply Delivery::Notify(Message& message, std::string const& text) {
         if (attempt) Close();
         reply = Send(RouteOf(LowerCase(message.sender.domain)), shipment).front();
         if (reply.group() == 2) break;
+        unsure |= m_upstream && m_upstream->unsure();
+        if (unsure && m_settings.keep.enabled) break;
     }
     return reply;
 }

@@ -134,7 +134,8 @@ void KeepRest(KeptFrom const& from, Message const& message, std::vector<Delivery
     for (std::size_t i = 0; i < groups.size(); i += step) KeepTogether(from, message, groups, i, i + step, fates);
 }
 
-bool KeepNotification(KeptFrom const& from, Message const& message, std::string const& text, std::string const& name) {
+bool KeepNotification(KeptFrom const& from, Message const& message, std::string const& text, std::string const& name,
+                      bool unsure) {
     std::string const path = from.settings.keep.directory + name + kRetrySuffix;
     if (::access(path.c_str(), F_OK) == 0) return true;
     RetryDraft draft;
@@ -142,6 +143,7 @@ bool KeepNotification(KeptFrom const& from, Message const& message, std::string 
     draft.envelope = EnvelopeOf(from);
     draft.envelope.recipients = {{message.senderText(), ""}};
     draft.status.recipients = {RetryStatus::Recipient::Waiting};
+    draft.status.unsure = unsure;
     draft.content.text = text;
     if (!Store(from, {std::move(draft)})) return false;
     ++Count().notificationsKept;

@@ -31,8 +31,9 @@ void KeepRest(KeptFrom const& from, Message const& message, std::vector<Delivery
               std::vector<RecipientFate>& fates);
 
 // Keeps a notification to the sender of the message. `name` of its file, by which it is known: it is kept once, however
-// often it is asked for.
-bool KeepNotification(KeptFrom const& from, Message const& message, std::string const& text, std::string const& name);
+// often it is asked for. `unsure`: the next server may have it.
+bool KeepNotification(KeptFrom const& from, Message const& message, std::string const& text, std::string const& name,
+                      bool unsure = false);
 
 // What a file says of the session and the time; sender, recipients and content are the caller's.
 RetryEnvelope EnvelopeOf(KeptFrom const& from);

@@ -160,9 +160,10 @@ Reply SmtpSession::TellSender(std::vector<RecipientFate> const& fates, Reply con
     }
     std::string const text = NotificationOf(
         {m_settings->greetingName, m_id, m_hello, std::time(nullptr), m_id + ".report"}, m_message, fates);
-    Reply const told = m_delivery->Notify(m_message, text);
+    bool unsure = false;
+    Reply const told = m_delivery->Notify(m_message, text, unsure);
     bool const waits = told.group() != 2 && m_settings->keep.enabled;
-    if (waits && KeepNotification(KeptNow(), m_message, text, m_id + ".report0")) return accepted;
+    if (waits && KeepNotification(KeptNow(), m_message, text, m_id + ".report0", unsure)) return accepted;
     bool const sent = told.group() == 2;
     ++(sent ? Count().notificationsSent : Count().notificationsLost);
     QXlog::Event const& event = sent ? static_cast<QXlog::Event const&>(events::NOTIFICATION_SENT)

@@ -120,6 +120,23 @@ class Kept(DeferredCase):
         self.assertEqual([one.recipients for one in messages], [[SENDER], [BOARD]])
         self.wait_empty()
 
+    def test_second_copy_of_a_notification_whose_answer_was_lost_is_counted(self):
+        self.begin()
+        self.provokes(RESENT)
+
+        def answer(_):
+            self.sink.fault = "die-stored"  # what comes next
+            return "250 2.0.0 stored"
+        self.sink.replies = {"RCPT dora@inside.example": "550 5.1.1 who?", "END": answer}
+        self.assertRegex(self.client().mail(body(), [STAFF, "dora@inside.example"]), r"^250 ")
+        self.sink.fault, self.sink.replies = None, {}
+        self.assertEqual(len(self.sink.messages), 2)
+        self.retryer()
+        self.wait_empty()
+        self.noted(RESENT)
+        self.assertEqual(len({message_id(one.content) for one in self.sink.messages[1:]}), 1)
+        self.assertEqual(len(self.sink.messages), 3)
+
     def test_client_that_has_left_sends_again_and_nothing_is_kept(self):
         self.begin()
         self.provokes((60000, 14), DEFERRED)
