@@ -50,7 +50,7 @@ protected:
                    (pause.count() == 0 || ::poll(&gone, 1, static_cast<int>(pause.count())) == 0))
                 continue;
         });
-        std::string const answer = Probe({"a", listener.address(), 0}, "the_policy", 100);
+        std::string const answer = Probe({"a", listener.address(), 0}, "the_policy", 500);
         server.join();
         return answer;
     }
