@@ -26,5 +26,9 @@ bool IsToFail() {
     if (!memory) throw std::bad_alloc();
     return memory;
 }
+// A sanitizer's own one would give memory of another kind than is freed below.
+[[gnu::noinline]] void* operator new(std::size_t size, std::nothrow_t const&) noexcept {
+    return IsToFail() ? nullptr : std::malloc(size ? size : 1);
+}
 [[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
 [[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
