@@ -10,7 +10,7 @@ import subprocess
 
 import harness
 
-MASTER, QUEUE_TOOL = "/usr/lib/postfix/sbin/master", "/usr/sbin/postqueue"
+MASTER, QUEUE_TOOL, CONTENT_TOOL = "/usr/lib/postfix/sbin/master", "/usr/sbin/postqueue", "/usr/sbin/postcat"
 SERVICES = """pickup unix n - n 60 1 pickup
 cleanup unix n - n - 0 cleanup
 qmgr unix n - n 300 1 qmgr
@@ -116,7 +116,13 @@ alias_maps =
         """The number at the end of its list."""
         return int((re.search(r"in (\d+) Request", self.tool("-p")) or [0, 0])[1])
 
-    def message_ids(self):
-        """{number in the queue: Message-ID} of each mail that came to it, as its log has them."""
+    def message_ids(self, numbers):
+        """Those of these mails in its queue. Its log has them, but for what was on its way there when it was killed."""
         text = (self.folder / "log").read_text(errors="replace")
-        return dict(re.findall(r"/cleanup\[\d+\]: (\w+): message-id=(<.*?>)", text))
+        logged = dict(re.findall(r"/cleanup\[\d+\]: (\w+): message-id=(<.*?>)", text))
+        return [logged.get(number) or self._message_id(number) for number in numbers]
+
+    def _message_id(self, number):
+        shown = subprocess.run([CONTENT_TOOL, "-c", self.folder / "etc", "-hq", number], check=True, capture_output=True,
+                               text=True).stdout
+        return re.search(r"^Message-ID: *(<.*?>)", shown, re.MULTILINE | re.IGNORECASE)[1]

@@ -46,8 +46,8 @@ class NextPostfix(DeferredCase):
             self.while_sending((2 * step + 1) * MAILS, self.postfix.start)
         self.wait_empty()
         sent = {f"<{number}@outside.example>" for number in range(2 * STEPS * MAILS)}
-        ids, queued = self.postfix.message_ids(), self.postfix.queued()
-        arrived = collections.Counter(ids[one["queue_id"]] for one in queued)
+        queued = self.postfix.queued()
+        arrived = collections.Counter(self.postfix.message_ids(one["queue_id"] for one in queued))
         again, resent = len(queued) - len(arrived), self.counters().get("smtp.messages.resent", 0)
         print(f"\ntaken {len(sent)}; in Postfix's queue {len(queued)}; a second time {again}, counted {resent}", flush=True)
         self.assertEqual(self.postfix.requests(), len(queued))
