@@ -146,7 +146,7 @@ class Kept(DeferredCase):
         self.assertEqual(self.waiting(), [])
 
     def test_server_that_has_the_message_is_waited_for_beyond_that(self):
-        self.begin(smtp={"KeepAfter": 1})
+        self.begin(smtp={"KeepAfter": 3})
         self.sink.replies = {"END": self._think}
         self.assertRegex(self.client().mail(), r"^250 ")
         self.assertEqual(self.waiting(), [])
@@ -154,7 +154,7 @@ class Kept(DeferredCase):
 
     @staticmethod
     def _think(session):
-        time.sleep(2)  # the server's own time, above the limit
+        time.sleep(4)  # the server's own time, above the limit
         return "250 2.0.0 stored"
 
     def test_client_that_left_during_the_delivery_sends_again_and_nothing_is_kept(self):
