@@ -44,7 +44,9 @@ public:
         VELT::Config::initialise(&m_store);
         VELT::RetryerServiceLoop::setRetryerFactory(Note);
         auto* const proxy = new VELT::Proxy;  // for as long as the process
+        fs::path const folder = fs::current_path();
         m_loop = new VELT::RetryerServiceLoop(&proxy->m_config, "smtp");
+        fs::current_path(folder);  // which a loop leaves: the fuzzer finds its corpus from there
     }
 
     enum Kind { File, Folder, Link };
