@@ -1,4 +1,5 @@
 """Destinations that do not answer, and what waits behind them."""
+import ctypes
 import os
 import time
 import unittest
@@ -15,25 +16,48 @@ FEW_THREADS = {"ScanInterval": 1, "MaxConncurrent": THREADS}
 PATIENT_WITH_SERVERS = {f"Upstream{stage}Timeout": 600 for stage in ("Greeting", "Command", "Data", "Block", "Final")}
 
 
-class DeadServers(DeferredCase):
-    def write(self, name, port):
-        (self.directory / f"{name}.rmd").write_bytes(rmd(name, f"{harness.SERVER}:{port}"))
+def exchange(one, other):
+    """Each has the other's name."""
+    at_once, here = 2, -100
+    if ctypes.CDLL(None, use_errno=True).renameat2(here, bytes(one), here, bytes(other), at_once):
+        raise OSError(ctypes.get_errno(), "renameat2")
 
-    def put_last(self, name, port):
-        """A file that a walk comes by after all others: their order is the directory's, by the names."""
+
+class DeadServers(DeferredCase):
+    @staticmethod
+    def write(directory, name, port):
+        (directory / f"{name}.rmd").write_bytes(rmd(name, f"{harness.SERVER}:{port}"))
+
+    def write_last(self, directory, name, port, write_others):
+        """A file that a walk comes by after all others. Their order is the directory's: the newest first, or the oldest, or
+        by their names."""
+        self.write(directory, name, port)
+        write_others()
+        if self.is_last(directory, name):
+            return
+        (directory / f"{name}.rmd").unlink()
         for turn in range(10 * DEAD):
-            path = self.directory / f"{name}{turn}.rmd"
-            self.write(path.stem, port)
-            if [entry.name for entry in os.scandir(self.directory)][-1] == path.name:
+            self.write(directory, f"{name}{turn}", port)
+            if self.is_last(directory, f"{name}{turn}"):
                 return
-            path.unlink()
+            (directory / f"{name}{turn}.rmd").unlink()
         self.fail("no name comes last")
 
+    @staticmethod
+    def is_last(directory, name):
+        return [entry.name for entry in os.scandir(directory)][-1] == f"{name}.rmd"
+
     def fill(self, *dead):
-        self.directory.mkdir(parents=True, exist_ok=True)
-        for number in range(DEAD):
-            self.write(f"dead{number}", dead[number % len(dead)].port)
-        self.put_last("live", self.sink.port)
+        """All at once, as a retryer may be at work."""
+        made = self.directory.with_name("made")
+        made.mkdir(0o700, parents=True)
+        self.directory.mkdir(exist_ok=True)
+
+        def write_dead():
+            for number in range(DEAD):
+                self.write(made, f"dead{number}", dead[number % len(dead)].port)
+        self.write_last(made, "live", self.sink.port, write_dead)
+        exchange(made, self.directory)
 
     def another_sink(self):
         made = mail_sink.MailSink()
@@ -56,7 +80,7 @@ class DeadServers(DeferredCase):
     def deliver_one(self, sink):
         """It is known to answer then."""
         self.directory.mkdir(parents=True, exist_ok=True)
-        self.write("early", sink.port)
+        self.write(self.directory, "early", sink.port)
         sink.wait_messages(1)
         self.wait_empty()
 
