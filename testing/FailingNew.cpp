@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <new>
 
+#ifndef VELT_NEW_IS_TAKEN
+
 using velt_testing::FailingState;
 using velt_testing::t_failing;
 
@@ -32,3 +34,5 @@ bool IsToFail() {
 }
 [[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
 [[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+
+#endif

@@ -17,6 +17,9 @@ protected:
         events.AllowAll();
         context.properties.NewProperty("SIZE_LIMIT")->SetLong(42);
     }
+    void SetUp() override {
+        if (!FailingNew::IsPossible()) GTEST_SKIP() << "memory is the sanitizer's";
+    }
     void Offer() { manager.ToOffer({kResource, 1, sequence, stub.address()}); }
     ScannerServer& Server() { return *ScannerServer::findserver(sequence, 1, kResource, &stub.address()); }
     void KeepOne() {
