@@ -1,10 +1,12 @@
 // Whole exchanges of the remote scanner with a scanner process that says anything, over a connection that was kept. The
 // bytes are either what it answers; or they say what an answer is made of and where it is cut, and then a whole one is
 // what it says, and a cut one is a failure.
+#include <fcntl.h>
 #include <sys/socket.h>
 
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "fuzz/Input.h"
 #include "testing/ManagerModel.h"
@@ -37,7 +39,7 @@ public:
 
     // What one scan of one identity gives where the process answers the set-up and the scan with this, and leaves.
     int Scan(std::string const& answer, bool attributes) {
-        Fd const peer = Keep(kOk + answer);
+        std::thread peer = Keep(answer);
         m_manager.ToOffer({kResource, 1, 1, m_nobody});
         body = std::make_unique<VELT::ScannerStream>(4096u);
         body->write(kContent, 12u);
@@ -56,6 +58,7 @@ public:
         }
         Require(m_manager.held(0) == 0, "the server is free again");
         m_server->clear_cache();
+        peer.join();
         m_manager.Forget();
         return result;
     }
@@ -64,19 +67,30 @@ public:
     VELT::ScanOutput* output = nullptr;
 
 private:
-    // Gives the server an idle connection on which all this waits to be read, and then the end.
-    Fd Keep(std::string const& answers) {
+    // Gives the server an idle connection. Its far end says all this when the client that woke it up asks for more, and
+    // then leaves.
+    std::thread Keep(std::string answers) {
         auto [ours, peer] = SocketPair();
         int const room = 1 << 20;
         ::setsockopt(peer.get(), SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
-        ::send(peer.get(), kOk, std::char_traits<char>::length(kOk), 0);
+        SayOk(peer);
         auto* stream = new VELT::TCPStream(ours.release());
         int handle = -1;
         m_server->end_connection(handle, stream, true);
-        ::send(peer.get(), answers.data(), answers.size(), MSG_DONTWAIT);
-        ::shutdown(peer.get(), SHUT_WR);
-        return std::move(peer);
+        ::fcntl(peer.get(), F_SETFL, 0);  // it waits
+        return std::thread([peer = std::move(peer), answers = std::move(answers)] {
+            char data[4096];
+            std::size_t const both =
+                2 * std::char_traits<char>::length("get stasis\n\n");  // as long as that to wake up
+            if (::recv(peer.get(), data, both, MSG_WAITALL) < static_cast<ssize_t>(both)) return;
+            SayOk(peer);
+            if (::recv(peer.get(), data, sizeof data, 0) <= 0) return;
+            ::send(peer.get(), answers.data(), answers.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+            ::shutdown(peer.get(), SHUT_WR);
+            while (::recv(peer.get(), data, sizeof data, 0) > 0) continue;
+        });
     }
+    static void SayOk(Fd const& peer) { ::send(peer.get(), kOk, std::char_traits<char>::length(kOk), MSG_NOSIGNAL); }
 
     ManagerModel m_manager;
     SessionWorld m_world;
