@@ -46,7 +46,7 @@ class Farm(MailFarmCase):
         self.scanners = []
         scanner = self.add_scanner(harness.SERVER, self.managed)
         harness.wait_until(lambda: scanner.root.log.named(*ANNOUNCED), "an announcement")
-        self.assertEqual((self.manager / "qxrmgr1").read_text(), f"{harness.SERVER} {scanner.port}\n16 scannerd\n")
+        self.assertEqual((self.manager / "qxrmgr1").read_text(), f"{harness.SERVER} {scanner.port}\n15 scannerd\n")
         self.assertEqual(len(scanner.root.log.named(*ANNOUNCED)), 1)
         (holder,) = [pid for pid in scanner.root.processes()
                      if any("qxrmgrctl" in os.readlink(fd) for fd in pathlib.Path(f"/proc/{pid}/fd").iterdir())]

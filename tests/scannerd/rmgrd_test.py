@@ -38,14 +38,14 @@ class Managed(FarmCase, harness.DaemonCase):
         return handle.offer.generation
 
     def test_daemons_are_offered_by_their_load_until_they_are_full(self):
-        scanners = self.begin(3, connections=6)
+        scanners = self.begin(3, connections=7)
         self.assertEqual(self.handle(CONTROL).ask(COUNT)[0], 3)
         handles = self.occupy(12)
         held = self.occupied(handles)
         self.assertEqual(set(held), {scanner.port for scanner in scanners}, held)
         self.assertLessEqual(max(held.values()) - min(held.values()), 3, held)
         handles += self.occupy(6)
-        self.assertEqual(set(self.occupied(handles).values()), {6}, "each has what it said that it takes")
+        self.assertEqual(set(self.occupied(handles).values()), {6}, "each takes all but one, which is the probe's")
         (late,) = self.occupy(1)
         self.assertEqual((late.offer.resource, late.offer.error), (-1, AGAIN))
 

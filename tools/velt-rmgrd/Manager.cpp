@@ -206,6 +206,7 @@ void Manager::Accept() {
 // oldest one of an earlier list ends, which tells its process to open the server's connections anew.
 bool Manager::MakeRoom() {
     bool const wasFull = std::exchange(m_full, false);
+    if (m_clients.size() >= m_mostClients) Sweep();
     if (m_clients.size() < m_mostClients) return true;
     auto const old = std::find_if(m_clients.begin(), m_clients.end(), [this](auto const& client) {
         return client->role == Client::Role::Resource && client->sequence != m_farm.sequence();

@@ -26,8 +26,10 @@ public:
     }
 
 private:
+    // One connection is left to whoever looks if the daemon is well: all at work, it would be taken for dead.
     void Announce() {
-        scannerd::Facts facts{{}, m_proxyName, m_acceptCount * m_maxConnections};
+        unsigned const connections = m_acceptCount * m_maxConnections;
+        scannerd::Facts facts{{}, m_proxyName, connections > 1 ? connections - 1 : connections};
         for (sockaddr_in const* const address : GetSvcBindings()) facts.addresses.push_back(*address);
         scannerd::Announce(
             facts, [this] { m_serviceLoop->StopServices(); }, [this] { SetUidAndGid(); });
