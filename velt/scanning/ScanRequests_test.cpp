@@ -38,8 +38,8 @@ private:
 int WriteBlock(Socket& socket, unsigned length) {
     scan_requests::Body body(socket);
     unsigned sent = 0;
-    char const none = 0;  // the socket looks at nothing of it
-    int const error = body.write(&none, length, &sent);
+    char const few[16]{};  // what is larger goes out as it is, and the socket looks at nothing of it
+    int const error = body.write(few, length, &sent);
     return error ? error : body.Send();
 }
 
