@@ -251,6 +251,15 @@ int lockf(int fd, int command, off_t length) {
     return Fails(Fallible::lock) ? -1 : next(fd, command, length);
 }
 
+int fcntl(int fd, int command, ...) {
+    static auto const next = Next<int (*)(int, int, ...)>("fcntl");
+    std::va_list arguments;
+    va_start(arguments, command);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    return command == F_OFD_SETLK && Fails(Fallible::lock) ? -1 : next(fd, command, argument);
+}
+
 int fsync(int fd) {
     static auto const next = Next<decltype(&::fsync)>("fsync");
     return Fails(Fallible::place) ? -1 : next(fd);

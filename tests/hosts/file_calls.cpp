@@ -34,6 +34,7 @@ enum Manner : long {
     kInPart,   // it dies when the first half of a write was made
     kBehind,   // it dies when the call was made
     kFails,    // the call fails with EIO
+    kHolds,    // it stands still; once it goes on the call fails
 };
 
 struct Plan {
@@ -88,6 +89,7 @@ public:
     explicit Step(std::string path) : m_path(std::move(path)), m_hit(IsWatched(m_path) && IsPlanned()) {
         if (Is(kInstead)) Die();
         if (m_hit) ThePlan()->at = 0;
+        if (Is(kHolds)) ::kill(::getpid(), SIGSTOP);
     }
     ~Step() {
         if (Is(kInPart) || Is(kBehind)) Die();
@@ -95,8 +97,9 @@ public:
     std::string const& path() const { return m_path; }
     bool watched() const { return IsWatched(m_path); }
     bool Fails() const {
-        if (Is(kFails)) errno = EIO;
-        return Is(kFails);
+        bool const fails = Is(kFails) || Is(kHolds);
+        if (fails) errno = EIO;
+        return fails;
     }
     std::size_t PartOf(std::size_t length) const { return Is(kInPart) ? (length + 1) / 2 : length; }
 
@@ -282,6 +285,17 @@ int lockf(int fd, int command, off_t length) {
     static auto const next = Next<int (*)(int, int, off_t)>("lockf");
     Step const step(PathOf(fd));
     return step.Fails() ? -1 : next(fd, command, length);
+}
+
+int fcntl(int fd, int command, ...) {
+    static auto const next = Next<int (*)(int, int, ...)>("fcntl");
+    std::va_list arguments;
+    va_start(arguments, command);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    if (command != F_OFD_SETLK) return next(fd, command, argument);
+    Step const step(PathOf(fd));
+    return step.Fails() ? -1 : next(fd, command, argument);
 }
 
 }  // extern "C"

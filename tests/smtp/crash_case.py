@@ -3,7 +3,9 @@ true whichever call it was."""
 import collections
 import itertools
 import os
+import pathlib
 import re
+import signal
 import struct
 import time
 from typing import NamedTuple
@@ -15,10 +17,11 @@ from lost_writes import calls_in
 from smtp_case import SENDER, STAFF
 
 LIBRARY, CLOCK = (os.environ.get(f"VELT_{what}_CALLS_LIBRARY", "") for what in ("FILE", "CLOCK"))
-INSTEAD, IN_PART, BEHIND, FAILS = range(4)  # where in its call a process dies; or the call fails
+INSTEAD, IN_PART, BEHIND, FAILS, HOLDS = range(5)  # where in its call a process dies; or the call fails, at once or later
 DORA = "dora@inside.example"
 SWEPT, DEFERRED_SWEPT, CLIENT_GONE, WORKER = (60000, 17), (60000, 27), (60000, 14), (10000, 54)
 ONE_PASS = ("-p", "-s", "retryer", "-t", "smtp")
+NEVER = 1 << 40  # a call that nobody comes to
 LATER = 7300  # seconds, after which what was left unfinished is old
 LARGE = smtp_case.body("".join(f".{number} {'x' * 900}\r\n" for number in range(7)))  # on disk, where it is spooled
 
@@ -68,6 +71,24 @@ class CrashCase(DeferredCase):
         at, _, _ = struct.unpack("qqq", self.plan.read_bytes())
         self.arm(0)
         return at == 0
+
+    def calls_of(self, act):
+        """How many calls it makes."""
+        self.arm(NEVER)
+        act()
+        _, made, _ = struct.unpack("qqq", self.plan.read_bytes())
+        self.arm(0)
+        return made
+
+    def wait_held(self, process):
+        """It stands still in its call; go_on() lets the call fail."""
+        stat = pathlib.Path(f"/proc/{process}/stat")
+        harness.wait_until(lambda: stat.read_text().rsplit(")", 1)[1].split()[0] == "T", "a process that stands still")
+        return process
+
+    @staticmethod
+    def go_on(process):
+        os.kill(process, signal.SIGCONT)
 
     def each_call(self, act, manners=(INSTEAD, IN_PART, BEHIND) if harness.FULL else (INSTEAD, IN_PART)):
         """act() with the first call as the one that is hit, with the second, and so on until none is, in each of these
