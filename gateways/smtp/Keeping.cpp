@@ -15,6 +15,7 @@
 #include "RetryFile.h"
 #include "SmtpCounters.h"
 #include "SmtpEvents.h"
+#include "StoredFiles.h"
 
 namespace smtp {
 namespace {

@@ -1,7 +1,6 @@
 #include "Quarantine.h"
 
 #include <QXlog/Names.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -21,12 +20,11 @@ bool Quarantine::Keep(Message const& message, std::vector<Verdict> const& verdic
         drafts.back().name = m_name + ".q" + std::to_string(drafts.size());
     }
     errno = 0;
-    if (!drafts.empty() && !StoreRetryFiles(m_from.settings.keep.quarantine, drafts)) {
+    if (!drafts.empty() && !m_files.Store(drafts)) {
         ReportFailed(std::strerror(errno));
         return false;
     }
     for (std::size_t i = 0; i < drafts.size(); ++i) {
-        m_paths.push_back(m_from.settings.keep.quarantine + drafts[i].name + kRetrySuffix);
         ++Count().messagesQuarantined;
         Report(*groups[i].verdict, drafts[i]);
     }
@@ -71,12 +69,9 @@ RetryDraft Quarantine::DraftOf(Message const& message, Group const& group) const
     return draft;
 }
 
-// A file that cannot be removed is one that the client sends a second time.
+// What is left is what the client sends a second time.
 void Quarantine::Undo() {
-    for (std::string const& path : m_paths) {
-        if (::unlink(path.c_str()) != 0) ReportFailed(std::strerror(errno));
-    }
-    m_paths.clear();
+    if (!m_files.Undo()) ReportFailed(std::strerror(errno));
 }
 
 void Quarantine::Report(Verdict const& verdict, RetryDraft const& draft) const {

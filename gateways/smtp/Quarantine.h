@@ -1,6 +1,7 @@
 // Quarantine: the files of one message that policy says to keep, one for each verdict and way of delivery.
 // They have the form of mail that waits (docs/formats/rmd.md) with the verdict in it, and lie in a directory of their
-// own until somebody releases or deletes them (velt-queue). What is kept is the content that would have gone on.
+// own until somebody releases or deletes them (velt-queue), which nobody can before this object has gone: until then
+// they may be undone. What is kept is the content that would have gone on.
 // Owner: whoever judges the message; the files stay. Thread: the session's. Failure: false, and an event that says why.
 #pragma once
 
@@ -9,7 +10,7 @@
 
 #include "Keeping.h"
 #include "Message.h"
-#include "RetryFile.h"
+#include "StoredFiles.h"
 #include "Verdict.h"
 
 namespace smtp {
@@ -17,7 +18,8 @@ namespace smtp {
 class Quarantine {
 public:
     // `name`: what the names of the files begin with. The same name gives the same files.
-    Quarantine(KeptFrom const& from, std::string name) : m_from(from), m_name(std::move(name)) {}
+    Quarantine(KeptFrom const& from, std::string name)
+        : m_from(from), m_name(std::move(name)), m_files(from.settings.keep.quarantine) {}
 
     // False: some file could not be written, and none of them is there.
     bool Keep(Message const& message, std::vector<Verdict> const& verdicts);
@@ -38,7 +40,7 @@ private:
 
     KeptFrom const m_from;
     std::string const m_name;
-    std::vector<std::string> m_paths;  // of what is there
+    StoredFiles m_files;
 };
 
 }  // namespace smtp

@@ -22,11 +22,6 @@ constexpr long kAhead = 60;      // seconds
 constexpr long kBehind = 86400;  // of the modification time; above every "NewFileDelta"
 constexpr std::chrono::hours kLongUnfinished{1};
 
-bool SetBehind(int fd) {
-    timespec const times[2] = {{0, UTIME_OMIT}, {::time(nullptr) - kBehind, 0}};
-    return ::futimens(fd, times) == 0;
-}
-
 bool SetBehind(char const* path) {
     timespec const times[2] = {{0, UTIME_OMIT}, {::time(nullptr) - kBehind, 0}};
     return ::utimensat(AT_FDCWD, path, times, AT_SYMLINK_NOFOLLOW) == 0;
@@ -43,55 +38,6 @@ bool MakeFolder(fs::path const& path, mode_t mode, bool& made) {
     if (!made) return errno == EEXIST && fs::is_directory(path, ignored);
     return ::chmod(path.c_str(), mode) == 0 && FlushDirectory(path.has_parent_path() ? path.parent_path() : ".");
 }
-
-bool WriteMessage(int fd, Content const& content, RetryLayout& layout) {
-    BlockReader reader(content);
-    std::uint64_t at = layout.message();
-    while (reader.left()) {
-        std::string_view block;
-        errno = EIO;
-        if (!reader.Next(block)) return false;
-        layout.messageSum = Checksum(block, layout.messageSum);
-        if (!WriteAt(fd, block, at)) return false;
-        at += block.size();
-    }
-    return true;
-}
-
-// The first line comes last: a file that was not finished does not begin as one that was.
-bool WriteAll(int fd, RetryDraft const& draft) {
-    std::string const head = WriteEnvelope(draft.envelope);
-    RetryLayout layout;
-    layout.envelopeLength = head.size();
-    layout.envelopeSum = Checksum(head);
-    layout.slotLength = SlotLength(draft.status.recipients.size());
-    layout.messageLength = draft.content.size();
-    std::string const slot = WriteSlot(draft.status);
-    errno = EFBIG;
-    if (head.size() > RetryLayout::kMaxEnvelope) return false;
-    return WriteAt(fd, head + slot + slot, RetryLayout::kFirstLine) && WriteMessage(fd, draft.content, layout) &&
-           WriteAt(fd, WriteFirstLine(layout), 0) && (draft.status.tries == 0 || SetBehind(fd)) && Flush(fd);
-}
-
-bool WriteFile(std::string const& path, RetryDraft const& draft) {
-    int const fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0) return false;
-    bool const written = WriteAll(fd, draft);
-    int const error = errno;
-    bool const closed = ::close(fd) == 0 || errno == EINTR;  // some file systems tell only here of a write that failed
-    if (!written) errno = error;
-    return written && closed;
-}
-
-// Work that came to no end is undone, and errno is what it was.
-struct Undo {
-    std::vector<std::string> paths;
-    ~Undo() {
-        int const error = errno;
-        for (std::string const& path : paths) ::unlink(path.c_str());
-        errno = error;
-    }
-};
 
 // One that rests; what was never tried is due whatever the clock shows.
 bool LiesAhead(fs::path const& path) {
@@ -125,21 +71,9 @@ bool MakeRetryDirectory(std::string const& directory, long user, long group) {
     return !made || ::chown(directory.c_str(), static_cast<uid_t>(user), static_cast<gid_t>(group)) == 0;
 }
 
-// Names come last and close together: what fails mostly fails before the first one, and nobody has seen anything.
-bool StoreRetryFiles(std::string const& directory, std::vector<RetryDraft> const& drafts) {
-    Undo undo;
-    for (RetryDraft const& draft : drafts) {
-        undo.paths.push_back(directory + draft.name + kUnfinishedSuffix);
-        if (!WriteFile(undo.paths.back(), draft)) return false;
-    }
-    for (std::size_t i = 0; i < drafts.size(); ++i) {
-        std::string const path = directory + drafts[i].name + kRetrySuffix;
-        if (::rename(undo.paths[i].c_str(), path.c_str()) != 0) return false;
-        undo.paths[i] = path;
-    }
-    if (!FlushDirectory(directory)) return false;
-    undo.paths.clear();
-    return true;
+bool LetRest(int fd) {
+    timespec const times[2] = {{0, UTIME_OMIT}, {::time(nullptr) - kBehind, 0}};
+    return ::futimens(fd, times) == 0;
 }
 
 unsigned long SweepUnfinished(std::string const& directory) {
@@ -232,12 +166,12 @@ RetryFault RetryFile::ReadMessage(VELT::ScannerStream& out) {
 bool RetryFile::Note(RetryStatus status) {
     status.sequence = m_status.sequence + 1;
     std::uint64_t const at = m_layout.slot(static_cast<unsigned>(status.sequence % 2));
-    bool const written = WriteAt(m_fd, WriteSlot(status), at) && SetBehind(m_fd) && Flush(m_fd);
+    bool const written = WriteAt(m_fd, WriteSlot(status), at) && LetRest(m_fd) && Flush(m_fd);
     if (written) m_status = std::move(status);
     return written;
 }
 
-bool RetryFile::Rest() { return SetBehind(m_fd); }
+bool RetryFile::Rest() { return LetRest(m_fd); }
 
 bool RetryFile::Wake() {
     timespec const times[2] = {{0, UTIME_OMIT}, {0, UTIME_NOW}};

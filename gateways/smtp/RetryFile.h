@@ -1,9 +1,9 @@
 // RetryFile: a mail that waits to be delivered, in its file "<name>.rmd".
-// Written once, under a name that no walk takes ("<name>.rmd.tmp"), flushed, and renamed; afterwards only its status
-// changes, in place, so that whoever has the file locked keeps it. A status that was written is flushed before the call
-// returns. The modification time is kept a day behind the status time: so a file rests between two tries.
-// Owner: whoever works on the mail; a RetryFile owns its descriptor, and the lock goes with it: nobody else of the
-// process may open the file meanwhile. Thread: one at a time. Failure: RetryFault, or false with errno.
+// Written once (StoredFiles); afterwards only its status changes, in place, so that whoever has the file locked keeps
+// it. A status that was written is flushed before the call returns. The modification time is kept a day behind the
+// status time: so a file rests between two tries. Owner: whoever works on the mail; a RetryFile owns its descriptor,
+// and the lock goes with it: nobody else of the process may open the file meanwhile. Thread: one at a time. Failure:
+// RetryFault, or false with errno.
 #pragma once
 
 #include <ctime>
@@ -24,17 +24,7 @@ inline constexpr char const* kUnfinishedSuffix = ".rmd.tmp";
 // whose the process is). False, with errno: it is not there, or not as it has to be.
 bool MakeRetryDirectory(std::string const& directory, long user, long group);
 
-// What is to become a file; the content is borrowed.
-struct RetryDraft {
-    std::string name;
-    RetryEnvelope envelope;
-    RetryStatus status;  // tries of 0: it is due at once; otherwise it begins with a rest
-    Content content;
-};
-
-// Writes whole files. `directory` ends in "/".
-// True: all are there after whatever happens to the machine. False, with errno: none is there.
-bool StoreRetryFiles(std::string const& directory, std::vector<RetryDraft> const& drafts);
+bool LetRest(int fd);  // whatever file it is: not due before the retryer's interval has passed; nothing is flushed
 
 // Removes what writers left behind that came to no end; how many. Younger than an hour: it may still be written.
 unsigned long SweepUnfinished(std::string const& directory);

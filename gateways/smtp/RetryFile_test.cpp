@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,6 +18,8 @@
 
 #include <testing/DocExample.h>
 #include <testing/SpoolRoom.h>
+
+#include "StoredFiles.h"
 
 namespace {
 
@@ -415,6 +418,96 @@ TEST_F(RetryFiles, OfOneMailAreAllThereOrNoneWhateverCallFails) {
         ASSERT_LT(n, 1000);
     }
     for (char const* const name : {"a1", "a1.2"}) EXPECT_EQ(Fault(Path(name)), RetryFault::None) << name;
+}
+
+// So that whoever may take them back is the first who can.
+TEST_F(RetryFiles, AreLockedUntilTheirWriterLetsGoOfThemAlsoForHisOwnProcess) {
+    Content content;
+    content.text = m_message;
+    auto stored = std::make_unique<StoredFiles>(m_directory);
+    ASSERT_TRUE(stored->Store({{"a1", m_envelope, m_status, content}, {"a1.2", m_envelope, m_status, content}}));
+    for (bool const free : {false, true}) {
+        for (char const* const name : {"a1", "a1.2"}) {
+            int const fd = ::open(Path(name).c_str(), O_RDWR | O_CLOEXEC);
+            EXPECT_EQ(::lockf(fd, F_TLOCK, 0) == 0, free) << name;
+            ::close(fd);
+        }
+        stored.reset();
+    }
+}
+
+TEST_F(RetryFiles, AreUndoneAlsoForAMachineThatEnds) {
+    int n = 1;
+    auto const change = [&] {
+        Content content;
+        content.text = m_message;
+        StoredFiles stored(m_directory);
+        return stored.Store({{"a1", m_envelope, m_status, content}}) && stored.Undo();
+    };
+    for (; DiesAt(n, change); ++n) {
+        for (auto const& entry : fs::directory_iterator(m_directory)) fs::remove(entry);
+    }
+    EXPECT_GT(n, 10);
+    EXPECT_TRUE(NamesIn(m_directory).empty());
+    EXPECT_TRUE(NamesIn(After()).empty());
+}
+
+// One that cannot be taken away, for sure or at all, is one that nobody waits for.
+TEST_F(RetryFiles, AreUndoneWhateverCallFails) {
+    Content content;
+    content.text = m_message;
+    bool allMade = false;
+    for (int n = 1; !allMade; ++n) {
+        StoredFiles stored(m_directory);
+        ASSERT_TRUE(stored.Store({{"a1", m_envelope, m_status, content}, {"a1.2", m_envelope, m_status, content}}));
+        Calls::made = 0;
+        Calls::failing = n;
+        Calls::watched = true;
+        EXPECT_TRUE(stored.Undo()) << n;
+        Calls::watched = false;
+        allMade = Calls::made < n;
+        for (auto const& entry : fs::directory_iterator(m_directory)) {
+            auto const file = Open(entry.path());
+            ASSERT_EQ(file->Read(), RetryFault::None);
+            EXPECT_FALSE(file->status().waits() || file->status().isHeld()) << n;
+        }
+    }
+}
+
+TEST_F(RetryFiles, ThatCanNeitherBeUndoneNorWrittenToAreToldOf) {
+    Content content;
+    content.text = m_message;
+    StoredFiles stored(m_directory);
+    ASSERT_TRUE(stored.Store({{"a1", m_envelope, m_status, content}}));
+    Calls::made = 0;
+    Calls::failing = 1;
+    Calls::error = EIO;
+    Calls::last = [] { Calls::failing = 2; };
+    Calls::watched = true;
+    bool const undone = stored.Undo();
+    int const error = errno;
+    Calls::watched = false;
+    EXPECT_FALSE(undone);
+    EXPECT_EQ(error, EIO);
+    EXPECT_TRUE(fs::exists(Path()));
+}
+
+TEST_F(RetryFiles, AreNotThereWhereTheirWriterHasTooFewDescriptors) {
+    Content content;
+    content.text = m_message;
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    int const next = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ::close(next);
+    rlimit const few{static_cast<rlim_t>(next) + 1, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
+    bool const stored =
+        StoreRetryFiles(m_directory, {{"a1", m_envelope, m_status, content}, {"a1.2", m_envelope, m_status, content}});
+    int const error = errno;
+    ::setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_FALSE(stored);
+    EXPECT_EQ(error, EMFILE);
+    EXPECT_TRUE(NamesIn(m_directory).empty());
 }
 
 TEST_F(RetryFiles, InterruptedCallsAreMadeAgain) {

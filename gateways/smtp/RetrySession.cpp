@@ -19,7 +19,6 @@
 #include <velt/runtime/ServiceLoop.h>
 
 #include "Notification.h"
-#include "Quarantine.h"
 #include "SmtpCounters.h"
 #include "SmtpEvents.h"
 
@@ -265,7 +264,8 @@ std::vector<Verdict> RetrySession::ScanAgain() {
 void RetrySession::Hold(std::vector<Verdict>& verdicts) {
     std::size_t const done = m_file.envelope().recipients.size() - m_waiting.size();
     std::string const name = m_name + ".later" + std::to_string(done);
-    if (Quarantine(From(), name).Keep(m_message, verdicts)) return;
+    m_held.emplace(From(), name);
+    if (m_held->Keep(m_message, verdicts)) return;
     for (Verdict& verdict : verdicts) {
         if (verdict.quarantine) verdict.fate = Verdict::Fate::Defer;
     }

@@ -20,6 +20,7 @@
 #include "Delivery.h"
 #include "Keeping.h"
 #include "Message.h"
+#include "Quarantine.h"
 #include "Report.h"
 #include "RetryFile.h"
 #include "SmtpSettings.h"
@@ -76,6 +77,7 @@ private:
     std::vector<std::size_t> m_waiting;  // where they stand in the file
     VELT::ScanContext m_scan;
     VerdictReport m_report;
+    std::optional<Quarantine> m_held;  // nobody has what it holds before the file says that it is there
     std::string m_hello;
     std::time_t m_now = 0;
     bool m_wasUnsure = false;  // before this try; what may have arrived once may have for ever

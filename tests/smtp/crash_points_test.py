@@ -1,5 +1,6 @@
 """Every call that changes what is on disk may be the last one of its process, or fail: what was told 250 arrives, none
 twice but those whose answer was lost, which are counted, and nothing is left once it was swept."""
+import concurrent.futures
 import contextlib
 import random
 import time
@@ -7,12 +8,11 @@ import unittest
 
 import harness
 import smtp_case
-from crash_case import DORA, FAILS, LARGE, CrashCase
+from crash_case import DORA, FAILS, HOLDS, LARGE, NEVER, CrashCase
 from deferred_case import STORE_FAILED
 from smtp_case import BOARD, DEFERRED, NOTIFIED, PHRASE, RULE_HIT, SENDER, STAFF, body
 
 LEAST = 6  # calls of the smallest of these
-NEVER = 1 << 40  # a call that nobody comes to
 
 
 class Keeping(CrashCase):
@@ -58,7 +58,8 @@ class Failing(CrashCase):
 
         def keep():
             before = set(self.directory.iterdir())
-            reply = self.client().mail(body(PHRASE), [STAFF, BOARD])
+            with contextlib.closing(smtp_case.Client(self.port)) as client:
+                reply = client.mail(body(PHRASE), [STAFF, BOARD])
             made = set(self.directory.iterdir()) - before
             self.assertEqual((reply[:3], len(made)), ("250", 2) if made else ("451", 0))
         self.assertGreater(self.each_call(keep, [FAILS]), 12)
@@ -76,6 +77,39 @@ class Failing(CrashCase):
         self.assertEqual(report.recipients, [SENDER])
         self.assertIn(DORA.encode(), report.content)
         self.assertNotIn(BOARD.encode(), report.content)
+
+
+class Undoing(CrashCase):
+    """What may still be undone is nobody else's."""
+    phrase = "REPLACE"
+
+    def keep(self):
+        self.sink.replies = {"MAIL": "451 4.3.2 later"}
+        with contextlib.closing(smtp_case.Client(self.port)) as client:
+            reply = client.mail(body(PHRASE), [STAFF, BOARD])
+        self.sink.replies = {}
+        return reply
+
+    def test_mail_that_may_still_go_back_to_its_client_is_taken_by_no_retryer(self):
+        self.begin(environment=self.dying)
+        self.provokes(RULE_HIT, STORE_FAILED, DEFERRED)
+        [worker], made = self.wait_worker(), self.calls_of(self.keep)
+        self.assertGreater(made, 2 * LEAST)
+        for call in range(1, made + 1):
+            self.lay({})
+            self.arm(call, HOLDS)
+            with self.subTest(call=call), concurrent.futures.ThreadPoolExecutor(1) as client:
+                reply = client.submit(self.keep)
+                self.wait_held(worker)
+                self.sink.replies = {}
+                self.one_pass()
+                self.go_on(worker)
+                self.assertRegex(reply.result(), r"^451 ")
+                self.one_pass()
+                self.assertEqual((self.files(), self.sink.messages), ({}, []))
+        self.assertRegex(self.keep(), r"^250 ")
+        self.one_pass()
+        self.assertEqual(sorted(one.recipients for one in self.sink.messages), sorted([[BOARD], [STAFF]]))
 
 
 class Retrying(CrashCase):

@@ -1,17 +1,19 @@
 """velt-queue beside gateways and retryers that run: what is released arrives once, and no mail is lost whenever it ends."""
+import concurrent.futures
 import json
 import os
 import pathlib
 import re
 import shlex
 import subprocess
+import threading
 import time
 import unittest
 
 import harness
 from crash_case import BEHIND, IN_PART, INSTEAD, CrashCase
 from deferred_case import GIVEN_UP, NO_FILE, QUARANTINED, RELEASED, numbered
-from smtp_case import BOARD, PHRASE, RULE_HIT, SENDER, STAFF, body
+from smtp_case import BOARD, DEFERRED, PHRASE, RULE_HIT, SENDER, STAFF, body
 
 TOOL = os.environ["VELT_QUEUE"]
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
@@ -94,6 +96,31 @@ class Release(QueueCase):
             self.assertEqual(len(self.sink.messages), before + 1)
             self.assertEqual((self.held(), self.waiting()), ([], []))
         self.assertGreater(self.each_call(act, MANNERS), 3)
+
+
+class Undecided(QueueCase):
+    """A mail that is held and may still go back to its client, for another recipient's sake."""
+
+    def test_mail_that_may_still_go_back_to_its_client_is_neither_released_nor_deleted(self):
+        self.begin(smtp={"StoreAndForward": False})
+        self.provokes(RULE_HIT, QUARANTINED, DEFERRED)
+        asked, decided = threading.Event(), threading.Event()
+
+        def answer(_):
+            asked.set()
+            decided.wait(harness.LIMIT)
+            return "451 4.3.2 later"
+        self.sink.replies = {"MAIL": answer}
+        with concurrent.futures.ThreadPoolExecutor(1) as client:
+            reply = client.submit(self.client().mail, body(PHRASE), [STAFF, BOARD])
+            self.assertTrue(asked.wait(harness.LIMIT))
+            [there] = self.queue("list")
+            self.assertTrue(there["locked"])
+            told = [self.queue(what, there["id"], status=1)[0]["problem"] for what in ("release", "delete")]
+            decided.set()
+            self.assertRegex(reply.result(), r"^451 ")
+        self.assertEqual(told, ["somebody works on it; try again"] * 2)
+        self.assertEqual((self.held(), self.waiting(), self.sink.messages), ([], [], []))
 
 
 class Retry(QueueCase):

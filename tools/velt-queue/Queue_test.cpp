@@ -11,6 +11,7 @@
 #include <nlohmann/json.hpp>
 
 #include <gateways/smtp/RetryFile.h>
+#include <gateways/smtp/StoredFiles.h>
 
 #include "testing/TempRoot.h"
 
