@@ -167,6 +167,19 @@ TEST_P(FindServer, NamesTheLastServerThatCouldNotBeReached) {
     ExpectFreed();
 }
 
+TEST_P(FindServer, ReportsEachServerThatCannotBeReached) {
+    ToOfferDead(1);
+    manager.ToTimeOut();
+    ToOfferDead(2);
+    events.Expect(events::SCANNER_EXCHANGE_FAILED, 2);
+    EXPECT_EQ(Find(1, 3), nullptr);
+    EXPECT_EQ(Pauses(), (std::vector<unsigned>{1, 1}));
+    EXPECT_EQ(session.callbacks, 2);
+    EXPECT_EQ(server, &Server(2));
+    EXPECT_EQ(TextAt(events.Bag(events::SCANNER_EXCHANGE_FAILED, 1), "ls_server_name"), "?");
+    ExpectFreed();
+}
+
 TEST_P(FindServer, EndsAtOnceAtAnyOtherError) {
     for (int const error : {EINTR, EIO, ENODEV, ENOTTY}) {
         manager.ToFail(error);
@@ -175,6 +188,11 @@ TEST_P(FindServer, EndsAtOnceAtAnyOtherError) {
     }
     EXPECT_EQ(manager.waits().size(), 4u);
     EXPECT_EQ(session.callbacks, 0);
+    manager.ToTimeOut();
+    manager.ToFail(EIO);
+    EXPECT_EQ(Find(1, 3), nullptr);
+    EXPECT_EQ(manager.waits().size(), 6u);
+    EXPECT_EQ(session.callbacks, 1);
 }
 
 TEST_P(FindServer, EndsWhereTheDeviceCannotBeOpened) {
@@ -280,6 +298,21 @@ TEST_P(FindServerOnly, ReportsAWaitThatRanOut) {
     EXPECT_EQ(session.callbacks, 2);
     EXPECT_EQ(TextAt(events.Bag(events::NO_SCANNER_SERVER), "connection.audit_id"), "a-1");
     ExpectFreed();
+}
+
+TEST_P(FindServerOnly, TriesAsOftenAsTheStepsGoIntoTheWait) {
+    struct {
+        int interval, maxwait;
+        std::vector<int> timeouts;
+    } const cases[] = {{0, 0, {0}}, {0, 9, {9}}, {1, 0, {1}}, {2, 5, {2, 2}}, {5, 4, {5}}};
+    for (auto const& one : cases) {
+        manager.Forget();
+        session.callbacks = 0;
+        events.Expect(events::NO_SCANNER_SERVER);
+        EXPECT_EQ(FindOnly(one.interval, one.maxwait), nullptr);
+        EXPECT_EQ(Timeouts(), one.timeouts) << one.interval << ' ' << one.maxwait;
+        EXPECT_EQ(session.callbacks, static_cast<int>(one.timeouts.size()) - 1);
+    }
 }
 
 TEST_P(FindServerOnly, ReportsNoOtherEnd) {

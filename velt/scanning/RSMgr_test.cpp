@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <climits>
@@ -10,6 +11,7 @@
 #include <string>
 
 #include "testing/DocExample.h"
+#include "velt/scanning/RSMgrBackends.h"
 #include "velt/scanning/ServerTest.h"
 
 using namespace VELT;
@@ -219,6 +221,17 @@ TEST_P(ManagerRequests, TellWhetherTheResourceIsUp) {
     EXPECT_FALSE(manager.calls().back().hasArgument);
 }
 
+TEST_P(ManagerRequests, TakeNoAnswerButOneForAResourceThatIsUp) {
+    static int s_answer;
+    manager::Backend answering = manager::g_device;
+    answering.ask = [](int, manager::Request, void*) { return s_answer; };
+    manager::Choose(&answering);
+    for (s_answer = -2; s_answer < 4; ++s_answer) EXPECT_EQ(RSMgrResourceAvailable(handle), s_answer == 1) << s_answer;
+    s_answer = 257;
+    EXPECT_FALSE(RSMgrResourceAvailable(handle));
+    manager::Choose(nullptr);
+}
+
 TEST_P(ManagerRequests, GiveTheServersName) {
     manager.SetName(3, "scan-a");
     char name[256] = {};
@@ -242,6 +255,12 @@ TEST_P(ManagerRequests, SetAResourceUp) {
     EXPECT_EQ(fields[3], address.sin_addr.s_addr);
     EXPECT_EQ(fields[4], address.sin_port);
     EXPECT_EQ(manager.setupName(), std::string(31, 'n') + '\0');
+    for (std::size_t const length : {0u, 30u, 31u, 32u}) {
+        RSMgrSetupResource(handle, 1, 2, 3, &address, std::string(length, 'n').data());
+        std::string expected(std::min<std::size_t>(length, 31), 'n');
+        expected.resize(32);
+        EXPECT_EQ(manager.setupName(), expected) << length;
+    }
     EXPECT_EQ(RSMgrSetupResource(handle, 1, 2, 3, nullptr, nullptr), 6);
     std::memcpy(fields, manager.calls().back().bytes.data(), sizeof fields);
     EXPECT_EQ(fields[3], 0u) << "no address is 0";

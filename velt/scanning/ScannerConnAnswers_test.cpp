@@ -1,5 +1,6 @@
 // What the remote scanner makes of what it is answered: refusals, lacks, broken answers, the verdict and the content.
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string_view>
@@ -25,6 +26,12 @@ protected:
     int AfterScan(std::string const& answer, std::string const& deed = "end") {
         Converse(remote, {"C " + InLine(), ok, scan, "S " + answer, "X " + deed});
         return Scan();
+    }
+    // The same of a session that lets nothing be kept.
+    int Unkept(std::string const& answer) {
+        scanner.reset(ScannerConn::get(&context));
+        scanner->dont_cache();
+        return AfterScan(answer);
     }
     // The same, but that the server falls silent after so many bytes, and goes on when a read has given up.
     int AfterScanWithStall(std::string const& answer, std::size_t at) {
@@ -234,6 +241,9 @@ TEST_F(RemoteScanAnswer, LacksEachOfItsFourHeadersByName) {
     }
     EXPECT_EQ(AfterScan("State OK\n\n"), -1);
     ExpectLack("size");  // the first of them
+    DropScanner();
+    EXPECT_EQ(AfterScan("State OK\ninput_modified 0\nsize 0\n\n"), -1);
+    ExpectLack("output_in_input");
 }
 
 TEST_F(RemoteScanAnswer, LacksASizeWhereItIsNone) {
@@ -241,6 +251,45 @@ TEST_F(RemoteScanAnswer, LacksASizeWhereItIsNone) {
         EXPECT_EQ(AfterScan(Answer(size, 0, 0, 0) + kClean + kNoProperties), -1) << size;
         ExpectLack("size");
         EXPECT_EQ(output, nullptr);
+        DropScanner();
+    }
+}
+
+TEST_F(RemoteScanAnswer, HasASizeHoweverItIsWritten) {
+    for (char const* const size : {"5", "0005", " 5", "+5", "0000000000000000000000005"}) {
+        EXPECT_EQ(Unkept(Answer(size, 0, 0, 0) + kClean + kNoProperties + "clean"), 0) << size;
+        EXPECT_EQ(All(*output->output), "clean");
+    }
+}
+
+// Every flag is a number, and on where that is not 0; what is no number is 0.
+TEST_F(RemoteScanAnswer, HasFlagsThatAreNumbers) {
+    std::pair<char const*, bool> const flags[] = {
+        {"1", true},  {"2", true},   {"-1", true}, {" 1", true},  {"1x", true},   {"256", true},  {"4294967296", true},
+        {"0", false}, {"00", false}, {"", false},  {"x1", false}, {"0 1", false}, {"0x1", false}, {"true", false}};
+    auto const answer = [](std::string const& inInput, std::string const& cached, std::string const& modified) {
+        return "State OK\nsize 3\noutput_in_input " + inInput + "\ncached " + cached + "\ninput_modified " + modified +
+               "\n\n" + kClean + kNoProperties;
+    };
+    for (auto const& [text, isOn] : flags) {
+        EXPECT_EQ(Unkept(answer(text, "0", "0") + (isOn ? "" : "new")), 0) << text;
+        EXPECT_EQ(output->output_in_input, isOn) << text;
+        EXPECT_EQ(Unkept(answer("1", text, "1") + (isOn ? "" : "new")), 0) << text;
+        EXPECT_EQ(All(*body), isOn ? content : "new") << text;
+        Fill("hello\nworld\n");
+        EXPECT_EQ(Unkept(answer("1", "0", text) + (isOn ? "new" : "")), 0) << text;
+        EXPECT_EQ(output->input_modified, isOn) << text;
+        EXPECT_EQ(All(*body), isOn ? "new" : content) << text;
+        Fill("hello\nworld\n");
+    }
+}
+
+TEST_F(RemoteScanAnswer, ThatAsksForAttributesAndThenEndsIsAFailure) {
+    for (char const* const deed : {"close", "reset"}) {
+        EXPECT_EQ(AfterScan("State Attributes\n\n", deed), -1) << deed;
+        TheReport(events::SCANNER_EXCHANGE_FAILED);
+        events.Clear();
+        EXPECT_FALSE(IsOccupied());
         DropScanner();
     }
 }
@@ -431,6 +480,14 @@ TEST_F(RemoteContent, InTheSharedFileIsOpenedAnewAndNothingIsRead) {
     }
 }
 
+// There is no file that the server could have changed, and nothing to open anew.
+TEST_F(RemoteContent, InTheSharedFileOfAnItemInMemoryIsTheItem) {
+    EXPECT_EQ(Kept(Answer("99", 1, 1, 1) + kClean + kNoProperties), 0);
+    EXPECT_EQ(output->output, context.data);
+    EXPECT_TRUE(output->input_modified);
+    EXPECT_EQ(All(*body), content);
+}
+
 TEST_F(RemoteContent, InTheSharedFileIsLostWithTheFile) {
     FillSpool();
     std::string const file = body->get_spool_file();
@@ -466,6 +523,22 @@ TEST_F(RemoteContent, OverwritesTheInputShorterAndLonger) {
         EXPECT_EQ(body->size(), length);
         EXPECT_EQ(All(*body), changed);
         DropScanner();
+    }
+}
+
+TEST_F(RemoteContent, OverwritesAnInputThatLiesInAFile) {
+    FillSpool(20000);
+    std::string const file = body->get_spool_file();
+    for (std::size_t length : {7u, 30000u, 0u}) {
+        std::string const changed(length, '#');
+        EXPECT_EQ(Unkept(Answer(std::to_string(length), 1, 0, 1) + kFound + kNoProperties + changed), 0);
+        EXPECT_EQ(body->size(), length);
+        EXPECT_EQ(body->get_spool_file(), file);
+        struct stat found {};
+        EXPECT_EQ(::stat(file.c_str(), &found), 0);
+        EXPECT_EQ(found.st_size, static_cast<off_t>(length));
+        content = All(*body);
+        EXPECT_EQ(content, changed);
     }
 }
 

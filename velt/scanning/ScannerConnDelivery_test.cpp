@@ -6,9 +6,11 @@
 
 #include <climits>
 #include <cstdio>
+#include <fstream>
 #include <stdexcept>
 
 #include "velt/scanning/ScannerConnTest.h"
+#include "velt/scanning/ScannerServer.h"
 #include "velt/scanning/ScannerThread.h"
 
 using namespace VELT;
@@ -185,6 +187,43 @@ TEST_F(RemoteSetup, SendsInLineWhatLiesInAFileWhoseNameWouldForgeAHeader) {
     EXPECT_EQ(Scan(), 0);
 }
 
+TEST_F(RemoteSetup, SendsALocalServerInLineWhatLiesInAFileOfSomebodyElse) {
+    std::string const theirs = world.root() / "theirs";
+    content.assign(5000, 'q');
+    std::ofstream(theirs) << content;
+    ASSERT_EQ(body->set_disk_file(theirs.c_str()), 0);
+    Converse(local, {"C " + InLine(), std::string("S ") + kOk, std::string("C ") + kScan, "S " + Clean()});
+    EXPECT_EQ(Scan(), 0);
+}
+
+TEST_F(RemoteSetup, TellsALengthBeyondTwoGibibytes) {
+    std::string const huge = world.root() / "huge";
+    std::ofstream(huge).close();
+    ASSERT_EQ(::truncate(huge.c_str(), 3221225472L), 0);
+    ASSERT_EQ(body->set_disk_file(huge.c_str()), 0);
+    Converse(remote, {"C get setup_scan\nprotocol smtp\ntime 1700000000\nsize 3221225472\npolicy content_in\n\n\r\n",
+                      "X reset"});
+    EXPECT_EQ(Scan(), -1001);
+    events.Expect(events::SCANNER_EXCHANGE_FAILED);
+}
+
+// An empty text is a name like others; only null is none.
+TEST_F(RemoteSetup, SendsEmptyNamesAsTheyAre) {
+    context.policy = Intern("");
+    context.identities = {Intern("")};
+    world.proxy().m_productName = "";
+    Initialise();
+    Converse(remote, {"C get setup_scan\nprotocol \ntime 1700000000\nsize 12\npolicy \n\n\r\n" + content,
+                      std::string("S ") + kOk, "C get scan\nidentity \n\n", "S " + Clean()});
+    EXPECT_EQ(Scan(), 0);
+}
+
+TEST_F(RemoteSetup, NamesTheProtocolThatThereWasAtTheStart) {
+    world.proxy().m_productName = "later";
+    Converse(remote, {"C " + InLine(), std::string("S ") + kOk, std::string("C ") + kScan, "S " + Clean()});
+    EXPECT_EQ(Scan(), 0);
+}
+
 // A spool file that was cut would put what follows out of step.
 TEST_F(RemoteSetup, FailsWhereTheFileIsShorterThanItWas) {
     FillSpool();
@@ -257,6 +296,42 @@ TEST_F(RemoteRequest, OfAFallbackForTheLastIdentityDeliversTheChangedInputAnew) 
     Offer(remote);
     EXPECT_EQ(Scan(0, true), 0);
     EXPECT_EQ(remote.connections(), 1u);
+}
+
+// The server has replaced the file; what it is told of the second time is what it left.
+TEST_F(RemoteRequest, OfAFallbackForTheLastIdentityTellsALocalServerTheFileAnew) {
+    FillSpool();
+    std::string const file = body->get_spool_file();
+    Converse(
+        local,
+        {"C " + SetupBlock("filename " + file + "\n") + "\r\n", std::string("S ") + kOk, std::string("C ") + kScan,
+         "X pass", "S " + Answer("99", 1, 1, 1) + kClean + kNoProperties, std::string("C ") + kStasis,
+         std::string("S ") + kOk, std::string("C ") + kWakeup, std::string("S ") + kOk,
+         "C get setup_scan\nprotocol smtp\ntime 1700000000\nsize 8\npolicy content_in\nfilename " + file + "\n\n\r\n",
+         std::string("S ") + kOk, "C get scan\nidentity staff\nfallbackscan 1\n\n",
+         "S " + Answer("0", 1, 0, 0) + kClean + kNoProperties, std::string("C ") + kStasis, std::string("S ") + kOk});
+    session.onCallback = [&] {
+        if (session.callbacks != 1) return;
+        std::ofstream(file + ".new") << "replaced";
+        EXPECT_EQ(::rename((file + ".new").c_str(), file.c_str()), 0);
+        local.Pass();
+    };
+    EXPECT_EQ(Scan(0), 0);
+    Offer(local);
+    EXPECT_EQ(Scan(0, true), 0);
+    EXPECT_EQ(All(*body), "replaced");
+}
+
+TEST_F(RemoteRequest, OfAFallbackInTheMidstDeliversNothing) {
+    context.identities = {Intern("staff"), Intern("guests")};
+    Converse(remote,
+             {"C " + InLine(), std::string("S ") + kOk, std::string("C ") + kScan, "S " + Clean(),
+              "C get scan\nidentity staff\nfallbackscan 1\n\n", "S " + Clean("second"),
+              "C get scan\nidentity guests\n\n", "S " + Clean(), std::string("C ") + kStasis, std::string("S ") + kOk});
+    EXPECT_EQ(Scan(0), 0);
+    EXPECT_EQ(Scan(0, true), 0);
+    EXPECT_EQ(All(*output->output), "second");
+    EXPECT_EQ(Scan(1), 0);
 }
 
 TEST_F(RemoteRequest, LeavesTheOutputThatIsPassedInAlone) {
@@ -388,6 +463,39 @@ TEST_F(RemoteSearch, IsMadeAgainByTheScanAfterOneThatFoundNobody) {
     EXPECT_EQ(Scan(), 0);  // and what failed once is not kept
 }
 
+TEST_F(RemoteSearch, TriesOnceWhereTheWaitIsNoneOrOneSecond) {
+    for (unsigned const seconds : {0u, 1u}) {
+        manager.Forget();
+        Set("scanning", "LSServerWaitTime", FakeValue::Unsigned(seconds));
+        Initialise();
+        EXPECT_EQ(Scan(), -1000);
+        ASSERT_EQ(manager.waits().size(), 1u);
+        EXPECT_EQ(manager.waits()[0].timeout, 1);
+    }
+    EXPECT_EQ(session.callbacks, 0);
+    EXPECT_TRUE(events.Names().empty());
+}
+
+// The manager's offer counts: only idle connections of a server that is down are not used.
+TEST_F(RemoteSearch, ConnectsToWhoIsOfferedThoughItsResourceIsDown) {
+    manager.SetUp(kResource, false);
+    Converse(remote, {"C " + InLine(), std::string("S ") + kOk, std::string("C ") + kScan, "S " + Clean(), "X end"});
+    EXPECT_EQ(Scan(), 0);
+}
+
+TEST_F(RemoteSearch, ConnectsWithinTheTimeThatTheManagerSays) {
+    manager.WriteSettings("1 30 3 7");
+    Converse(remote, {"C " + InLine(), std::string("S ") + kOk, std::string("C ") + kScan, "S " + Clean(),
+                      std::string("C ") + kStasis, std::string("S ") + kOk, std::string("C ") + kWakeup,
+                      std::string("S ") + kOk, "C " + InLine(), std::string("S ") + kOk, std::string("C ") + kScan,
+                      "S " + Clean()});
+    EXPECT_EQ(Scan(), 0);
+    EXPECT_EQ(TakeWaits().at(0), 3 * 1024);
+    Offer(remote);
+    EXPECT_EQ(Scan(), 0);
+    for (int const wait : TakeWaits()) EXPECT_TRUE(wait == 7 * 1024 || wait == 1000 || wait == 0) << wait;
+}
+
 // --- idle connections ---
 
 TEST_F(RemoteIdle, AreGivenBackByTheLastScanAndTakenUpByTheNextItem) {
@@ -445,6 +553,22 @@ TEST_F(RemoteIdle, AreNoneForASessionThatDistrustsThem) {
     scanner.reset(ScannerConn::get(&context));
     scanner->dont_cache();
     EXPECT_EQ(Scan(), 0);
+}
+
+// A session that distrusts one connection does not trust the next.
+TEST_F(RemoteIdle, AreNoneForTheRestOfAnItemThatIsDistrusted) {
+    Converse(remote,
+             {"C " + InLine(), std::string("S ") + kOk, std::string("C ") + kScan, "X pass", "S " + Clean(), "X end"});
+    scanner.reset(ScannerConn::get(&context));
+    session.onCallback = [&] {
+        if (session.callbacks != 1) return;
+        scanner->dont_cache();
+        remote.Pass();
+    };
+    EXPECT_EQ(Scan(0), 0);
+    Converse(remote, {"C " + InLine(), std::string("S ") + kOk, "C get scan\nidentity staff\nfallbackscan 1\n\n",
+                      "S " + Clean(), "X end"});
+    EXPECT_EQ(Scan(0, true), 0);
 }
 
 TEST_F(RemoteIdle, AreNoneWhereHelperThreadsAreOff) {
@@ -545,7 +669,28 @@ TEST_F(ScanChainRemote, LeavesTheStackOfConnectionThreadsAsItWasConfigured) {
     EXPECT_EQ(world.proxy().m_handlerStackSize, 128u);
 }
 
+TEST_F(ScanChainRemote, StaysTurnedOffWhateverTheSettingSaysLater) {
+    manager.Answer(6, 1);
+    ScannerConn::disable_ls();
+    Set("scanning", "LSDisabled", FakeValue::Flag(0));
+    Initialise();
+    EXPECT_FALSE(ScannerProcessActive());
+}
+
 // --- what the process is told ---
+
+TEST_F(ScanChainRemote, TakesSettingsThatCannotBeReadForTheirDefaults) {
+    manager.Answer(6, 1);
+    Set("scanning", "LSServerWaitTime", FakeValue::Unreadable());
+    Set("scanning", "LSDisabled", FakeValue::Unreadable());
+    Set("process", "ForkedModelThreads", FakeValue::Unreadable());
+    ScannerServer::s_usethreads = false;
+    Initialise();
+    EXPECT_TRUE(ScannerServer::s_usethreads);
+    EXPECT_TRUE(ScannerProcessActive());
+    EXPECT_EQ(Scan(), -1000);
+    EXPECT_EQ(manager.waits().size(), 60u);
+}
 
 TEST_F(RemoteSearch, WaitsForAMinuteUnlessTheSettingsSayOtherwise) {
     EXPECT_EQ(Scan(), -1000);

@@ -20,6 +20,7 @@ constexpr int kStepMs = 1000;  // of the wait for the answer to a scan, and of n
 constexpr int kShortStepMs = 5;
 
 thread_local std::vector<std::string> t_sent;
+thread_local std::vector<int> t_waits;
 thread_local int t_steps = 0;
 thread_local velt_testing::ScannerPeer* t_stalling = nullptr;
 thread_local bool t_goesOn = false;
@@ -48,6 +49,10 @@ ssize_t __wrap_send(int fd, void const* data, size_t length, int flags) {
 }
 
 int __wrap_poll(pollfd* watched, nfds_t count, int timeout_ms) {
+    {
+        velt_testing::SparedNew const notes;
+        t_waits.push_back(timeout_ms);
+    }
     if (timeout_ms != kStepMs && timeout_ms != 0 && t_stalling) return WaitForStall(watched, count);
     if (timeout_ms != kStepMs) return __real_poll(watched, count, timeout_ms);
     int const ready = __real_poll(watched, count, kShortStepMs);
@@ -60,6 +65,8 @@ namespace velt_testing {
 using namespace VELT;
 
 std::vector<std::string> TakeSent() { return std::exchange(t_sent, {}); }
+
+std::vector<int> TakeWaits() { return std::exchange(t_waits, {}); }
 
 int StepsOfASecond() { return t_steps; }
 
@@ -93,6 +100,7 @@ ScannerConnTest::ScannerConnTest() {
     context.policy = Intern("content_in");
     context.identities = {Intern("staff")};
     TakeSent();
+    TakeWaits();
     t_steps = 0;
     t_stalling = nullptr;
     scansBefore = Counted("scanner.conn.scans");

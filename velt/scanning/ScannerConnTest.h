@@ -24,6 +24,8 @@ namespace velt_testing {
 // What the test's thread has sent, one text for each call, since it last asked.
 std::vector<std::string> TakeSent();
 
+std::vector<int> TakeWaits();  // what each of its waits was bounded by, in milliseconds, likewise
+
 int StepsOfASecond();  // of waits that ran out, in this test
 
 // The next "X pass" of this server is a stall: a read of the test's thread that waits for it runs out. What the server

@@ -157,6 +157,18 @@ TEST_P(ServerList, GivesAllThreadsTheSameObject) {
     EXPECT_EQ(manager.opens(1), 1u);
 }
 
+TEST_P(ServerList, TakesAnyNumberForASequenceOrAnId) {
+    for (int const list : {0, -1, INT_MAX, INT_MIN, 0}) {
+        std::vector<ScannerServer*> made;
+        for (int const id : {0, -1, INT_MIN})
+            made.push_back(ScannerServer::findserver(list, id, 1, &listener.address()));
+        EXPECT_NE(made[0], made[1]);
+        EXPECT_NE(made[1], made[2]);
+        EXPECT_EQ(ScannerServer::findserver(list, 0, 1, &listener.address()), made[0]);
+        EXPECT_EQ(ScannerServer::findserver(list, INT_MIN, 1, &listener.address()), made[2]);
+    }
+}
+
 // --- what a server knows of itself ---
 
 TEST_P(ServerFacts, HoldsItsResourceOpenAsLongAsItLives) {
@@ -519,6 +531,22 @@ TEST_P(EndedConnections, AreKeptWhateverStateTheServerNames) {
     EXPECT_FALSE(IsClosed(peer));
 }
 
+// Whether there is a connection to keep or not, its server is looked at.
+TEST_P(EndedConnections, TakeTheIdleOnesOfAServerThatHasGoneAlong) {
+    ScannerServer& server = Server();
+    Fd const first = Kept(server);
+    manager.SetUp(1, false);
+    Fd const ended = End(server, good, false);
+    EXPECT_EQ(Heard(ended), "");
+    EXPECT_TRUE(IsClosed(first));
+    manager.SetUp(1, true);
+    Fd const second = Kept(server);
+    manager.SetUp(1, false);
+    TCPStream* none = nullptr;
+    server.end_connection(handle, none, true);
+    EXPECT_TRUE(IsClosed(second));
+}
+
 TEST_P(EndedConnections, ThatSomethingWentWrongWithAreClosedAndNotTold) {
     ScannerServer& server = Server();
     Fd const peer = End(server, good, false);
@@ -532,7 +560,9 @@ TEST_P(EndedConnections, AreNotKeptWhereTheSettingsOrTheModelForbidIt) {
     Fd const first = End(uncached, good);
     EXPECT_EQ(Heard(first), "");
     EXPECT_TRUE(IsClosed(first));
+    std::size_t const calls = manager.calls().size();
     EXPECT_EQ(std::unique_ptr<TCPStream>(uncached.cached_server()), nullptr);
+    EXPECT_EQ(manager.calls().size(), calls) << "nothing is asked for what there cannot be";
     manager.WriteSettings("1 45 5 20");
     ScannerServer& cached = Server(2);
     ScannerServer::s_usethreads = false;

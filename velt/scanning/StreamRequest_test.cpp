@@ -71,6 +71,8 @@ TEST(HeaderBlock, WithALineWithoutASpaceIsAnErrorAtOnce) {
     Block const block = Read({"State OK\ngarbage\nsize 1\n\n"});
     EXPECT_EQ(block.result, -2);
     EXPECT_EQ(block.headers, (Headers{{"State", "OK"}}));
+    EXPECT_EQ(Read({"State\tOK\n\n"}).result, -2) << "no other blank divides";
+    EXPECT_EQ(Read({"State:OK\n\n"}).result, -2);
 }
 
 TEST(HeaderBlock, TellsWhatEndedItBeforeItsEmptyLine) {
@@ -107,6 +109,20 @@ TEST(HeaderBlock, JoinsAValueThatIsLongerThanTheBuffer) {
         EXPECT_EQ(block.result, 0) << length;
         EXPECT_EQ(block.headers, (Headers{{"long", value}, {"State", "OK"}})) << length;
     }
+}
+
+// A line end may be what the buffer holds last, so a CR there is dropped with it.
+TEST(HeaderBlock, DropsACarriageReturnAtTheEndOfAPiece) {
+    std::string const first = "long " + std::string(kBuffer - 7, 'v');
+    EXPECT_EQ(Read({first + "\r\n\n"}).headers, (Headers{{"long", first.substr(5)}}));
+    EXPECT_EQ(Read({first + "\rmore\n\n"}).headers, (Headers{{"long", first.substr(5) + "more"}}));
+    EXPECT_EQ(Read({"State OK\r\r\n\n"}).headers, (Headers{{"State", "OK\r"}})) << "elsewhere one is";
+}
+
+TEST(HeaderBlock, CountsTheLastOfANameAlsoWhereItIsJoined) {
+    std::string const value(3 * kBuffer, 'v');
+    EXPECT_EQ(Read({"a " + value + "\na 1\n\n"}).headers, (Headers{{"a", "1"}}));
+    EXPECT_EQ(Read({"a 1\na " + value + "\n\n"}).headers, (Headers{{"a", value}}));
 }
 
 TEST(HeaderBlock, DoesNotStoreAValueThatTheConnectionCuts) {
