@@ -108,7 +108,7 @@ ScannerConn::~ScannerConn() { end_connection(); }
 // A server that was offered and could not be reached comes here too, with nothing to end.
 void ScannerConn::end_connection() {
     if (!server) return;
-    server->end_connection(handle, stream, cacheable);
+    server->end_connection(handle, stream, cacheable && !in_exchange);
     server = nullptr;
 }
 
@@ -158,8 +158,10 @@ int ScannerConn::scan_one(unsigned index, ScanOutput*& output, bool fallback) {
     if (!stream)
         if (int const result = connect()) return result;
     StreamRequest answer;
+    in_exchange = true;
     Outcome outcome = ask(index, fallback, answer);
     if (outcome == Outcome::Done && !take(index, answer, output)) outcome = Outcome::Failed;
+    in_exchange = false;
     bool const isLast = index + 1 == context->identities.size();
     if (outcome != Outcome::Done || (isLast && scan_requests::IsOutOfStep(*stream))) cacheable = false;
     if (outcome == Outcome::Failed || (outcome == Outcome::Done && isLast)) end_connection();
@@ -255,11 +257,12 @@ ScannerConn::Outcome ScannerConn::await(StreamRequest& answer) {
         std::string const* const state = HeaderOf(answer, "State");
         if (!state || *state != "Attributes") return is_ok_response(answer) ? Outcome::Done : Outcome::Refused;
         send_attributes();
+        if (!stream) return Outcome::Failed;  // the session ended it when it was asked
     }
 }
 
-// 1: there is something to read; 0: not waited; -1: the connection or its server is gone. What was read ahead already
-// makes no socket readable.
+// 1: there is something to read; 0: not waited; -1: the connection or its server is gone, or the session ended the
+// connection when it was called back. What was read ahead already makes no socket readable.
 int ScannerConn::wait_for_scan(int timeout) {
     if (timeout <= 0) return 0;
     if (scan_requests::IsOutOfStep(*stream)) return 1;  // it said so much at once
@@ -268,12 +271,12 @@ int ScannerConn::wait_for_scan(int timeout) {
     for (;;) {
         int const ready = watch.Wait(kWaitStepMs);
         if (ready == 1) return 1;
-        if (ready != 0 || !server->Up()) {
-            cacheable = false;
-            return kFailed;
-        }
+        if (ready != 0 || !server->Up()) break;
         if (context->connection) context->connection->ScannerCallback();
+        if (!stream) break;
     }
+    cacheable = false;
+    return kFailed;
 }
 
 // Between two scans: what came behind the answer to the first would be taken for that to the second. A peer that has
@@ -288,6 +291,7 @@ bool ScannerConn::has_unasked() {
 void ScannerConn::send_attributes() {
     KORPropertyBag attributes;
     if (context->connection) context->connection->getConnectionAttributes(&attributes);
+    if (!stream) return;
     scan_requests::Body body(*stream);
     SerializedEFabricResult::serialize(&body, "conattr", &attributes);
     body.Send();

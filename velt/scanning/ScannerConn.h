@@ -42,7 +42,9 @@ public:
     bool is_streaming_media() override;
 
     void dont_cache() { cacheable = false; }  // the connection closes when it ends
-    void end_connection();                    // now, and not with the scanner
+    // Now, and not with the scanner. A session may do so while it is called back, or asked for its attributes: the
+    // connection is closed, and the scan that waits answers -1 without an event.
+    void end_connection();
 
 private:
     enum class Outcome { Done, Failed, Refused };
@@ -74,7 +76,8 @@ private:
     bool cacheable = true;        // nothing has gone wrong with the connection
     TCPStream* stream = nullptr;  // null before the first scan and after the end
     ScannerServer* server = nullptr;
-    RSMGRHANDLE handle = -1;  // occupies the server while it is open
+    RSMGRHANDLE handle = -1;   // occupies the server while it is open
+    bool in_exchange = false;  // a scan was asked for, and its answer has not been read whole
 
     // Set at start-up.
     static std::string protocol;

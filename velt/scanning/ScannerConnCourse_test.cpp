@@ -138,6 +138,33 @@ TEST_F(RemoteCallback, MayBeMissing) {
     events.Expect(events::SCANNER_REFUSED);
 }
 
+// A session whose client has gone need not wait for the answer. The server, which is at work, is told nothing.
+TEST_F(RemoteCallback, MayEndTheConnection) {
+    Converse(remote, {"C " + InLine(), ok, scan, "X end"});
+    session.onCallback = [this] { scanner->end_connection(); };
+    EXPECT_EQ(Scan(), -1);
+    EXPECT_FALSE(IsOccupied());
+    EXPECT_EQ(session.callbacks, 1);
+    EXPECT_EQ(output, nullptr);
+    EXPECT_TRUE(events.Names().empty());
+    session.onCallback = nullptr;
+    Converse(remote, {"C " + InLine(), ok, scan, "S " + Clean(), "X end"});
+    EXPECT_EQ(Scan(), 0) << "by a connection that is not kept either";
+}
+
+TEST_F(RemoteCallback, MayEndTheConnectionWhenItIsAskedForItsAttributes) {
+    class Ending : public ItemSession {
+    public:
+        void getConnectionAttributes(IKORPropertyBag*) override { onCallback(); }
+    } ending;
+    context.connection = &ending;
+    ending.onCallback = [this] { scanner->end_connection(); };
+    Converse(remote, {"C " + InLine(), ok, scan, "S State Attributes\n\n", "X end"});
+    EXPECT_EQ(Scan(), -1);
+    EXPECT_FALSE(IsOccupied());
+    EXPECT_TRUE(events.Names().empty());
+}
+
 TEST_F(RemoteCallback, MayEndTheSearchWithTheConnectionThatThereIsNot) {
     Listener closed;
     sockaddr_in const nobody = closed.address();
