@@ -211,7 +211,7 @@ Conversation::State Conversation::SetUp(StreamRequest const& request) {
 
 Conversation::State Conversation::TakeContent() {
     m_wire.Begin({std::numeric_limits<unsigned long>::max(), m_limits.dataMs, m_limits.dataMs, true});
-    if (m_data->spool_from_stream(&m_wire, static_cast<unsigned>(m_size)) != 0) {
+    if (m_data->take_from_stream(&m_wire, static_cast<unsigned>(m_size)) != 0) {
         if (m_wire.end() != Wire::End::None) return Ended("in an item's content");
         return Refuse(Trouble::SpoolFailed, "no room for the item");
     }

@@ -74,6 +74,8 @@ public:
     int spool_to_disk(char const* path, Replacements const& replacements);
 
     int spool_from_stream(BufferedStream* source, unsigned count);  // -1 too when the source ends before
+    // The same in as few reads as the source allows: what fits the memory is read straight into it.
+    int take_from_stream(BufferedStream* source, unsigned count);
 
     // Replace the content. A file that does not fit into memory is used where it is; it is not deleted afterwards.
     int spool_from_disk(char const* path);  // read-only when used in place

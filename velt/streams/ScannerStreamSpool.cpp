@@ -3,8 +3,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -128,6 +130,28 @@ int ScannerStream::spool_from_stream(BufferedStream* source, unsigned count) {
         if (got < 1) return -1;
         if (!WriteAllTo(*this, data, static_cast<unsigned>(got))) return -1;
         count -= static_cast<unsigned>(got);
+    }
+    return 0;
+}
+
+// What the source has at hand already comes by way of its buffer.
+int ScannerStream::take_from_stream(BufferedStream* source, unsigned count) {
+    restore_saved_chr();
+    char* data = nullptr;
+    int const at_hand = source->buffereddata(data);
+    unsigned const first = at_hand > 0 ? std::min(static_cast<unsigned>(at_hand), count) : 0;
+    if (spool_from_stream(source, first) != 0) return -1;
+    count -= first;
+    if (on_disk() || std::uint64_t{posn} + count >= room()) return spool_from_stream(source, count);
+    if (posn > eof) grow_to(posn);
+    while (count > 0) {
+        unsigned got = 0;
+        int const error = source->read(memory + posn, count, &got);
+        if (error) errno = error;
+        if (error || got == 0) return -1;
+        posn += got;
+        eof = std::max(eof, posn);
+        count -= got;
     }
     return 0;
 }

@@ -215,6 +215,49 @@ TEST_F(SpoolCopies, FailWhenTheyCannotKeepWhatThePeerSends) {
     EXPECT_EQ(stream.spool_from_stream(&peer, 100), -1);
 }
 
+TEST_F(SpoolCopies, AreReadStraightIntoTheMemoryThatHasRoom) {
+    ScriptedStream peer({"HEAD\n" + Text(10), Text(50).substr(10)});
+    EXPECT_EQ(peer.GetLine().text, "HEAD");
+    ASSERT_EQ(stream.take_from_stream(&peer, 50), 0);
+    EXPECT_EQ(ReadAll(stream), Text(50));
+    EXPECT_EQ(peer.asked().back(), 40u) << "what is still to come, and nothing that comes behind it";
+    EXPECT_EQ(peer.reads(), 2);
+}
+
+TEST_F(SpoolCopies, AreTakenWholeHoweverTheyComeAndWhereverTheyLie) {
+    for (unsigned size : {0u, 1u, kMemory - 1, kMemory, 200u}) {
+        for (std::size_t cut = 0; cut <= size; ++cut) {
+            stream.reset();
+            ScriptedStream peer({"H\n" + Text(size).substr(0, cut), Text(size).substr(cut) + "NEXT\n"});
+            EXPECT_EQ(peer.GetLine().text, "H");
+            ASSERT_EQ(stream.take_from_stream(&peer, size), 0) << size << ' ' << cut;
+            EXPECT_EQ(ReadAll(stream), Text(size)) << cut;
+            EXPECT_EQ(peer.GetLine().text, "NEXT") << size << ' ' << cut;
+            EXPECT_EQ(stream.get_spool_file().empty(), size < kMemory);
+        }
+    }
+}
+
+TEST_F(SpoolCopies, GoOnWhereTheCursorStands) {
+    Put(stream, "abc");
+    ScriptedStream peer({"DEF"});
+    ASSERT_EQ(stream.take_from_stream(&peer, 3), 0);
+    EXPECT_EQ(ReadAll(stream), "abcDEF");
+    stream.seek(8, 0);
+    ScriptedStream more({"x"});
+    ASSERT_EQ(stream.take_from_stream(&more, 1), 0);
+    EXPECT_EQ(ReadAll(stream), std::string("abcDEF\0\0x", 9)) << "a gap is of zero bytes";
+}
+
+TEST_F(SpoolCopies, ThatTheMemoryHasRoomForFailAsOthersDo) {
+    ScriptedStream closes({Text(10)});
+    EXPECT_EQ(stream.take_from_stream(&closes, 11), -1);
+    ScriptedStream fails({Text(10)}, EndsWith::reset);
+    errno = 0;
+    EXPECT_EQ(stream.take_from_stream(&fails, 11), -1);
+    EXPECT_EQ(errno, ECONNRESET);
+}
+
 TEST_F(SpoolCopies, LoadAFileThatFitsAndUseALargerOneWhereItIs) {
     for (unsigned size = kMemory - 2; size <= kMemory + 2; ++size) {
         std::string const path = File(Text(size));
