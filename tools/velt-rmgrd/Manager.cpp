@@ -198,6 +198,7 @@ void Manager::Accept() {
         }
         m_clients.push_back(std::make_unique<Client>());
         m_clients.back()->fd = fd;
+        Read(*m_clients.back());  // mostly it has asked already
     }
     m_acceptFailed = errno != EAGAIN;
 }
@@ -267,7 +268,7 @@ bool Manager::Take(Client& client, Question const& question) {
         case kOpen:
             return client.role == Role::Fresh && Open(client, question.values[0]);
         case kWait:
-            return client.role == Role::Waiter && Wait(client, question.values[0]);
+            return (client.role == Role::Fresh || client.role == Role::Waiter) && Wait(client, question.values[0]);
         case kName:
             return client.role == Role::Resource && TellName(client);
         case kSetup:
@@ -299,8 +300,9 @@ bool Manager::Open(Client& client, int resource) {
     return true;
 }
 
-// One that waits anew has left what it had.
+// One that waits anew has left what it had. Who asks for nothing else need not open anything first.
 bool Manager::Wait(Client& client, int seconds) {
+    client.role = Client::Role::Waiter;
     if (client.occupies) m_farm.Leave(client.occupies);
     client.occupies = 0;
     client.waits = true;

@@ -97,6 +97,10 @@ protected:
         if (handle < 0 && !RSMgrResourceHandle(handle, 0)) return -1;
         return RSMgrWaitForResource(handle, seconds, &where, &id, &sequence);
     }
+    int WaitAnew(int& handle) {
+        RSMgrFreeResource(handle);
+        return Wait(handle);
+    }
     int Announce(int& handle, char const* name, int capacity = 0, unsigned short port = 4310) {
         sockaddr_in address = Loopback(port);
         std::string text(name);
@@ -275,6 +279,19 @@ TEST_F(ManagerOccupation, OfAProcessThatDiesEnds) {
     EXPECT_EQ(::waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
     EXPECT_EQ(Wait(first), 1);
+}
+
+TEST_F(ManagerOccupation, IsHadByAConnectionThatAsksForNothingElse) {
+    Start({Facts("a", 1)});
+    EXPECT_TRUE(IsTold("a", "is up"));
+    Fd fd = Raw();
+    Ask(fd, manager::kWait, 5);
+    manager::Answer answer;
+    EXPECT_EQ(::recv(fd.get(), &answer, sizeof answer, 0), static_cast<ssize_t>(sizeof answer));
+    EXPECT_EQ(answer.result, 1);
+    EXPECT_EQ(Wait(first, 0), -1) << "it is busy";
+    fd.Close();
+    EXPECT_EQ(WaitAnew(first), 1);
 }
 
 TEST_F(ManagerOccupation, IsGivenToTheFirstWhoWaited) {
@@ -483,7 +500,7 @@ TEST_F(ManagerSocket, HangsUpOnWhatItDoesNotUnderstand) {
     Start({Facts("a")});
     {
         Fd const fd = Raw();
-        Ask(fd, manager::kWait, 1);
+        Ask(fd, manager::kName, 0);
         EXPECT_TRUE(IsHungUp(fd)) << "nothing was opened";
     }
     struct {
@@ -616,11 +633,11 @@ TEST_F(ManagerThatIsFull, EndsTheOldestHandleOfAnEarlierList) {
 TEST_F(ManagerThatIsFull, RefusesWhoComesWhereAllAreOfThisList) {
     std::vector<Fd> now;
     for (int i = 0; i < kRoom; ++i) now.push_back(Resource());
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(Wait(first), -1);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(WaitAnew(first), -1);
     EXPECT_TRUE(IsToldOnce("too many connections"));
     for (Fd const& fd : now) EXPECT_TRUE(IsOpen(fd));
     now.pop_back();
-    EXPECT_TRUE(Eventually([&] { return Wait(first) == 1; }));
+    EXPECT_TRUE(Eventually([&] { return WaitAnew(first) == 1; }));
 }
 
 // A manager that accepts and says nothing is given up, and its late answer is not taken for another's.

@@ -22,6 +22,7 @@ namespace {
 using Steady = std::chrono::steady_clock;
 
 constexpr int kAnswerSeconds = 5;  // beyond what the question itself allows
+constexpr int kSearch = 0;         // the resource that waits: its first question opens it, and hears a refusal
 
 // A late answer would be taken for that of the next question: nothing more is said on this connection.
 int GiveUp(int handle, int error) {
@@ -90,6 +91,7 @@ int Connect() {
 int Open(int resource) {
     int const fd = Connect();
     if (fd < 0) return -1;
+    if (resource == kSearch) return MoveUp(fd);
     Answer answer;
     if (Exchange(fd, About(kOpen, resource), answer) >= 0) return MoveUp(fd);
     int const error = errno;
