@@ -186,7 +186,22 @@ def root_of(folder, signatures=""):
     return root
 
 
-def rules(address, port, more="", engine=""):
+ONE_ENGINE = """  <policy name="content"><actions><action>LOG</action><action>DENY</action></actions>
+    <settings section="KORAVScanner"><set name="Enabled">true</set><set name="Action">DENY</set></settings>
+  </policy>
+  <policy name="content_in" base="content"/>
+  <policy name="content_out" base="content"/>
+"""
+
+
+def sample_content(name):
+    """The policies by which the sample of this name has content looked at."""
+    sample = pathlib.Path(__file__).resolve().parents[1] / f"packaging/samples/{name}/config/qxxmlconf/rules.xml"
+    text = sample.read_text()
+    return text[text.index('  <policy name="content">'):text.rindex("</rules>")]
+
+
+def rules(address, port, more="", content=ONE_ENGINE):
     return f"""<rules version="1">
   <policy name="base">
     <settings section="network">
@@ -197,19 +212,14 @@ def rules(address, port, more="", engine=""):
       <set name="MonitorHealth">false</set><set name="PermThreads">16</set><set name="MemoryLimit">500000</set>
     </settings>{more}
   </policy>
-  <policy name="content"><actions><action>LOG</action><action>DENY</action></actions>
-    <settings section="KORAVScanner"><set name="Enabled">true</set><set name="Action">DENY</set>{engine}</settings>
-  </policy>
-  <policy name="content_in" base="content"/>
-  <policy name="content_out" base="content"/>
-</rules>
+{content}</rules>
 """
 
 
 OWN_SIGNATURE = f"Throughput.Test : {SIGNATURE.hex()}\n"
 
 
-def Gateway(build, folder, sink, clamd=None, farm=False):
+def Gateway(build, folder, sink, clamd=None, farm=False, content=ONE_ENGINE):
     """Ours: with its own signatures, or with none that match and the scan server, or the scanner daemons, that have."""
     [port] = relays.harness.free_ports(1)
     root = root_of(folder, "" if clamd or farm else OWN_SIGNATURE)
@@ -217,7 +227,9 @@ def Gateway(build, folder, sink, clamd=None, farm=False):
     reports = "".join(f'<event number="60000" reason="{reason}" switch="on"/>' for reason in (2, 3, 4))
     write(root / "config/qxxmlconf/bench-logging.xml",
           f'<logging version="1"><sink type="json" file="/dev/null"/><events default="off">{reports}</events></logging>\n')
-    servers = f'<list name="ClamdSockets"><item>{clamd.socket}</item></list>' if clamd else ""
+    if clamd:
+        servers = f'<list name="ClamdSockets"><item>{clamd.socket}</item></list>'
+        content = content.replace('<set name="Enabled">true</set>', f'<set name="Enabled">true</set>{servers}', 1)
     write(root / "config/qxxmlconf/rules.xml", rules("127.0.0.1", port, f"""
     <settings section="scanning">
       <set name="MaxScanMem">1024</set><set name="LSDisabled">{"false" if farm else "true"}</set>
@@ -225,7 +237,7 @@ def Gateway(build, folder, sink, clamd=None, farm=False):
     <settings section="smtp">
       <set name="RelayHost">127.0.0.1</set><set name="RelayPort">{sink.port}</set>
       <set name="GreetingName">bench.test</set>
-    </settings>""", servers))
+    </settings>""", content))
     return Service([build / "bin/velt-smtp", "bench", "bench"], port, root)
 
 
