@@ -257,6 +257,14 @@ int rename(char const* from, char const* to) {
     return result;
 }
 
+int renameat2(int fromFolder, char const* from, int toFolder, char const* to, unsigned flags) {
+    static auto const next = Next<int (*)(int, char const*, int, char const*, unsigned)>("renameat2");
+    Step const step(from);  // a path by itself, as all callers have it
+    int const result = step.Fails() ? -1 : next(fromFolder, from, toFolder, to, flags);
+    if (result == 0 && step.watched()) Record("renamed", 0, 0, from, to);
+    return result;
+}
+
 int link(char const* from, char const* to) {
     static auto const next = Next<int (*)(char const*, char const*)>("link");
     Step const step(to);
