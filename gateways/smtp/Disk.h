@@ -12,8 +12,15 @@ bool WriteAt(int fd, std::string_view bytes, std::uint64_t at);
 bool Flush(int fd);
 bool FlushDirectory(std::string const& directory);
 
-// Moves the open file at `path` into a directory, which ends in "/", under its name there; EEXIST: that is taken. Into
-// another file system it is copied, with owner, mode and times, before the old one goes. Both directories are flushed.
-bool MoveFile(int fd, std::string const& path, std::string const& directory);
+// Gives the file at `from` another name, which nobody has there; EEXIST: it is taken.
+bool RenameUnlessTaken(std::string const& from, std::string const& to);
+
+// Moves the file at `path` into a directory of the same file system, which ends in "/", under its name there; EEXIST:
+// that is taken; EXDEV: it is another file system. Both directories are flushed.
+bool MoveFile(std::string const& path, std::string const& directory);
+
+// Into a file that is empty: the content, and with `CopyFacts` owner and mode. Nothing is flushed.
+bool CopyContent(int from, int to);
+bool CopyFacts(int from, int to);
 
 }  // namespace smtp

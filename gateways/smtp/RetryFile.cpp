@@ -185,17 +185,43 @@ bool RetryFile::IsStillNamed() const {
            own.st_ino == named.st_ino;
 }
 
+bool RetryFile::Lock() { return ::lockf(m_fd, F_TLOCK, 0) == 0; }
+
 bool RetryFile::Move(std::string const& directory) {
-    if (!MoveFile(m_fd, m_path, directory)) return false;
+    if (!MoveFile(m_path, directory)) return false;
     m_path = directory + m_path.substr(m_path.rfind('/') + 1);
     return true;
+}
+
+// It has its lock, its owner and its status before it has a name by which somebody could take it.
+std::unique_ptr<RetryFile> RetryFile::CopyInto(std::string const& directory, RetryStatus const& status) {
+    std::string const to = directory + m_path.substr(m_path.rfind('/') + 1);
+    if (::access(to.c_str(), F_OK) == 0) return errno = EEXIST, nullptr;
+    std::string const unfinished = to + ".tmp";
+    int const fd = ::open(unfinished.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0) return nullptr;
+    auto copy = std::make_unique<RetryFile>(fd, unfinished);
+    bool const whole = copy->Lock() && CopyContent(m_fd, fd) && (errno = EIO, copy->Read() == RetryFault::None) &&
+                       CopyFacts(m_fd, fd) && copy->Note(status);
+    if (whole && RenameUnlessTaken(unfinished, to)) return copy->m_path = to, std::move(copy);
+    int const error = errno;
+    ::unlink(unfinished.c_str());
+    errno = error;
+    return nullptr;
+}
+
+bool RetryFile::Rename(std::string const& name) {
+    std::string const to = folder() + name;
+    if (to != m_path && ::rename(m_path.c_str(), to.c_str()) != 0) return false;
+    m_path = to;
+    return FlushDirectory(folder());
 }
 
 // A removal that is not flushed would come back with the machine, and the mail with it.
 bool RetryFile::Remove() {
     if (!IsStillNamed()) return true;
     if (::unlink(m_path.c_str()) != 0) return errno == ENOENT;
-    FlushDirectory(m_path.substr(0, m_path.rfind('/') + 1));
+    FlushDirectory(folder());
     return true;
 }
 

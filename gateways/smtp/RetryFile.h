@@ -8,6 +8,7 @@
 
 #include <ctime>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -58,14 +59,30 @@ public:
 
     bool IsStillNamed() const;  // and not another file in its place
 
-    // Moves the file into another directory, under its name; the lock goes along where both are of one file system. A
-    // file that has the name there already stays: EEXIST. False, with errno: it is where it was, or in both places.
+    // Another process that has it locked keeps it: false, with errno.
+    bool Lock();
+
+    // The same mail, in another file or in this one, however far it is.
+    bool IsCopyOf(RetryFile const& other) const { return m_layout == other.m_layout; }
+
+    // Moves the file into another directory of the same file system, under its name; the lock goes along. A file that
+    // has the name there already stays: EEXIST. Another file system: EXDEV. False, with errno: it is where it was, or
+    // not flushed where it is.
     bool Move(std::string const& directory);
+
+    // A copy in another directory, under its name there, with `status`, locked. Flushed but for its name. Null, with
+    // errno: there is none.
+    std::unique_ptr<RetryFile> CopyInto(std::string const& directory, RetryStatus const& status);
+
+    // The file gets another name in its directory, over a file that has it. Flushed, also where it has that name
+    // already.
+    bool Rename(std::string const& name);
 
     // Gone for good. True too where the path leads to another file by now, which is left alone.
     bool Remove();
 
 private:
+    std::string folder() const { return m_path.substr(0, m_path.rfind('/') + 1); }
     bool ReadPart(std::uint64_t from, std::uint64_t length, std::string& out);
     RetryFault ReadStatus();
 

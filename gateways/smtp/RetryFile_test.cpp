@@ -30,7 +30,6 @@ struct Calls {
     static inline int made = 0;
     static inline int failing = 0;  // the n-th; 0: none
     static inline int error = EIO;
-    static inline bool apart = false;          // each directory is a file system
     static inline bool simple = false;         // one that cannot refuse a name that is there
     static inline std::function<void()> last;  // in place of the n-th call
     static inline std::map<ino_t, std::string> flushed;
@@ -95,9 +94,6 @@ int __wrap_futimens(int fd, timespec const* times) { return Calls::Fails() ? -1 
 int __wrap_rename(char const* from, char const* to) { return Calls::Fails() ? -1 : __real_rename(from, to); }
 int __wrap_renameat2(int fromFolder, char const* from, int toFolder, char const* to, unsigned flags) {
     if (Calls::Fails()) return -1;
-    if (Calls::apart && std::filesystem::path(from).parent_path() != std::filesystem::path(to).parent_path()) {
-        return errno = EXDEV, -1;
-    }
     if (Calls::simple) return errno = EINVAL, -1;
     return __real_renameat2(fromFolder, from, toFolder, to, flags);
 }
@@ -133,7 +129,7 @@ protected:
         Calls::watched = false;
         Calls::last = nullptr;
         Calls::failing = 0;
-        Calls::apart = Calls::simple = false;
+        Calls::simple = false;
     }
 
     bool Store(std::string const& name = "a1") {
@@ -609,35 +605,34 @@ TEST_F(RetryFiles, ARemovalThatWasSaidToBeDoneIsNotUndoneByTheEndOfTheMachine) {
 // --- moved ---
 
 TEST_F(RetryFiles, MoveWithTheirStatusTheirTimesAndTheirLock) {
-    for (bool const apart : {false, true}) {
-        fs::remove_all(Other());
-        fs::create_directories(Other());
-        Calls::apart = apart;
-        ASSERT_TRUE(Store());
-        auto const file = Open(Path());
-        ASSERT_EQ(file->Read(), RetryFault::None);
-        ASSERT_TRUE(file->Wake());
-        ASSERT_TRUE(file->Move(Other()));
-        EXPECT_EQ(file->path(), Other("a1.rmd"));
-        EXPECT_EQ(file->IsStillNamed(), !apart);
-        EXPECT_FALSE(fs::exists(Path()));
-        EXPECT_EQ(NamesIn(Other()).size(), 1u);
-        EXPECT_EQ(Message(Other("a1.rmd")), m_message);
-        struct stat facts {};
-        ASSERT_EQ(::stat(Other("a1.rmd").c_str(), &facts), 0);
-        EXPECT_LE(facts.st_ctime - facts.st_mtime, 5) << "due at the next walk";
-        EXPECT_EQ(facts.st_mode & 0777, 0600u);
-    }
+    fs::create_directories(Other());
+    ASSERT_TRUE(Store());
+    auto const file = Open(Path());
+    ASSERT_EQ(file->Read(), RetryFault::None);
+    ASSERT_TRUE(file->Wake());
+    ASSERT_TRUE(file->Move(Other()));
+    EXPECT_EQ(file->path(), Other("a1.rmd"));
+    EXPECT_TRUE(file->IsStillNamed());
+    EXPECT_FALSE(fs::exists(Path()));
+    EXPECT_EQ(NamesIn(Other()).size(), 1u);
+    EXPECT_EQ(Message(Other("a1.rmd")), m_message);
+    struct stat facts {};
+    ASSERT_EQ(::stat(Other("a1.rmd").c_str(), &facts), 0);
+    EXPECT_LE(facts.st_ctime - facts.st_mtime, 5) << "due at the next walk";
+    EXPECT_EQ(facts.st_mode & 0777, 0600u);
 }
 
 TEST_F(RetryFiles, MoveOverNobodyWhateverTheFileSystemCan) {
     fs::create_directories(Other());
     std::ofstream(Other("a1.rmd")) << "precious";
-    for (auto const& [apart, simple] : {std::pair(false, false), {true, false}, {false, true}}) {
-        Calls::apart = apart;
+    for (bool const simple : {false, true}) {
         Calls::simple = simple;
         ASSERT_TRUE(Store());
         EXPECT_FALSE(Open(Path())->Move(Other()));
+        EXPECT_EQ(errno, EEXIST);
+        auto const file = Open(Path());
+        ASSERT_EQ(file->Read(), RetryFault::None);
+        EXPECT_EQ(file->CopyInto(Other(), file->status()), nullptr);
         EXPECT_EQ(errno, EEXIST);
         EXPECT_EQ(Message(Path()), m_message);
         EXPECT_EQ(Slurp(Other("a1.rmd")), "precious");
@@ -645,52 +640,58 @@ TEST_F(RetryFiles, MoveOverNobodyWhateverTheFileSystemCan) {
     }
 }
 
-// True: it is in the new place alone. False: it is whole in one place at least.
+// True: it is in the new place alone. False: it is whole in one place.
 TEST_F(RetryFiles, MoveOrAreWhereTheyWereWhateverCallFails) {
-    for (bool const apart : {false, true}) {
-        Calls::apart = apart;
-        for (int n = 1;; ++n) {
-            fs::remove_all(Other());
-            fs::create_directories(Other());
-            ASSERT_TRUE(Store());
-            auto file = Open(Path());
-            Calls::made = 0;
-            Calls::failing = n;
-            Calls::watched = true;
-            bool const moved = file->Move(Other());
-            Calls::watched = false;
-            bool const allMade = Calls::made < n;
-            bool const there = fs::exists(Other("a1.rmd")), here = fs::exists(Path());
-            EXPECT_TRUE(moved ? there && !here : there || here) << n;
-            for (std::string const& path : {Path(), Other("a1.rmd")}) {
-                if (fs::exists(path)) {
-                    EXPECT_EQ(Message(path), m_message) << n << ' ' << path;
-                }
-            }
-            if (allMade) break;
-            ASSERT_LT(n, 1000);
-        }
+    for (int n = 1;; ++n) {
+        fs::remove_all(Other());
+        fs::create_directories(Other());
+        ASSERT_TRUE(Store());
+        auto file = Open(Path());
+        Calls::made = 0;
+        Calls::failing = n;
+        Calls::watched = true;
+        bool const moved = file->Move(Other());
+        Calls::watched = false;
+        bool const allMade = Calls::made < n;
+        bool const there = fs::exists(Other("a1.rmd")), here = fs::exists(Path());
+        EXPECT_TRUE(moved ? there && !here : there != here) << n;
+        EXPECT_EQ(Message(there ? Other("a1.rmd") : Path()), m_message) << n;
+        if (allMade) break;
+        ASSERT_LT(n, 1000);
     }
 }
 
-TEST_F(RetryFiles, AMoverThatDiesLeavesThemWholeInOnePlaceAtLeast) {
-    for (bool const apart : {false, true}) {
-        Calls::apart = apart;
-        int n = 1;
-        for (;; ++n) {
-            fs::remove_all(Other());
-            fs::create_directories(Other());
-            ASSERT_TRUE(Store());
-            if (!DiesAt(n, [&] { return Open(Path())->Move(Other()); })) break;
-            EXPECT_TRUE(fs::exists(Path()) || fs::exists(Other("a1.rmd"))) << n;
-            for (std::string const& path : {Path(), Other("a1.rmd")}) {
-                if (fs::exists(path)) {
-                    EXPECT_EQ(Message(path), m_message) << n << ' ' << path;
-                }
-            }
-        }
-        EXPECT_GT(n, 3);
+TEST_F(RetryFiles, CopyWithTheirModeAndAnotherStatusAndNothingIsLeftOfACopyThatFails) {
+    int n = 1;
+    for (;; ++n) {
+        fs::remove_all(Other());
+        fs::create_directories(Other());
+        ASSERT_TRUE(Store());
+        auto const file = Open(Path());
+        ASSERT_EQ(file->Read(), RetryFault::None);
+        RetryStatus status = file->status();
+        status.recipients[0] = State::Held;
+        Calls::made = 0;
+        Calls::failing = n;
+        Calls::watched = true;
+        auto const copy = file->CopyInto(Other(), status);
+        Calls::watched = false;
+        EXPECT_EQ(Message(Path()), m_message);
+        EXPECT_EQ(NamesIn(Other()).size(), copy ? 1u : 0u) << n;
+        if (Calls::made >= n) continue;
+        ASSERT_NE(copy, nullptr);
+        EXPECT_TRUE(copy->IsCopyOf(*file));
+        EXPECT_TRUE(copy->IsStillNamed());
+        break;
     }
+    EXPECT_GT(n, 5);
+    auto const copy = Open(Other("a1.rmd"));
+    ASSERT_EQ(copy->Read(), RetryFault::None);
+    EXPECT_TRUE(copy->status().isHeld() && copy->status().waits());
+    EXPECT_EQ(Message(Other("a1.rmd")), m_message);
+    struct stat facts {};
+    ASSERT_EQ(::stat(Other("a1.rmd").c_str(), &facts), 0);
+    EXPECT_EQ(facts.st_mode & 0777, 0600u);
 }
 
 TEST_F(RetryFiles, UnfinishedOnesAreSweptWhenTheyAreOldAndNothingElseIs) {

@@ -11,6 +11,7 @@
 #include <velt/runtime/TCPServiceLoop.h>
 
 #include "ClockWatch.h"
+#include "Release.h"
 #include "RetryFile.h"
 #include "RetrySession.h"
 #include "SmtpEvents.h"
@@ -41,9 +42,10 @@ public:
         smtp::SweepSpool(m_scanDir);
         smtp::KeepSettings const keep = smtp::ReadKeepSettings(m_config);
         if (keep.enabled) MakeDirectory(keep.directory);
-        if (keep.enabled) smtp::SweepDeferred(keep.directory);
         if (keep.enabled) smtp::RestFromNow(keep.directory);
         MakeQuarantine(keep.quarantine);
+        FinishReleases(keep);
+        smtp::SweepDeferred(keep.directory);
         smtp::SweepDeferred(keep.quarantine);
         return 0;
     }
@@ -62,6 +64,11 @@ private:
 
     // Policies with nothing to keep do without it; a message that needs it says what is wrong.
     void MakeQuarantine(std::string const& path) { static_cast<void>(Make(path)); }
+
+    // What is half-way yet is held in the deferred directory, as each walk says.
+    static void FinishReleases(smtp::KeepSettings const& keep) {
+        smtp::FinishReleases(keep.quarantine, keep.directory, [](std::string const&, int) {});
+    }
 
     // What cannot be made is told again with each message that is not kept.
     void MakeDirectory(std::string const& path) {

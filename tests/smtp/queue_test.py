@@ -1,6 +1,5 @@
 """velt-queue beside gateways and retryers that run: what is released arrives once, and no mail is lost whenever it ends."""
 import concurrent.futures
-import json
 import os
 import pathlib
 import re
@@ -11,36 +10,14 @@ import time
 import unittest
 
 import harness
-from crash_case import BEHIND, IN_PART, INSTEAD, CrashCase
-from deferred_case import GIVEN_UP, NO_FILE, QUARANTINED, RELEASED, numbered
+from crash_case import BEHIND, IN_PART, INSTEAD
+from deferred_case import GIVEN_UP, QUARANTINED, RELEASED, numbered
+from queue_case import TOOL, QueueCase
 from smtp_case import BOARD, DEFERRED, PHRASE, RULE_HIT, SENDER, STAFF, body
 
-TOOL = os.environ["VELT_QUEUE"]
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 PAGE = SOURCE / "docs/velt-queue.md"
 MANNERS = (INSTEAD, IN_PART, BEHIND) if harness.FULL else (INSTEAD,)
-
-
-class QueueCase(CrashCase):
-    phrase = "QUARANTINE"
-
-    def command(self, *words):
-        return [TOOL, "--root", str(self.root.path), *words]
-
-    def queue(self, *words, status=0, environment=None):
-        """What it says in JSON."""
-        done = subprocess.run(self.command("--json", *words), capture_output=True, text=True, check=False,
-                              env={**os.environ, **(environment or {})})
-        self.assertEqual(done.returncode, status, done)
-        return [json.loads(line) for line in done.stdout.splitlines()]
-
-    def hold(self, content=None):
-        before = set(self.held())
-        client = self.client()
-        self.assertRegex(client.mail(content or body(PHRASE)), r"^250 ")
-        client.close()
-        (name,) = set(self.held()) - before
-        return name.removesuffix(".rmd")
 
 
 class Release(QueueCase):
@@ -86,8 +63,7 @@ class Release(QueueCase):
         def act():
             name = self.hold()
             before = len(self.sink.messages)
-            subprocess.run(self.command("release", name), env={**os.environ, **self.dying, "VELT_ROOT": str(self.root.path)},
-                           check=False, capture_output=True)
+            self.queue_that(self.dying, "release", name)
             there = self.queue("list", name)
             self.assertEqual([one["problem"] for one in there], [None])
             if there[0]["queue"] == "quarantine":
@@ -162,8 +138,7 @@ class Retry(QueueCase):
         name = self.waiting()[0].removesuffix(".rmd")
 
         def act():
-            subprocess.run(self.command("retry", name), env={**os.environ, **self.dying, "VELT_ROOT": str(self.root.path)},
-                           check=False, capture_output=True)
+            self.queue_that(self.dying, "retry", name)
             self.assertEqual(self.queue("list", name)[0]["problem"], None)
         self.assertGreater(self.each_call(act, MANNERS), 2)
         self.back()
@@ -172,26 +147,8 @@ class Retry(QueueCase):
 
 
 class Together(QueueCase):
-    COUNT = 24
-
     def test_two_of_them_and_two_retryers_deliver_each_mail_once(self):
-        self.begin()
-        self.provokes(RULE_HIT, QUARANTINED, RELEASED)
-        self.expect(*NO_FILE, at_least=0)
-        for number in range(self.COUNT):
-            self.hold(f"Subject: {number}\r\n\r\n{PHRASE}\r\n".encode())
-        self.retryer()
-        self.retryer(name="smtp-retryer2")
-        both = [subprocess.Popen(self.command("--json", "release", "--all"), stdout=subprocess.PIPE, text=True)
-                for _ in range(2)]
-        done = [json.loads(line)["id"] for one in both for line in one.communicate()[0].splitlines()
-                if json.loads(line)["done"]]
-        self.assertEqual((len(done), len(set(done))), (self.COUNT, self.COUNT))
-        self.sink.wait_messages(self.COUNT)
-        self.wait_empty()
-        subjects = sorted(int(re.search(rb"Subject: (\d+)", one.content)[1]) for one in self.sink.messages)
-        self.assertEqual(subjects, list(range(self.COUNT)))
-        self.assertEqual(self.held(), [])
+        self.assert_delivered_once_by_two_tools_and_two_retryers()
 
     def test_what_is_deleted_is_not_delivered(self):
         self.begin()

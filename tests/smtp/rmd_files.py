@@ -35,3 +35,11 @@ def is_whole(content):
     head, end = content[:71], 80 + envelope
     return (len(content) == end + 2 * status + message and content[71:79] == summed(head) and
             content[53:61] == summed(content[80:end]) and content[62:70] == summed(content[end + 2 * status:]))
+
+
+def states(content):
+    """A letter for each recipient, by the slot that holds."""
+    at, size = 80 + int(content[10:20]), int(content[21:31])
+    slots = (content[begin:begin + size] for begin in (at, at + size))
+    fields = [one.split(b" ") for one in slots if one[:8] == summed(one[9:])]
+    return max(fields, key=lambda one: int(one[1]))[6].split(b"@")[0]

@@ -21,6 +21,7 @@ using State = smtp::RetryStatus::Recipient;
 
 constexpr std::size_t kMaxHeader = 65536;
 constexpr char kGone[] = "it is gone";
+constexpr char kHalfWay[] = "released, but it cannot be moved; release it again";
 constexpr char kTaken[] = "somebody works on it; try again";
 
 std::string Because(char const* what) { return std::string(what) + ": " + std::strerror(errno); }
@@ -30,7 +31,7 @@ std::unique_ptr<RetryFile> Lock(Mail const& mail, Problem& problem) {
     int const fd = ::open(mail.path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) return problem = errno == ENOENT ? kGone : Because("it cannot be opened"), nullptr;
     auto file = std::make_unique<RetryFile>(fd, mail.path);
-    if (::lockf(fd, F_TLOCK, 0) != 0) return problem = kTaken, nullptr;
+    if (!file->Lock()) return problem = kTaken, nullptr;
     if (!file->IsStillNamed()) return problem = kGone, nullptr;
     return file;
 }
@@ -59,30 +60,43 @@ bool MakeDeferred(Places const& places) {
                                     mine ? -1L : static_cast<long>(facts.st_gid));
 }
 
-// It is in the file before it is in the other directory: there it would be one that is held.
-Problem NoteRelease(RetryFile& file) {
-    smtp::RetryStatus status = file.status();
+// The first who released it is who did.
+smtp::RetryStatus Released(smtp::RetryStatus status) {
     std::replace(status.recipients.begin(), status.recipients.end(), State::Held, State::Waiting);
-    status.released = std::time(nullptr);
+    if (!status.released) status.reason = WhoReleases();
+    if (!status.released) status.released = std::time(nullptr);
     status.due = status.skipped = 0;
-    status.reason = WhoReleases();
-    return file.Note(status) ? "" : Because("its file cannot be written");
+    return status;
+}
+
+Problem ReleaseHere(RetryFile& file, Places const& places) {
+    if (!file.status().isHeld()) return "it is not held";
+    if (smtp::ReleaseThere(file, places.quarantine, Released(file.status()))) return {};
+    return errno == EAGAIN ? kTaken : Because("it cannot be released");
 }
 
 }  // namespace
 
+// It is in the file before it is in the other directory: there it would be one that is held.
 Problem Release(Mail const& mail, Places const& places) {
     Problem problem;
     auto const file = LockAndRead(mail, problem);
     if (!file) return problem;
-    bool const held = file->status().isHeld();
-    if (!held && mail.queue == Queue::Deferred) return "it is not held";
-    if (mail.queue == Queue::Quarantine && !MakeDeferred(places)) return Because(places.deferred.c_str());
-    if (held) problem = NoteRelease(*file);
-    if (!problem.empty()) return problem;
+    if (mail.queue == Queue::Deferred) return ReleaseHere(*file, places);
+    if (!MakeDeferred(places)) return Because(places.deferred.c_str());
+    if (file->status().isHeld() && !file->Note(Released(file->status()))) return Because("its file cannot be written");
     if (!file->Wake()) return Because("its time cannot be set");
-    if (mail.queue == Queue::Deferred || file->Move(places.deferred)) return {};
-    return Because("released, but it cannot be moved; release it again");
+    return smtp::MoveReleased(*file, places.deferred) ? "" : Because(kHalfWay);
+}
+
+void FinishReleases(Places const& places, std::function<void(Mail const&, Problem const&)> const& tell) {
+    smtp::FinishReleases(places.quarantine, places.deferred, [&](std::string const& name, int error) {
+        Mail mail;
+        mail.id = name;
+        mail.path = places.deferred + name + smtp::kRetrySuffix;
+        errno = error;
+        tell(mail, error ? Because(kHalfWay) : "");
+    });
 }
 
 // Who asks has looked at the mail: what a retryer would not have counted of the time before is not counted.

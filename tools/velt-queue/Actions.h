@@ -3,6 +3,7 @@
 // Failure: a text that says what is wrong; the mail is then still in its queue.
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "tools/velt-queue/Mail.h"
@@ -15,6 +16,9 @@ using Problem = std::string;
 // From now on it waits to be delivered: what is held by the quarantine goes into the deferred directory. A release that
 // was cut off is finished.
 Problem Release(Mail const& mail, Places const& places);
+
+// Those that were cut off when they stood already; of each that is brought to its end, or cannot be, `tell` hears.
+void FinishReleases(Places const& places, std::function<void(Mail const&, Problem const&)> const& tell);
 
 // A retryer tries it at its next walk, whatever its own time and the pause of its destination.
 Problem Retry(Mail const& mail, Places const& places);

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include <gateways/smtp/RetryFile.h>
+#include <gateways/smtp/Release.h>
 
 #include "tools/velt-queue/Places.h"
 
@@ -25,9 +25,10 @@ struct Mail {
 
     bool isReadable() const { return problem.empty(); }
     bool isHeld() const { return status.isHeld(); }
+    // Released, and not moved to the end.
     bool isReleasedOnly() const {
-        return queue == Queue::Quarantine && isReadable() && !isHeld();
-    }  // released, and still there
+        return isReadable() && (queue == Queue::Quarantine ? !isHeld() : isHeld() && status.released);
+    }
 };
 
 // Nobody; or the file went before it was looked at.

@@ -102,8 +102,8 @@ private:
 
     std::string stateOf(Mail const& mail) const {
         smtp::RetryStatus const& status = mail.status;
-        if (mail.isHeld()) return "held: " + verdictOf(mail);
         if (mail.isReleasedOnly()) return "released, and not moved; release it again";
+        if (mail.isHeld()) return "held: " + verdictOf(mail);
         if (mail.locked) return "being tried now";
         if (!status.waits()) return "done; a retryer removes it";
         std::string text = std::to_string(status.tries) + (status.tries == 1 ? " try" : " tries");

@@ -58,6 +58,19 @@ protected:
         draft.status.recipients = {State::Held};
         Store(directory.empty() ? Quarantine() : directory, draft, name, age);
     }
+    // As one between two file systems that was cut off.
+    void HalveRelease(std::string const& name) {
+        Hold(name);
+        std::filesystem::copy(Quarantine() + name + ".rmd", Deferred() + name + ".rmd");
+        for (auto const& [directory, state] : {std::pair(Quarantine(), State::Waiting), {Deferred(), State::Held}}) {
+            RetryFile file(::open((directory + name + ".rmd").c_str(), O_RDWR), directory + name + ".rmd");
+            ASSERT_EQ(file.Read(), smtp::RetryFault::None);
+            smtp::RetryStatus status = file.status();
+            status.recipients = {state};
+            status.released = 1700000000;
+            ASSERT_TRUE(file.Note(status));
+        }
+    }
     bool IsDeferred(std::string const& name) const { return m_root.Exists("/deferred/smtp/" + name + ".rmd"); }
     bool IsHeld(std::string const& name) const { return m_root.Exists("/quarantine/smtp/" + name + ".rmd"); }
 
@@ -242,6 +255,50 @@ TEST_F(VeltQueue, FinishesAReleaseThatWasCutOff) {
     EXPECT_EQ(Run("retry a1.q1"), 1);
     EXPECT_EQ(Run("release a1.q1"), 0);
     EXPECT_EQ(StatusOf(Deferred() + "a1.q1.rmd").released, 1700000000);
+}
+
+TEST_F(VeltQueue, FinishesWhateverItIsAskedAReleaseThatStoodAlready) {
+    for (char const* const command : {"list", "show --all", "retry --all", "release --all"}) {
+        HalveRelease("a1.q1");
+        EXPECT_EQ(Run(std::string(command) + " --json"), 0) << command << m_error;
+        EXPECT_TRUE(StatusOf(Deferred() + "a1.q1.rmd").waits());
+        EXPECT_TRUE(IsDue(Deferred() + "a1.q1.rmd"));
+        EXPECT_FALSE(IsHeld("a1.q1"));
+        ASSERT_EQ(Lines().size(), 1u);
+        EXPECT_EQ(Lines()[0]["queue"], "deferred");
+        std::filesystem::remove(Deferred() + "a1.q1.rmd");
+    }
+}
+
+TEST_F(VeltQueue, SaysOfAReleaseThatItFinishedThatItIsDone) {
+    for (char const* const id : {"a1.q1", "a1"}) {
+        HalveRelease("a1.q1");
+        EXPECT_EQ(Run(std::string("release ") + id), 0) << m_error;
+        EXPECT_EQ(m_out, "a1.q1: released\n");
+        EXPECT_EQ(StatusOf(Deferred() + "a1.q1.rmd").released, 1700000000);
+        std::filesystem::remove(Deferred() + "a1.q1.rmd");
+    }
+}
+
+TEST_F(VeltQueue, DeletesAMailWhoseReleaseWasCutOffBeforeSomebodyDeliversIt) {
+    HalveRelease("a1.q1");
+    EXPECT_EQ(Run("delete a1.q1"), 0);
+    EXPECT_FALSE(IsDeferred("a1.q1") || IsHeld("a1.q1"));
+    HalveRelease("a1.q1");
+    std::filesystem::rename(Quarantine() + "a1.q1.rmd", Quarantine() + "a1.q1.rmd.released");
+    EXPECT_EQ(Run("delete --queue deferred --all"), 0);
+    EXPECT_TRUE(std::filesystem::is_empty(Deferred()) && std::filesystem::is_empty(Quarantine()));
+}
+
+TEST_F(VeltQueue, TellsOfAReleaseThatCannotBeFinishedYet) {
+    HalveRelease("a1.q1");
+    EXPECT_EQ(Run("release --all --dry-run"), 0);
+    EXPECT_TRUE(IsHeld("a1.q1")) << "nothing was to be done";
+    Holder const worker(Deferred() + "a1.q1.rmd");
+    EXPECT_EQ(Run("list --queue deferred"), 0);
+    EXPECT_NE(m_out.find("released, and not moved; release it again"), std::string::npos) << m_out;
+    EXPECT_EQ(Run("--queue deferred release a1.q1"), 1);
+    EXPECT_NE(m_error.find("somebody works on it; try again"), std::string::npos) << m_error;
 }
 
 TEST_F(VeltQueue, ReleasesHeldMailThatSomebodyMovedByHand) {

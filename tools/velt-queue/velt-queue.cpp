@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdio>
 #include <ctime>
+#include <set>
 #include <string>
 
 #include <gateways/smtp/core/Reply.h>
@@ -18,6 +19,7 @@ namespace {
 
 using namespace velt_queue;
 
+constexpr char kReleased[] = "released";
 constexpr int kDone = 0, kNotAll = 1, kWrong = 2;
 
 int Failed(std::string const& reason) {
@@ -38,16 +40,32 @@ public:
           m_now(std::time(nullptr)),
           m_printer(options.json ? Printer::json(m_now, m_places.relay) : Printer::forPeople(m_now, m_places.relay)) {}
 
+    // What is to be deleted is not delivered before that.
     int run() {
+        bool const deletes = m_options.command == Command::Delete;
+        if (!m_options.dryRun && !deletes) finishReleases();
         for (Mail const& mail : chosen()) treat(mail);
+        if (!m_options.dryRun && deletes) finishReleases();
         if (m_options.command == Command::List) m_printer->total(m_mails, m_held, m_damaged, m_bytes);
         return m_status;
     }
 
 private:
+    // It is told by who asks for releases; others have asked for something else.
+    void finishReleases() {
+        FinishReleases(m_places, [this](Mail const& mail, Problem const& problem) {
+            if (!problem.empty()) return fail(mail.id, problem);
+            m_finished.insert(mail.id);
+            note(mail, kReleased);
+            if (m_options.command == Command::Release) m_printer->done(mail, kReleased);
+        });
+    }
+
     std::vector<Mail> chosen() {
         std::vector<Mail> mails;
-        for (std::string const& id : m_options.ids) addNamed(id, mails);
+        for (std::string const& id : m_options.ids) {
+            if (!isDone(id)) addNamed(id, mails);
+        }
         if (!m_options.ids.empty()) return mails;
         for (Mail& mail : all()) {
             if (!m_options.filter.isSet() || m_options.filter.fits(mail, m_now)) mails.push_back(std::move(mail));
@@ -73,11 +91,17 @@ private:
             if (auto mail = ReadMail(queue, m_places.of(queue), id)) mails.push_back(std::move(*mail));
         }
         if (mails.size() > before) return;
+        bool known = false;
         for (Mail& mail : all()) {
-            if (mail.isReadable() && mail.envelope.auditId == id) mails.push_back(std::move(mail));
+            if (!mail.isReadable() || mail.envelope.auditId != id) continue;
+            known = true;
+            if (!isDone(mail.id)) mails.push_back(std::move(mail));
         }
-        if (mails.size() == before) fail(id, "there is no such mail");
+        if (!known) fail(id, "there is no such mail");
     }
+
+    // Nothing is left to be released.
+    bool isDone(std::string const& id) const { return m_options.command == Command::Release && m_finished.count(id); }
 
     void treat(Mail const& mail) {
         switch (m_options.command) {
@@ -86,7 +110,7 @@ private:
             case Command::Show:
                 return m_options.body ? report(mail, WriteBody(mail), nullptr) : show(mail);
             case Command::Release:
-                return change(mail, "released", [&] { return Release(mail, m_places); });
+                return change(mail, kReleased, [&] { return Release(mail, m_places); });
             case Command::Retry:
                 return change(mail, "to be tried", [&] { return Retry(mail, m_places); });
             case Command::Delete:
@@ -117,6 +141,10 @@ private:
         if (!problem.empty()) return fail(mail.id, problem);
         if (!what) return;
         m_printer->done(mail, what);
+        note(mail, what);
+    }
+
+    static void note(Mail const& mail, char const* what) {
         ::syslog(LOG_MAIL | LOG_NOTICE, "%s: %s, by uid %u", smtp::Printable(mail.path, 1000).c_str(), what,
                  ::getuid());
     }
@@ -131,6 +159,7 @@ private:
     std::time_t const m_now;
     std::unique_ptr<Printer> const m_printer;
     int m_status = kDone;
+    std::set<std::string> m_finished;  // releases that had been cut off
     unsigned long m_mails = 0, m_held = 0, m_damaged = 0;
     std::uint64_t m_bytes = 0;
 };

@@ -89,6 +89,7 @@ struct RetryLayout {
     std::uint64_t slot(unsigned which) const { return kFirstLine + envelopeLength + (which % 2) * slotLength; }
     std::uint64_t message() const { return slot(0) + 2 * slotLength; }
     std::uint64_t end() const { return message() + messageLength; }
+    bool operator==(RetryLayout const&) const = default;
 };
 
 std::uint64_t SlotLength(std::size_t recipients);

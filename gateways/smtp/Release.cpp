@@ -1,0 +1,136 @@
+#include "Release.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <vector>
+
+#include "Disk.h"
+
+namespace smtp {
+namespace {
+
+namespace fs = std::filesystem;
+using State = RetryStatus::Recipient;
+
+RetryStatus WithStates(RetryStatus status, State from, State to) {
+    std::replace(status.recipients.begin(), status.recipients.end(), from, to);
+    return status;
+}
+
+std::string NameOf(std::string const& path, char const* suffix) {
+    std::string const name = fs::path(path).filename();
+    return name.ends_with(suffix) ? name.substr(0, name.size() - std::strlen(suffix)) : "";
+}
+
+// The file, locked. Null, with errno: ENOENT where there is none any more, EAGAIN where somebody works on it.
+std::unique_ptr<RetryFile> Open(std::string const& path) {
+    int const fd = ::open(path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return nullptr;
+    auto file = std::make_unique<RetryFile>(fd, path);
+    if (!file->Lock()) return nullptr;
+    if (!file->IsStillNamed()) return errno = ENOENT, nullptr;
+    return file;
+}
+
+std::unique_ptr<RetryFile> OpenAndRead(std::string const& path) {
+    auto file = Open(path);
+    errno = file ? EIO : errno;
+    return file && file->Read() == RetryFault::None ? std::move(file) : nullptr;
+}
+
+// Both are locked. Names are flushed before what they say is relied upon: the copy's before the other file is none to
+// be released any more, and that before the copy can be delivered and gone.
+bool HandOver(RetryFile& from, RetryFile& copy, std::string const& name, RetryStatus const& status) {
+    if (!FlushDirectory(fs::path(copy.path()).parent_path()) || !from.Rename(name + kReleasedSuffix)) return false;
+    if (!copy.Note(status)) return false;
+    copy.Wake();    // it would be due later
+    from.Remove();  // the next one to look over the directories does it otherwise
+    return true;
+}
+
+// What the quarantine has of a mail that lies in the deferred directory. Null with ENOENT: nothing.
+std::unique_ptr<RetryFile> OpenOther(RetryFile const& copy, std::string const& quarantine, std::string const& name) {
+    for (char const* const suffix : {kRetrySuffix, kReleasedSuffix}) {
+        auto other = OpenAndRead(quarantine + name + suffix);
+        if (other && other->IsCopyOf(copy)) return other;
+        if (!other && errno != ENOENT) return nullptr;
+    }
+    return errno = ENOENT, nullptr;
+}
+
+// Whoever finds them half-way.
+class Finisher {
+public:
+    Finisher(std::string const& quarantine, std::string const& deferred)
+        : m_quarantine(quarantine), m_deferred(deferred) {}
+
+    // Names without suffix, of mail that may be on its way.
+    std::vector<std::string> found() const {
+        std::vector<std::string> names;
+        std::error_code error;
+        for (fs::directory_iterator it(m_quarantine, error), end; !error && it != end; it.increment(error)) {
+            std::string const marked = NameOf(it->path(), kReleasedSuffix), held = NameOf(it->path(), kRetrySuffix);
+            if (!marked.empty()) names.push_back(marked);
+            if (!held.empty() && ::access(pathOf(held).c_str(), F_OK) == 0) names.push_back(held);
+        }
+        return names;
+    }
+
+    // False, with errno: ENOENT where there is nothing to be finished, EAGAIN where somebody else is at it.
+    bool finish(std::string const& name) const {
+        auto const copy = OpenAndRead(pathOf(name));
+        if (!copy && errno == ENOENT) return forget(name);  // it has left
+        if (!copy) return false;
+        if (!copy->status().isHeld()) return forget(name);
+        if (!copy->status().released) return errno = ENOENT, false;
+        auto const other = OpenOther(*copy, m_quarantine, name);
+        return other && HandOver(*other, *copy, name, WithStates(copy->status(), State::Held, State::Waiting));
+    }
+
+private:
+    std::string pathOf(std::string const& name) const { return m_deferred + name + kRetrySuffix; }
+
+    // The copy was noted as one that waits: only the removal was missing.
+    bool forget(std::string const& name) const {
+        auto const marked = Open(m_quarantine + name + kReleasedSuffix);
+        if (marked && marked->Remove()) errno = ENOENT;
+        return false;
+    }
+
+    std::string const& m_quarantine;
+    std::string const& m_deferred;
+};
+
+}  // namespace
+
+bool MoveReleased(RetryFile& file, std::string const& deferred) {
+    if (file.Move(deferred)) return true;
+    if (errno != EXDEV) return false;
+    std::string const name = NameOf(file.path(), kRetrySuffix);
+    auto const copy = file.CopyInto(deferred, WithStates(file.status(), State::Waiting, State::Held));
+    return copy && HandOver(file, *copy, name, file.status());
+}
+
+bool ReleaseThere(RetryFile& file, std::string const& quarantine, RetryStatus const& status) {
+    std::string const name = NameOf(file.path(), kRetrySuffix);
+    auto const other = OpenOther(file, quarantine, name);
+    if (other) return HandOver(*other, file, name, status);
+    return errno == ENOENT && file.Note(status) && file.Wake();
+}
+
+void FinishReleases(std::string const& quarantine, std::string const& deferred,
+                    std::function<void(std::string const& name, int error)> const& tell) {
+    Finisher const finisher(quarantine, deferred);
+    for (std::string const& name : finisher.found()) {
+        bool const finished = finisher.finish(name);
+        if (finished || (errno != ENOENT && errno != EAGAIN)) tell(name, finished ? 0 : errno);
+    }
+}
+
+}  // namespace smtp
