@@ -25,7 +25,7 @@ class IKORPropertyBag;
 
 // Set...: replaces all elements by this one and sets the type. Add...: appends; on another type it empties first.
 // A null text counts as the empty one. SetBag and AddBag take the bag over; null makes an empty bag.
-// Get... reads the first element, Get...At the element of that index.
+// Get... reads the first element, Get...At the element of that index. A text is kept in the form in which it was set.
 // GetNarrow and GetWide give the decimal text of a number; returned texts live as long as the element.
 class VELTPLATFORM_API IKORProperty {
 public:

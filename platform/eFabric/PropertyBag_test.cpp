@@ -154,6 +154,21 @@ TEST_F(Bag, TextHasANarrowAndAWideForm) {
     EXPECT_EQ(Narrow("null"), "");
 }
 
+// Half of a pair, and numbers beyond all characters: the wide form is raw when it crosses a wire.
+TEST_F(Bag, TextIsKeptInTheFormInWhichItWasSet) {
+    std::wstring const odd{L'a', static_cast<wchar_t>(0xD800), static_cast<wchar_t>(0x110000),
+                           static_cast<wchar_t>(-1)};
+    Make("w").SetWide(odd.c_str());
+    Make("n").SetNarrow("a\xFF");
+    KORPropertyBag const copy(bag);
+    for (KORPropertyBag const& one : {bag, copy}) {
+        EXPECT_EQ(one.GetProperty("w")->GetWide(), odd);
+        EXPECT_STREQ(one.GetProperty("w")->GetNarrow(), "a\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD");
+        EXPECT_STREQ(one.GetProperty("n")->GetNarrow(), "a\xFF");
+        EXPECT_STREQ(one.GetProperty("n")->GetWide(), L"a\xFFFD");
+    }
+}
+
 TEST_F(Bag, HasNoTextForABagOrForNothing) {
     bag.NewPropertyBagProperty("bag");
     Make("none");

@@ -19,11 +19,22 @@ std::string Decimal(T value) {
     return std::string(text, end);
 }
 
-PropertyElement TextElement(KORtk::Utf8Array const& text) {
+PropertyElement TextElement(std::string narrow, std::wstring wide) {
     PropertyElement element;
-    element.narrow = text.str();
-    element.wide = text.wstr();
+    element.narrow = std::move(narrow);
+    element.wide = std::move(wide);
     return element;
+}
+
+PropertyElement WideElement(wchar_t const* v) {
+    std::wstring wide(v ? v : L"");
+    std::string narrow = KORtk::Utf8Array(wide).str();
+    return TextElement(std::move(narrow), std::move(wide));
+}
+
+PropertyElement NarrowElement(char const* v) {
+    KORtk::Utf8Array const text(v);
+    return TextElement(text.str(), text.wstr());
 }
 
 template <class T>
@@ -38,8 +49,6 @@ PropertyElement NumberElement(T PropertyElement::Number::*field, T value) {
 PropertyElement DoubleElement(double v) { return NumberElement(&PropertyElement::Number::real, v); }
 PropertyElement ULongElement(unsigned long v) { return NumberElement(&PropertyElement::Number::natural, v); }
 PropertyElement LongElement(long v) { return NumberElement(&PropertyElement::Number::whole, v); }
-PropertyElement WideElement(wchar_t const* v) { return TextElement(KORtk::Utf8Array(v ? v : L"")); }
-PropertyElement NarrowElement(char const* v) { return TextElement(KORtk::Utf8Array(v ? v : "")); }
 
 PropertyElement BagElement(OwnedBag bag) {
     PropertyElement element;
@@ -172,12 +181,15 @@ void CopyBag(IKORProperty const& from, unsigned i, IKORProperty& to, BagPairs& n
     if (auto const* const source = from.GetBagAt(i)) nested.emplace_back(source, to.GetBagAt(to.GetCount() - 1));
 }
 
-// The narrow form is the stored one; a foreign property may have the wide form only.
+// The form that gives the other one too. That is the wide form where it holds what is no character, and where a foreign
+// property has no other.
 void CopyText(IKORProperty const& from, unsigned i, IKORProperty& to) {
-    if (auto const* const narrow = from.GetNarrowAt(i))
+    auto const* const narrow = from.GetNarrowAt(i);
+    auto const* const wide = from.GetWideAt(i);
+    if (narrow && (!wide || KORtk::Utf8Array(narrow).wstr() == wide))
         to.AddNarrow(narrow);
     else
-        to.AddWide(from.GetWideAt(i));
+        to.AddWide(wide);
 }
 
 void CopyDouble(IKORProperty const& from, unsigned i, IKORProperty& to) {
