@@ -1,7 +1,10 @@
 #include <velt/results/ScanResult.h>
 
+#include <KORtk/Text.h>
+
 #include <cstring>
 #include <cwchar>
+#include <string>
 
 #include <velt/results/SerialDecoding.h>
 #include <velt/runtime/Proxy.h>
@@ -141,8 +144,9 @@ void ScanResult::fix_system_name() {
     IKORPropertyBag* const inner = outer && outer->GetType() == KORProp_Bag ? outer->GetBag() : nullptr;
     IKORProperty* const name = inner ? inner->GetProperty("QX_SYSTEM_NAME") : nullptr;
     if (!name) return;
-    char const* const old = name->GetNarrow();
-    name->SetNarrow((Proxy::GetProxyHostName(false) + "_" + (old ? old : "")).c_str());
+    wchar_t const* const old = name->GetWide();
+    std::wstring const own = KORtk::Utf8Array(Proxy::GetProxyHostName(false) + "_").wstr();
+    name->SetWide((own + (old ? old : L"")).c_str());
 }
 
 }  // namespace VELT

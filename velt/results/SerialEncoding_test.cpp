@@ -241,6 +241,26 @@ TEST(WriteProperties, WideTextHasTheOrderOfThisMachine) {
     EXPECT_EQ(Written(bag).substr(9, 1), low);
 }
 
+// Half of a pair and numbers beyond all characters too: they are numbers on the wire, and nobody's to mend.
+TEST(WriteProperties, WideTextIsRawWhateverItHolds) {
+    std::wstring const odd{L'a', static_cast<wchar_t>(0xD800), static_cast<wchar_t>(0x110000),
+                           static_cast<wchar_t>(-1)};
+    FakeResult result;
+    result.infections = odd;
+    result.bag.NewProperty("t")->SetWide(odd.c_str());
+    BagIn(result.bag, "QX_PROPERTIES").NewProperty("QX_SYSTEM_NAME")->SetWide(odd.c_str());
+    FakeVerdict verdict;
+    verdict.results = {&result};
+    Verdict const read = Read(Written(verdict));
+    ASSERT_NE(read, nullptr);
+    long position = 0;
+    IKORScanResult const& again = *read->FindFirstScanResult(position);
+    EXPECT_EQ(again.GetInfectionList(L' '), odd);
+    EXPECT_EQ(PropertyOf(*again.GetPropertyBag(), "t")->GetWide(), odd);
+    IKORPropertyBag const& inner = *PropertyOf(*again.GetPropertyBag(), "QX_PROPERTIES")->GetBag();
+    EXPECT_EQ(inner.GetProperty("QX_SYSTEM_NAME")->GetWide(), L"_" + odd);
+}
+
 TEST(WriteProperties, OneBagHasAnIndexAndStaysOne) {
     KORPropertyBag bag, again;
     BagIn(bag, "b").NewProperty("x")->SetLong(1);
