@@ -144,7 +144,8 @@ struct RetryerServiceLoop::Walk {
 
     bool IsDue(struct stat const& file, bool& isNew) const {
         isNew = false;
-        if (forced || now > file.st_ctime + interval) return true;
+        long end = 0;  // no time is beyond one that cannot be counted
+        if (forced || (!__builtin_add_overflow(file.st_ctime, interval, &end) && now > end)) return true;
         isNew = file.st_ctime - file.st_mtime < newFileDelta;
         return isNew;
     }

@@ -5,6 +5,8 @@
 #include <signal.h>
 #include <sys/wait.h>
 
+#include <climits>
+
 #include <testing/Child.h>
 #include <velt/config_details/settings/smtpretryer.h>
 #include <velt/retry/RetryTest.h>
@@ -189,6 +191,15 @@ TEST_F(RetryWalk, FileAtRestIsDueOnceTheIntervalHasPassedSinceItsStatusTime) {
         LetPassSince("a.rmd", seconds);
         EXPECT_EQ(Taken(), "again") << seconds;
     }
+}
+
+TEST_F(RetryWalk, IntervalBeyondAllTimesIsNeverOver) {
+    Wait("a.rmd", 100);
+    LetPassSince("a.rmd", 10);
+    for (long const interval : {LONG_MAX, LONG_MAX - 100, 10L}) Walk(interval);
+    EXPECT_TRUE(s_made.empty());
+    for (long const interval : {9L, 0L, -100L, LONG_MIN}) Walk(interval);
+    EXPECT_EQ(s_made.size(), 4u);
 }
 
 TEST_F(RetryWalk, NewFileIsDueAtOnceWhateverTheIntervalIs) {
