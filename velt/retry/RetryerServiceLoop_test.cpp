@@ -121,6 +121,23 @@ TEST_F(RetryQueues, ReadTheirOwnSection) {
     }
 }
 
+TEST_F(RetryQueues, SettingsStayWithinTheirBounds) {
+    auto const put = [this](unsigned natural, int whole) {
+        for (char const* const key : {"MaxConncurrent", "ScanInterval", "RetryInterval"})
+            Put("smtpretryer", key, FakeValue::Unsigned(natural));
+        Put("smtpretryer", "NewFileDelta", FakeValue::Int(whole));
+        return std::make_unique<OpenRetryLoop>(&m_proxy->m_config, "smtp");
+    };
+    Put("smtpretryer", "MemoryLimit", FakeValue::Unsigned(UINT_MAX));
+    for (auto const& [loop, bound] : {std::pair{put(0, -3), 1u}, {put(70000, 70000), 65535u}}) {
+        EXPECT_EQ(loop->maxConcurrent, bound);
+        EXPECT_EQ(loop->scanInterval, bound);
+        EXPECT_EQ(loop->retryInterval, bound);
+        EXPECT_EQ(loop->newFileDelta, static_cast<int>(bound));
+    }
+    EXPECT_EQ(VELT::MemCheck::s_Size, UINT_MAX);
+}
+
 // The key's own spelling is the one that counts.
 TEST_F(RetryQueues, TakeTheNumberOfThreadsFromTheKeyWithTheDoubledLetter) {
     EXPECT_STREQ(VELTCFG::smtpretryer::attrname_MaxConncurrent::text.key, "MaxConncurrent");
@@ -292,6 +309,40 @@ TEST_F(RetryWalk, SessionGetsTheFileOpenAndLockedAndIsRunAndDeleted) {
     EXPECT_EQ(s_made[0], expected) << "traversed and retried were counted before it was made";
     EXPECT_TRUE(locked);
     EXPECT_EQ(OpenDescriptors(), before);
+}
+
+// A host may have a file of its own worked on, which no walk has seen: nothing is counted or reported.
+TEST_F(RetryWalk, FileThatAHostHandsOverIsWorkedOnAtOnce) {
+    m_loop = Loop();
+    Wait("a.rmd");
+    std::string id = "any id", unused = "unused";
+    for (bool const isNew : {false, true}) {
+        int const fd = ::open(Path("a.rmd").c_str(), O_RDWR | O_CLOEXEC);
+        m_loop->HandleEmail(id, unused, fd, isNew);
+        Made const expected{fd, true, m_directory, "any id", isNew, 0, 0};
+        EXPECT_EQ(s_made.back(), expected);
+        EXPECT_EQ(::fcntl(fd, F_GETFD), -1) << "its session is over";
+    }
+    EXPECT_EQ(unused, "unused");
+    EXPECT_TRUE(m_events.Names().empty());
+    VELT::RetryerServiceLoop::setRetryerFactory(nullptr);
+    int const fd = ::open(Path("a.rmd").c_str(), O_RDWR | O_CLOEXEC);
+    m_loop->HandleEmail(id, unused, fd, true);
+    EXPECT_NE(::fcntl(fd, F_GETFD), -1);
+    ::close(fd);
+}
+
+// A name may be any that the system has, and lead to a file elsewhere.
+TEST_F(RetryWalk, NamesAreTakenAsTheyAre) {
+    std::string const longest(NAME_MAX - 4, 'n');
+    std::vector<std::string> ids = {"a b", "a%s", "x.", "\xff", longest};
+    for (std::string const& id : ids) Wait(id + ".rmd");
+    Wait("elsewhere");
+    std::filesystem::create_symlink("elsewhere", Path("link.rmd"));
+    ids.push_back("link");
+    std::sort(ids.begin(), ids.end());
+    Walk(300, true);
+    EXPECT_EQ(Ids(), ids);
 }
 
 TEST_F(RetryWalk, SessionIsToldWhetherTheQueueIsTheQuarantine) {
