@@ -28,7 +28,8 @@ namespace {
 using State = RetryStatus::Recipient;
 using Kind = RecipientFate::Kind;
 
-constexpr std::chrono::seconds kPatience{5};  // with others that find out whether a destination answers
+constexpr std::chrono::seconds kPatience{5};     // with others that find out whether a destination answers
+constexpr std::uint64_t kInMemory = 128 * 1024;  // bytes of a message, as many as are read at once
 
 // One thread at least is left for other destinations than the one that takes most of the mail.
 BackOff& Destinations() {
@@ -213,9 +214,8 @@ void RetrySession::Decide() {
 void RetrySession::Try(Attempt& attempt) {
     ++Count().retries;
     m_file.Rest();  // should this try end the process, the next one is not at once
-    m_message.spool = std::make_unique<VELT::ScannerStream>(m_name + ".retry", false);
     errno = 0;
-    RetryFault const fault = m_file.ReadMessage(*m_message.spool);
+    RetryFault const fault = TakeMessage();
     if (fault != RetryFault::None) return ReportDamaged(fault);
     if (m_file.status().released && !m_file.status().tries) ReportReleased();
     std::vector<Verdict> verdicts = Verdicts();
@@ -223,6 +223,16 @@ void RetrySession::Try(Attempt& attempt) {
     std::vector<RecipientFate> fates = m_delivery->Deliver(m_message, verdicts);
     attempt.Learn(fates);
     Settle(std::move(fates));
+}
+
+// The mail is on disk already. A second file of each would be most of the work of a try: a file system looks through
+// all those that were removed lately before it makes one.
+RetryFault RetrySession::TakeMessage() {
+    std::uint64_t const length = m_file.messageLength();
+    unsigned const memory = length < kInMemory ? static_cast<unsigned>(length) + 1 : 0;
+    m_message.spool = std::make_unique<VELT::ScannerStream>(memory);
+    m_message.spool->set_id(m_name + ".retry");
+    return m_file.ReadMessage(*m_message.spool);
 }
 
 // Those of the gateway: the file would not be there had they been others.
@@ -320,8 +330,7 @@ void RetrySession::Settle(std::vector<RecipientFate> fates) {
 
 // Nothing was tried now, as the destination rests: what the last try said holds.
 void RetrySession::GiveUpUntried() {
-    m_message.spool = std::make_unique<VELT::ScannerStream>(m_name + ".retry", false);
-    RetryFault const fault = m_file.ReadMessage(*m_message.spool);
+    RetryFault const fault = TakeMessage();
     if (fault != RetryFault::None) return ReportDamaged(fault);
     RecipientFate fate;
     fate.reply = {451, "4.4.7", m_file.status().reason};

@@ -45,6 +45,7 @@ private:
     void Decide();
     void Try(Attempt& attempt);
     void TakeRecipients();
+    RetryFault TakeMessage();
     std::vector<Verdict> Verdicts();
     std::string Judges();
     std::vector<Verdict> ScanAgain();

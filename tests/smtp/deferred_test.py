@@ -340,6 +340,23 @@ class Retried(DeferredCase):
         passing.wait()
         self.assertEqual(self.waiting(), [])
 
+    def test_try_makes_no_second_file_of_a_mail_that_is_on_disk(self):
+        self.begin(scanning={"MaxScanMem": 1})
+        self.away()
+        content = body("x" * 70 + "\r\n." * 1000)
+        self.assertRegex(self.client().mail(content), r"^250 ")
+        self.back()
+        made = []
+
+        def look(_):
+            made.extend(path.name for path in (self.root.path / "scandir/smtp-retryer").rglob("*") if path.is_file())
+            return "354 go on"
+        self.sink.replies = {"DATA": look}
+        self.retryer()
+        (stored,) = self.sink.wait_messages(1)
+        self.assertEqual(self.content_of(stored), content)
+        self.assertEqual(made, [])
+
     def test_destination_that_is_away_is_tried_by_one_mail_at_a_time(self):
         self.begin(smtp={"RetryPause": 3600, "RetryPauseLimit": 3600})
         self.keep(30)
@@ -470,7 +487,7 @@ class TwoContents(DeferredCase):
         self.begin(scanning={"MaxScanMem": 1})
         self.provokes(RULE_HIT)
         self.sink.replies = {"MAIL": "451 4.3.2 later"}
-        filler = b"".join(b"X-Filler: %04d " % line + b"x" * 60 + b"\r\n" for line in range(200))
+        filler = b"".join(b"X-Filler: %04d " % line + b"x" * 60 + b"\r\n" for line in range(2000))  # on disk at a try
         self.assertRegex(self.client().mail(filler + body(PHRASE), [STAFF, BOARD]), r"^250 ")
         kept = {name: (self.directory / name).read_bytes() for name in self.waiting()}
         messages = sorted(one[-int(one[32:52]):] for one in kept.values())
