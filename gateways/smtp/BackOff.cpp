@@ -73,10 +73,10 @@ BackOff::Answer BackOff::AskPatiently(std::string const& destination, std::chron
                                       std::function<bool()> const& stopped) {
     std::unique_lock lock(m_mutex);
     auto const begin = Clock::now();
-    while (true) {
+    while (!stopped()) {
         Known& known = Find(destination);
         Answer const answer = Enter(known, std::time(nullptr));
-        if (answer != Answer::Busy || stopped()) return answer;
+        if (answer != Answer::Busy) return answer;
         auto const now = Clock::now();
         if (IsStalled(known)) return now - Full(known)->heard < kSilence * patience ? Answer::Busy : Answer::Silent;
         if (now - begin >= (known.failures ? patience / kLessPatience : patience)) {
@@ -85,6 +85,7 @@ BackOff::Answer BackOff::AskPatiently(std::string const& destination, std::chron
         }
         m_told.wait_until(lock, std::chrono::system_clock::now() + kStep);
     }
+    return Answer::Busy;
 }
 
 void BackOff::Insist(std::string const& destination) {

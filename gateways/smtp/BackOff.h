@@ -45,9 +45,10 @@ public:
     explicit BackOff(unsigned atOnce) : m_atOnce(atOnce) {}
 
     Answer Ask(std::string const& destination, std::time_t now);
-    // Waits before it says Busy, until `stopped` or the patience is over, of which there is less for a destination that
-    // failed. The first whose patience is over has waited for all: until something is heard of the destination nobody
-    // else waits; and once that has taken several times the patience, they are told so.
+    // Waits before it says Busy, until the patience is over, of which there is less for a destination that failed, or
+    // until `stopped`: nothing is to be begun then. The first whose patience is over has waited for all: until
+    // something is heard of the destination nobody else waits; and once that has taken several times the patience, they
+    // are told so.
     Answer AskPatiently(std::string const& destination, std::chrono::milliseconds patience,
                         std::function<bool()> const& stopped);
     void Insist(std::string const& destination);                       // Go, whatever is known

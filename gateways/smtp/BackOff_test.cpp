@@ -151,6 +151,12 @@ TEST(BackOffPatience, EndsWithTheProcess) {
     EXPECT_EQ(backOff.AskPatiently("a", 600s, [] { return true; }), Answer::Busy);
 }
 
+TEST(BackOffPatience, BeginsNothingOnceTheProcessStops) {
+    BackOff backOff(3);
+    EXPECT_EQ(backOff.AskPatiently("a", 600s, [] { return true; }), Answer::Busy);
+    EXPECT_EQ(backOff.AskPatiently("a", 600s, Never), Answer::Go) << "nobody tries it";
+}
+
 TEST(BackOff, DoublesThePauseWithEachFailureAndNotWithEachOfManyAtOnce) {
     BackOff backOff(3);
     for (int i = 0; i < 6; ++i) backOff.Tell("a", Outcome::Failed, 1000, kLimits);

@@ -47,6 +47,8 @@ Mailbox ReadMailbox(std::string const& address) {
     return mailbox;
 }
 
+bool IsStopping() { return VELT::ServiceLoop::shutdown; }
+
 bool SplitServer(std::string const& server, std::string& host, unsigned short& port) {
     std::size_t const colon = server.rfind(':');
     if (colon == std::string::npos) return false;
@@ -70,8 +72,7 @@ public:
     Attempt& operator=(Attempt const&) = delete;
 
     BackOff::Answer Ask() {
-        BackOff::Answer const answer =
-            Destinations().AskPatiently(m_destination, kPatience, [] { return VELT::ServiceLoop::shutdown.load(); });
+        BackOff::Answer const answer = Destinations().AskPatiently(m_destination, kPatience, IsStopping);
         m_begun = answer == BackOff::Answer::Go;
         return answer;
     }
@@ -122,7 +123,9 @@ void RetrySession::Run() {
     if (m_delivery) m_delivery->Close();
 }
 
+// What waited for a thread when the process was told to stop is left as it is to the next one.
 void RetrySession::Work() {
+    if (IsStopping()) return;
     m_now = std::time(nullptr);
     errno = 0;
     RetryFault const fault = m_file.Read();

@@ -1,6 +1,7 @@
 """Mail that the next server cannot take: the gateway keeps it, and a retryer delivers it or gives it up."""
 import os
 import re
+import signal
 import stat
 import threading
 import time
@@ -8,11 +9,14 @@ import unittest
 
 import harness
 import mail_sink
-from deferred_case import (DAMAGED, GIVEN_UP, KEPT, NO_FILE, RESENT, RETRY_FAILED, STORE_FAILED, WALK, DeferredCase,
-                           message_id, numbered)
+from deferred_case import (DAMAGED, GIVEN_UP, KEPT, NO_FILE, RESENT, RETRY_ENDED, RETRY_FAILED, STORE_FAILED, WALK,
+                           DeferredCase, message_id, numbered)
+from rmd_files import rmd
 from scan_servers import PLANTED, ScriptedClamd
 from smtp_case import (BOARD, DEFERRED, ENGINE_FAILED, NOTIFIED, NOT_NOTIFIED, PHRASE, POLICY_REFUSED, REFUSED, RULE_HIT,
                        SCAN_FAILED, SENDER, STAFF, VIRUS, body)
+
+WORKER = (10000, 54)
 
 
 class Kept(DeferredCase):
@@ -234,6 +238,28 @@ class Retried(DeferredCase):
             walks = len(self.events(*WALK))
             harness.wait_until(lambda: len(self.events(*WALK)) > walks + 12 or self.events(*GIVEN_UP), "walks")
         return "250 2.1.0 ok"
+
+    def test_mail_that_waits_for_a_thread_when_the_process_stops_is_left_to_the_next_one(self):
+        self.begin(smtpretryer={"MaxConncurrent": 1, "RetryInterval": 600})
+        self.expect(*WORKER, at_least=0)
+        stopped = []
+
+        def stop(_):
+            self.sink.replies = {}
+            stopped.extend(retryer.workers())
+            os.kill(stopped[0], signal.SIGHUP)
+            harness.wait_until(lambda: len(retryer.workers()) == 2, "the next worker")
+            return "250 2.1.0 ok"
+        self.sink.replies = {"MAIL": stop}
+        for name in ("one", "other"):
+            (self.directory / f"{name}.rmd").write_bytes(rmd(name))
+        retryer = self.retryer()
+        self.sink.wait_messages(2)
+        self.wait_empty()
+        one, other = self.noted(RETRY_ENDED, 2)
+        self.assertEqual(one["pid"], stopped[0])
+        self.assertNotEqual(other["pid"], stopped[0])
+        self.assertEqual(self.counters()["smtp.retries"], 2)
 
     def test_nobody_is_told_of_a_notification_that_is_given_up(self):
         self.begin(smtp={"GiveUpAfter": 2})
