@@ -47,8 +47,7 @@ BackOff::Tries* BackOff::Full(Known& known) {
 }
 
 BackOff::Answer BackOff::Enter(Known& known, std::time_t now) {
-    bool const pauses = known.failures && known.from <= now && now < known.until;  // a clock set back ends a pause
-    if (pauses) return Answer::Rest;
+    if (known.failures && now < known.until) return Answer::Rest;
     if (Full(known)) return Answer::Busy;
     known.tries.Begin();
     if (known.reached) return Answer::Go;
@@ -64,6 +63,10 @@ void BackOff::Stall(Known& known) {
     m_probes.stalled |= IsCrowded(known);
 }
 
+std::time_t BackOff::Now() {
+    return std::chrono::duration_cast<std::chrono::seconds>(Clock::now().time_since_epoch()).count();
+}
+
 BackOff::Answer BackOff::Ask(std::string const& destination, std::time_t now) {
     std::lock_guard const lock(m_mutex);
     return Enter(Find(destination), now);
@@ -75,7 +78,7 @@ BackOff::Answer BackOff::AskPatiently(std::string const& destination, std::chron
     auto const begin = Clock::now();
     while (!stopped()) {
         Known& known = Find(destination);
-        Answer const answer = Enter(known, std::time(nullptr));
+        Answer const answer = Enter(known, Now());
         if (answer != Answer::Busy) return answer;
         auto const now = Clock::now();
         if (IsStalled(known)) return now - Full(known)->heard < kSilence * patience ? Answer::Busy : Answer::Silent;
@@ -83,7 +86,7 @@ BackOff::Answer BackOff::AskPatiently(std::string const& destination, std::chron
             Stall(known);
             return answer;
         }
-        m_told.wait_until(lock, std::chrono::system_clock::now() + kStep);
+        m_told.wait_for(lock, kStep);
     }
     return Answer::Busy;
 }
@@ -113,7 +116,7 @@ void BackOff::Tell(std::string const& destination, Outcome outcome, std::time_t 
     if (outcome == Outcome::Unknown) return;
     known.reached = outcome == Outcome::Reached;
     if (known.reached) known.failures = 0;
-    bool const further = known.failures == 0 || now < known.from || now >= known.until;
+    bool const further = known.failures == 0 || now >= known.until;
     if (!known.reached && further) ++known.failures;
     known.from = now;
     known.until = now + PauseAfter(known.failures, limits, random);

@@ -44,6 +44,8 @@ public:
     // Tries of a destination that was reached, and of all others together.
     explicit BackOff(unsigned atOnce) : m_atOnce(atOnce) {}
 
+    static std::time_t Now();
+
     Answer Ask(std::string const& destination, std::time_t now);
     // Waits before it says Busy, until the patience is over, of which there is less for a destination that failed, or
     // until `stopped`: nothing is to be begun then. The first whose patience is over has waited for all: until

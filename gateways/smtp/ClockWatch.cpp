@@ -2,6 +2,8 @@
 
 #include <time.h>
 
+#include <cstdlib>
+
 #include <velt/errors/Failures.h>
 #include <velt/logging/Log.h>
 #include <velt/runtime/Thread.h>
@@ -12,7 +14,8 @@
 namespace smtp {
 namespace {
 
-constexpr int kStack = 0x40000;  // bytes
+constexpr int kStack = 0x40000;    // bytes
+constexpr std::time_t kTold = 60;  // seconds
 
 std::time_t SecondsOf(clockid_t clock) {
     timespec now{};
@@ -44,6 +47,13 @@ bool ClockWatch::WasSetBack(std::time_t shown, std::time_t running) {
     if (!m_known || back || ahead > m_ahead) m_ahead = ahead;
     m_known = true;
     return back;
+}
+
+std::time_t ClockJump::Take(std::time_t shown, std::time_t running) {
+    std::time_t const jump = shown - running - m_ahead;
+    if (std::abs(jump) < kTold) return 0;
+    m_ahead += jump;
+    return jump;
 }
 
 void RestFromNow(std::string const& directory) {

@@ -16,10 +16,20 @@ public:
     bool WasSetBack(std::time_t shown, std::time_t running);
 
 private:
-    static constexpr long kTold = 60;
-
     bool m_known = false;
     std::time_t m_ahead = 0;
+};
+
+// By how much the clock was set, forward or back, in the midst of one piece of work. Owner: the work. Thread: one.
+class ClockJump {
+public:
+    ClockJump(std::time_t shown, std::time_t running) : m_ahead(shown - running) {}
+
+    // Since it was made, or since the last time that this was not 0; below 0: back. What is less than a minute adds up.
+    std::time_t Take(std::time_t shown, std::time_t running);
+
+private:
+    std::time_t m_ahead;
 };
 
 // Files that wait in the directory and whose times lie ahead of the clock rest from now on. Says how many.

@@ -29,5 +29,19 @@ TEST(ClockWatch, AddsUpWhatIsTooLittleByItself) {
     EXPECT_EQ(told, 2u);
 }
 
+TEST(ClockJump, IsWhatTheClockWasSetBy) {
+    ClockJump jump(1000000, 10);
+    EXPECT_EQ(jump.Take(1000005, 15), 0);
+    EXPECT_EQ(jump.Take(1086406, 16), 86400);
+    EXPECT_EQ(jump.Take(1086407, 17), 0) << "it was told";
+    EXPECT_EQ(jump.Take(1000008, 18), -86400);
+}
+
+TEST(ClockJump, AddsUpWhatIsTooLittleByItself) {
+    ClockJump jump(1000000, 0);
+    EXPECT_EQ(jump.Take(1000040, 1), 0);
+    EXPECT_EQ(jump.Take(1000080, 2), 78);
+}
+
 }  // namespace
 }  // namespace smtp

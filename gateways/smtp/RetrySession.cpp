@@ -49,6 +49,9 @@ Mailbox ReadMailbox(std::string const& address) {
 
 bool IsStopping() { return VELT::ServiceLoop::shutdown; }
 
+// A time of the past, by the clock that a BackOff goes by.
+std::time_t Running(std::time_t shown) { return BackOff::Now() - std::max<std::time_t>(0, std::time(nullptr) - shown); }
+
 bool SplitServer(std::string const& server, std::string& host, unsigned short& port) {
     std::size_t const colon = server.rfind(':');
     if (colon == std::string::npos) return false;
@@ -66,7 +69,7 @@ public:
     Attempt(std::string destination, PauseLimits const& limits)
         : m_destination(std::move(destination)), m_limits(limits) {}
     ~Attempt() {
-        if (m_begun) Destinations().Tell(m_destination, m_outcome, std::time(nullptr), m_limits);
+        if (m_begun) Destinations().Tell(m_destination, m_outcome, BackOff::Now(), m_limits);
     }
     Attempt(Attempt const&) = delete;
     Attempt& operator=(Attempt const&) = delete;
@@ -127,6 +130,7 @@ void RetrySession::Run() {
 void RetrySession::Work() {
     if (IsStopping()) return;
     m_now = std::time(nullptr);
+    m_jump.emplace(m_now, BackOff::Now());
     errno = 0;
     RetryFault const fault = m_file.Read();
     if (fault != RetryFault::None) return ReportDamaged(fault);
@@ -189,6 +193,20 @@ void RetrySession::SkipGap() {
     if ((gap > 0 || early) && !m_file.Note(m_file.status())) ReportStatusLost();
 }
 
+// Nor does a mail age by a clock that is set while somebody looks after it. True: it was.
+bool RetrySession::SkipJump() {
+    std::time_t const jump = m_jump->Take(std::time(nullptr), BackOff::Now());
+    m_file.Skip(jump);
+    m_now += jump;
+    return jump != 0;
+}
+
+void RetrySession::Rest() {
+    bool const noted = !SkipJump() || m_file.Note(m_file.status());
+    if (!noted) ReportStatusLost();
+    m_file.Rest();
+}
+
 std::int64_t RetrySession::Age() const {
     std::int64_t const since = std::max(m_file.envelope().taken, m_file.status().released);
     return m_now - since - m_file.status().skipped;
@@ -202,8 +220,8 @@ void RetrySession::Decide() {
     // A try that is yet to come, or a pause that none reaches, was noted by another clock.
     bool const early =
         status.last <= m_now && status.due > m_now && status.due - m_now <= 2L * m_settings->keep.pause.longest;
-    if (early && !forced && !IsTooOld()) return void(m_file.Rest());
-    if (status.asked()) Destinations().EndPause(Destination(), status.asked());
+    if (early && !forced && !IsTooOld()) return Rest();
+    if (status.asked()) Destinations().EndPause(Destination(), Running(status.asked()));
     Attempt attempt(Destination(), m_settings->keep.pause);
     if (forced) attempt.Insist();
     BackOff::Answer const answer = forced ? BackOff::Answer::Go : attempt.Ask();
@@ -211,12 +229,12 @@ void RetrySession::Decide() {
     if (answer == BackOff::Answer::Busy) return;  // what becomes of that decides at the next walk
     bool const pauses = answer == BackOff::Answer::Rest;
     if (pauses && IsTooOld() && status.tries) return GiveUpUntried();
-    m_file.Rest();
+    Rest();
 }
 
 void RetrySession::Try(Attempt& attempt) {
     ++Count().retries;
-    m_file.Rest();  // should this try end the process, the next one is not at once
+    Rest();  // should this try end the process, the next one is not at once
     errno = 0;
     RetryFault const fault = TakeMessage();
     if (fault != RetryFault::None) return ReportDamaged(fault);
@@ -286,6 +304,7 @@ void RetrySession::Hold(std::vector<Verdict>& verdicts) {
 
 // The last moment at which it is sure that nobody has the message of this try.
 bool RetrySession::BeginContent() {
+    SkipJump();
     RetryStatus status = m_file.status();
     if (m_wasUnsure) {
         ++Count().messagesResent;
@@ -305,6 +324,7 @@ RetryStatus::Recipient& RetrySession::StateOf(RetryStatus& status, std::size_t r
 }
 
 void RetrySession::Settle(std::vector<RecipientFate> fates) {
+    SkipJump();
     RetryStatus status = m_file.status();
     RecipientFate waits;
     std::vector<RecipientFate> failed = fates;
@@ -339,7 +359,7 @@ void RetrySession::GiveUpUntried() {
     fate.reply = {451, "4.4.7", m_file.status().reason};
     RetryStatus status = m_file.status();
     std::vector<RecipientFate> const fates(m_waiting.size(), fate);
-    if (!TellSender(fates)) return void(m_file.Rest());
+    if (!TellSender(fates)) return Rest();
     for (std::size_t i = 0; i < fates.size(); ++i) StateOf(status, i) = State::Failed;
     ReportGivenUp(fates);
     Finish(status);

@@ -17,6 +17,7 @@
 #include <velt/scanning/ScanContext.h>
 
 #include "BackOff.h"
+#include "ClockWatch.h"
 #include "Delivery.h"
 #include "Keeping.h"
 #include "Message.h"
@@ -63,6 +64,8 @@ private:
     void ReportDamaged(RetryFault fault);
     void ReportStatusLost();
     void SkipGap();
+    bool SkipJump();
+    void Rest();
     std::int64_t Age() const;  // seconds
     bool IsTooOld() const;
     std::string Destination() const;
@@ -80,7 +83,8 @@ private:
     VerdictReport m_report;
     std::optional<Quarantine> m_held;  // nobody has what it holds before the file says that it is there
     std::string m_hello;
-    std::time_t m_now = 0;
+    std::time_t m_now = 0;  // when this began, by the clock as it is set now
+    std::optional<ClockJump> m_jump;
     bool m_wasUnsure = false;  // before this try; what may have arrived once may have for ever
     bool m_noteFailed = false;
 };

@@ -1,11 +1,13 @@
 """Destinations that do not answer, and what waits behind them."""
 import ctypes
 import os
+import struct
 import time
 import unittest
 
 import harness
 import mail_sink
+from crash_case import CLOCK
 from deferred_case import DeferredCase
 from rmd_files import rmd
 
@@ -110,6 +112,19 @@ class DeadServers(DeferredCase):
         self.deliver_one(self.sink)
         self.fill(*dead)
         self.assert_live_one_arrives(THREADS - 1, *dead)
+
+    def test_mail_is_not_held_up_by_a_clock_that_was_set(self):
+        """The mails before it wait for what becomes of the first of them, and only so long."""
+        clock = self.root.path / "clock-calls"
+        clock.write_bytes(struct.pack("qq", 3600, int(time.time())))
+        self.begin(smtp=PATIENT_WITH_SERVERS, smtpretryer={"MaxConncurrent": 2},
+                   environment={"LD_PRELOAD": CLOCK, "VELT_CLOCK_CALLS": str(clock)})
+        dead = self.another_sink()
+        dead.fault = "stall-at-greeting"
+        self.retryer(environment=self.environment)
+        self.deliver_one(self.sink)
+        self.fill(dead)
+        self.assert_live_one_arrives(1, dead)
 
 
 if __name__ == "__main__":

@@ -154,6 +154,22 @@ class ClockThatIsSet(TroublesCase):
         self.sink.replies = {}
         self.assert_arrived(1)
 
+    def test_mail_is_not_given_up_for_a_clock_that_was_set_forward_in_the_midst_of_a_try(self):
+        self.begin_tried(GiveUpAfter=3600)
+
+        def answer(_):
+            self.sink.replies = {"MAIL": "451 4.3.2 still not"}
+            self.set_clock(10 * self.DAY)
+            tried.extend(self.events(*RETRY_FAILED))
+            return "451 4.3.2 still not"
+        tried = []
+        self.sink.replies = {"MAIL": answer}
+        harness.wait_until(lambda: tried, "a try in whose midst the clock is set")
+        self.wait_tries(len(tried) + 3)
+        self.assertEqual(self.events(*GIVEN_UP), [])
+        self.sink.replies = {}
+        self.assert_arrived(1)
+
 
 if __name__ == "__main__":
     unittest.main()
