@@ -7,10 +7,11 @@ namespace {
 
 constexpr std::size_t kMaxKnown = 10000;
 constexpr unsigned kMaxDoublings = 30;
+constexpr std::chrono::seconds kLongestTry{3600};
 constexpr double kShortest = 0.75;
 constexpr double kSpread = 0.5;
 constexpr int kLessPatience = 5;                 // with a destination that failed: a part of the patience with others
-constexpr int kSilence = 6;                      // times the patience
+constexpr int kSilence = 12;                     // times the patience
 constexpr std::chrono::milliseconds kStep{200};  // how often a wait looks whether it is over
 
 }  // namespace
@@ -39,11 +40,15 @@ void BackOff::Tries::End() {
     heard = Clock::now();
 }
 
-bool BackOff::IsCrowded(Known const& known) const { return !known.reached && m_probes.underWay >= m_atOnce; }
+BackOff::Tries* BackOff::Crowd(Known const& known) {
+    if (known.reached) return nullptr;
+    if (m_probes.underWay >= m_atOnce) return &m_probes;
+    return known.failures && m_probesAgain.underWay >= m_failedAtOnce ? &m_probesAgain : nullptr;
+}
 
 BackOff::Tries* BackOff::Full(Known& known) {
-    if (known.tries.underWay >= (known.reached ? m_atOnce : 1)) return &known.tries;
-    return IsCrowded(known) ? &m_probes : nullptr;
+    bool const full = known.tries.underWay >= (known.reached ? m_atOnce : 1);
+    return full ? &known.tries : Crowd(known);
 }
 
 BackOff::Answer BackOff::Enter(Known& known, std::time_t now) {
@@ -53,14 +58,26 @@ BackOff::Answer BackOff::Enter(Known& known, std::time_t now) {
     if (known.reached) return Answer::Go;
     ++known.probes;
     m_probes.Begin();
+    known.again = known.failures != 0;
+    if (known.again) m_probesAgain.Begin();
     return Answer::Go;
 }
 
-bool BackOff::IsStalled(Known& known) { return Full(known)->stalled || (IsCrowded(known) && m_probes.stalled); }
+bool BackOff::IsStalled(Known& known) {
+    Tries const* const crowd = Crowd(known);
+    return Full(known)->stalled || (crowd && crowd->stalled);
+}
 
 void BackOff::Stall(Known& known) {
     Full(known)->stalled = true;
-    m_probes.stalled |= IsCrowded(known);
+    if (Tries* const crowd = Crowd(known)) crowd->stalled = true;
+}
+
+void BackOff::EndProbe(Known& known) {
+    if (known.probes == 0) return;
+    --known.probes;
+    m_probes.End();
+    if (known.again) m_probesAgain.End();
 }
 
 std::time_t BackOff::Now() {
@@ -96,6 +113,13 @@ void BackOff::Insist(std::string const& destination) {
     Find(destination).tries.Begin();
 }
 
+std::chrono::seconds BackOff::LimitOf(std::string const& destination, std::chrono::seconds first) {
+    std::lock_guard const lock(m_mutex);
+    Known const& known = Find(destination);
+    if (known.reached) return std::chrono::seconds(0);
+    return std::min(kLongestTry, first * (1l << std::min(known.failures, kMaxDoublings)));
+}
+
 void BackOff::EndPause(std::string const& destination, std::time_t asked) {
     std::lock_guard const lock(m_mutex);
     auto const found = m_known.find(destination);
@@ -108,10 +132,7 @@ void BackOff::Tell(std::string const& destination, Outcome outcome, std::time_t 
     std::lock_guard const lock(m_mutex);
     Known& known = Find(destination);
     known.tries.End();
-    if (known.probes) {
-        --known.probes;
-        m_probes.End();
-    }
+    EndProbe(known);
     m_told.notify_all();
     if (outcome == Outcome::Unknown) return;
     known.reached = outcome == Outcome::Reached;

@@ -73,6 +73,44 @@ TEST(BackOff, LeavesRoomForDestinationsThatAnswerBesideAllOthersTogether) {
     EXPECT_EQ(backOff.Ask("e", 1000), Answer::Busy);
 }
 
+TEST(BackOff, LeavesRoomForDestinationsOfWhichNothingIsKnownBesideThoseThatFailed) {
+    BackOff backOff(4);
+    for (char const* const one : {"a", "b", "c"}) backOff.Tell(one, Outcome::Failed, 1000, kLimits);
+    EXPECT_EQ(backOff.Ask("a", 1126), Answer::Go);
+    EXPECT_EQ(backOff.Ask("b", 1126), Answer::Go);
+    EXPECT_EQ(backOff.Ask("c", 1126), Answer::Busy);
+    EXPECT_EQ(backOff.Ask("new", 1126), Answer::Go);
+    EXPECT_EQ(backOff.Ask("newer", 1126), Answer::Go);
+    EXPECT_EQ(backOff.Ask("newest", 1126), Answer::Busy) << "of all together there are no more than before";
+    backOff.Tell("new", Outcome::Failed, 1127, kLimits);
+    EXPECT_EQ(backOff.Ask("c", 1127), Answer::Busy) << "their number is as it was";
+    EXPECT_EQ(backOff.Ask("newest", 1127), Answer::Go);
+    backOff.Tell("a", Outcome::Failed, 1128, kLimits);
+    EXPECT_EQ(backOff.Ask("c", 1128), Answer::Go);
+}
+
+TEST(BackOff, LetsTheOnlyThreadTryThoseThatFailed) {
+    BackOff backOff(1);
+    backOff.Tell("a", Outcome::Failed, 1000, kLimits);
+    EXPECT_EQ(backOff.Ask("a", 1126), Answer::Go);
+    EXPECT_EQ(backOff.Ask("new", 1126), Answer::Busy);
+}
+
+TEST(BackOff, GivesADestinationMoreTimeWithEachFailureAndAnyOnceItWasReached) {
+    BackOff backOff(3);
+    EXPECT_EQ(backOff.LimitOf("a", 10s), 10s);
+    backOff.Tell("a", Outcome::Failed, 1000, kLimits);
+    EXPECT_EQ(backOff.LimitOf("a", 10s), 20s);
+    backOff.Tell("a", Outcome::Failed, 2000, kLimits);
+    EXPECT_EQ(backOff.LimitOf("a", 10s), 40s);
+    for (int i = 3; i < 100; ++i) backOff.Tell("a", Outcome::Failed, 10000 * i, kLimits);
+    EXPECT_EQ(backOff.LimitOf("a", 10s), 1h);
+    backOff.Tell("a", Outcome::Reached, 1000001, kLimits);
+    EXPECT_EQ(backOff.LimitOf("a", 10s), 0s);
+    backOff.Tell("a", Outcome::Failed, 1000002, kLimits);
+    EXPECT_EQ(backOff.LimitOf("a", 10s), 20s);
+}
+
 TEST(BackOff, GoesWhereSomebodyInsistsAndCountsThat) {
     BackOff backOff(3);
     backOff.Tell("a", Outcome::Failed, 1000, kLimits);
@@ -155,6 +193,15 @@ TEST(BackOffPatience, BeginsNothingOnceTheProcessStops) {
     BackOff backOff(3);
     EXPECT_EQ(backOff.AskPatiently("a", 600s, [] { return true; }), Answer::Busy);
     EXPECT_EQ(backOff.AskPatiently("a", 600s, Never), Answer::Go) << "nobody tries it";
+}
+
+TEST(BackOffPatience, WithThoseThatFailedIsNotThatOfOthers) {
+    BackOff backOff(2);
+    for (char const* const one : {"a", "b"}) backOff.Tell(one, Outcome::Failed, BackOff::Now() - 1000, kLimits);
+    ASSERT_EQ(backOff.AskPatiently("a", 1ms, Never), Answer::Go);
+    EXPECT_EQ(backOff.AskPatiently("b", 1ms, Never), Answer::Busy);
+    EXPECT_EQ(backOff.AskPatiently("b", 600s, Never), Answer::Busy) << "at once";
+    EXPECT_EQ(backOff.AskPatiently("new", 600s, Never), Answer::Go);
 }
 
 TEST(BackOff, DoublesThePauseWithEachFailureAndNotWithEachOfManyAtOnce) {

@@ -81,7 +81,10 @@ public:
     }
     void Insist() {
         Destinations().Insist(m_destination);
-        m_begun = true;
+        m_begun = m_insists = true;
+    }
+    std::chrono::seconds LimitOf(std::chrono::seconds first) const {
+        return m_insists ? std::chrono::seconds(0) : Destinations().LimitOf(m_destination, first);
     }
     void Learn(std::vector<RecipientFate> const& fates) {
         for (RecipientFate const& fate : fates) {
@@ -100,6 +103,7 @@ private:
     PauseLimits m_limits;
     BackOff::Outcome m_outcome = BackOff::Outcome::Unknown;
     bool m_begun = false;
+    bool m_insists = false;
 };
 
 RetrySession::RetrySession(int fd, std::string const& directory, std::string const& name)
@@ -241,6 +245,7 @@ void RetrySession::Try(Attempt& attempt) {
     if (m_file.status().released && !m_file.status().tries) ReportReleased();
     std::vector<Verdict> verdicts = Verdicts();
     Hold(verdicts);
+    m_delivery->LimitTo(attempt.LimitOf(m_settings->keep.patience));
     std::vector<RecipientFate> fates = m_delivery->Deliver(m_message, verdicts);
     attempt.Learn(fates);
     Settle(std::move(fates));

@@ -65,6 +65,7 @@ KeepSettings ReadKeepSettings(VELT::Config& config) {
             Directory<VELTCFG::quarantineretryer::ScanDir>(config),
             std::chrono::seconds(ReadSetting<S::KeepAfter>(config)),
             {ReadSetting<S::RetryPause>(config), ReadSetting<S::RetryPauseLimit>(config)},
+            std::chrono::seconds(ReadSetting<S::RetryPatience>(config)),
             ReadSetting<S::GiveUpAfter>(config),
             std::int64_t{ReadSetting<VELTCFG::smtpretryer::RetryInterval>(config)} +
                 ReadSetting<VELTCFG::smtpretryer::ScanInterval>(config)};

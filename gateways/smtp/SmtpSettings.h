@@ -218,6 +218,13 @@ struct attrname_RetryPauseLimit {
 using RetryPauseLimit =
     cfg::bounded<attrname_RetryPauseLimit, unsigned, cfg::integral_bounds<unsigned, 4000, 1, 86400>>;
 
+struct attrname_RetryPatience {
+    static constexpr SettingText text{"smtp", "RetryPatience", "seconds",
+                                      "How long a retryer's try of a destination that is not known to answer may take "
+                                      "until the message goes out; twice as long after each failure in a row."};
+};
+using RetryPatience = cfg::bounded<attrname_RetryPatience, unsigned, cfg::integral_bounds<unsigned, 45, 1, 3600>>;
+
 struct attrname_GiveUpAfter {
     static constexpr SettingText text{"smtp", "GiveUpAfter", "seconds",
                                       "A message that waited for so long is tried once more, given up, and its sender "
@@ -225,12 +232,12 @@ struct attrname_GiveUpAfter {
 };
 using GiveUpAfter = cfg::bounded<attrname_GiveUpAfter, unsigned, cfg::integral_bounds<unsigned, 432000, 1, 4294967>>;
 
-using Settings =
-    cfg::setting_list<RelayHost, RelayPort, GreetingName, AcceptDomains, DifferentIdentity, RefusedText, UncheckedText,
-                      MaxCommandLine, MaxTextLine, MaxHeaderSize, MaxMessageSize, MaxRecipients, MaxErrors,
-                      MaxIdleCommands, MaxHops, CommandTimeout, DataTimeout, MinDataRate, UpstreamGreetingTimeout,
-                      UpstreamCommandTimeout, UpstreamDataTimeout, UpstreamBlockTimeout, UpstreamFinalTimeout,
-                      TransparentSource, StoreAndForward, KeepAfter, RetryPause, RetryPauseLimit, GiveUpAfter>;
+using Settings = cfg::setting_list<RelayHost, RelayPort, GreetingName, AcceptDomains, DifferentIdentity, RefusedText,
+                                   UncheckedText, MaxCommandLine, MaxTextLine, MaxHeaderSize, MaxMessageSize,
+                                   MaxRecipients, MaxErrors, MaxIdleCommands, MaxHops, CommandTimeout, DataTimeout,
+                                   MinDataRate, UpstreamGreetingTimeout, UpstreamCommandTimeout, UpstreamDataTimeout,
+                                   UpstreamBlockTimeout, UpstreamFinalTimeout, TransparentSource, StoreAndForward,
+                                   KeepAfter, RetryPause, RetryPauseLimit, RetryPatience, GiveUpAfter>;
 
 }  // namespace VELTCFG::smtp
 
@@ -256,6 +263,7 @@ struct KeepSettings {
     std::string quarantine;  // the directory of mail that policy says to keep; the same
     std::chrono::seconds after{120};
     PauseLimits pause;
+    std::chrono::seconds patience{45};  // with the first try of a destination, until the message goes out
     std::int64_t giveUpSeconds = 432000;
     std::int64_t lookSeconds = 310;  // between two looks of a retryer that is not held up
 

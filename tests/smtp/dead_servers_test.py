@@ -113,6 +113,22 @@ class DeadServers(DeferredCase):
         self.fill(*dead)
         self.assert_live_one_arrives(THREADS - 1, *dead)
 
+    def test_mail_is_not_held_up_behind_many_servers_of_which_as_little_is_known(self):
+        self.begin(smtp={**PATIENT_WITH_SERVERS, "RetryPatience": 2}, smtpretryer=FEW_THREADS)
+        self.expect(12000, 8, at_least=0)  # a connection that its server's end resets
+        dead = [self.another_sink() for _ in range(2 * THREADS)]
+        for one in dead:
+            one.fault = "stall-at-greeting"
+        self.fill(*dead)
+        begin = time.monotonic()
+        self.retryer()
+        self.sink.wait_messages(1, 60)
+        took = time.monotonic() - begin
+        print(f"\nbehind {len(dead)} that do not answer either: after {took:.1f} s", flush=True)
+        self.assertLess(took, harness.bound(4 * THREADS + SOON))
+        for one in dead:
+            one.close()
+
     def test_mail_is_not_held_up_by_a_clock_that_was_set(self):
         """The mails before it wait for what becomes of the first of them, and only so long."""
         clock = self.root.path / "clock-calls"
