@@ -28,7 +28,8 @@ namespace {
 using State = RetryStatus::Recipient;
 using Kind = RecipientFate::Kind;
 
-constexpr std::chrono::seconds kPatience{5};     // with others that find out whether a destination answers
+constexpr std::chrono::seconds kPatience{5};  // with others that find out whether a destination answers
+constexpr char const* kUntried = "next server cannot be reached";
 constexpr std::uint64_t kInMemory = 128 * 1024;  // bytes of a message, as many as are read at once
 
 // One thread at least is left for other destinations than the one that takes most of the mail.
@@ -232,7 +233,7 @@ void RetrySession::Decide() {
     if (answer == BackOff::Answer::Go) return Try(attempt);
     if (answer == BackOff::Answer::Busy) return;  // what becomes of that decides at the next walk
     bool const pauses = answer == BackOff::Answer::Rest;
-    if (pauses && IsTooOld() && status.tries) return GiveUpUntried();
+    if (pauses && IsTooOld()) return GiveUpUntried();
     Rest();
 }
 
@@ -356,12 +357,13 @@ void RetrySession::Settle(std::vector<RecipientFate> fates) {
     status.waits() ? PutBack(std::move(status), waits) : Finish(status);
 }
 
-// Nothing was tried now, as the destination rests: what the last try said holds.
+// Nothing was tried now, as the destination rests: what the last try said holds. Mail that none was made of ends so,
+// too, however much of what came later was tried before it.
 void RetrySession::GiveUpUntried() {
     RetryFault const fault = TakeMessage();
     if (fault != RetryFault::None) return ReportDamaged(fault);
     RecipientFate fate;
-    fate.reply = {451, "4.4.7", m_file.status().reason};
+    fate.reply = {451, "4.4.7", m_file.status().tries ? m_file.status().reason : kUntried};
     RetryStatus status = m_file.status();
     std::vector<RecipientFate> const fates(m_waiting.size(), fate);
     if (!TellSender(fates)) return Rest();

@@ -239,6 +239,18 @@ class Retried(DeferredCase):
             harness.wait_until(lambda: len(self.events(*WALK)) > walks + 12 or self.events(*GIVEN_UP), "walks")
         return "250 2.1.0 ok"
 
+    def test_mail_that_was_never_tried_is_given_up_too_while_its_destination_rests(self):
+        self.begin(smtp={"RetryPause": 3600, "RetryPauseLimit": 3600})
+        self.provokes(GIVEN_UP, NOT_NOTIFIED)
+        self.keep()
+        self.retryer()
+        self.wait_tries()
+        (self.directory / "old.rmd").write_bytes(rmd("old", age=864000, sender=""))
+        (event,) = self.noted(GIVEN_UP)
+        self.assertEqual(event["values"]["smtp_reply"], "451 4.4.7 next server cannot be reached")
+        harness.wait_until(lambda: len(self.waiting()) == 1, "the end of its file")
+        self.assertEqual(len(self.events(*RETRY_FAILED)), 1, "the other one rests")
+
     def test_mail_that_waits_for_a_thread_when_the_process_stops_is_left_to_the_next_one(self):
         self.begin(smtpretryer={"MaxConncurrent": 1, "RetryInterval": 600})
         self.expect(*WORKER, at_least=0)

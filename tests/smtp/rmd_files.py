@@ -16,10 +16,10 @@ def slot(recipients, tries, reason):
 
 
 def rmd(name, server="", content=b"Subject: test\r\n\r\nhello\r\n", recipients=("bob@inside.example",), tries=0,
-        sender="alice@outside.example"):
-    """The bytes of a file. Of no tries yet: it is due at once."""
+        sender="alice@outside.example", age=0):
+    """The bytes of a file, of a mail that was taken so many seconds ago. Of no tries yet: it is due at once."""
     envelope = (f"id {name}\nsession {name}\nsender {sender}\nhello client.example\nclient 127.0.0.2\nserver {server}\n"
-                f"engines \ntaken {int(time.time())}\ninbound\n" +
+                f"engines \ntaken {int(time.time()) - age}\ninbound\n" +
                 "".join(f"recipient {one} \n" for one in recipients)).encode()
     status = slot(len(recipients), tries, b"451 4.4.1 away")
     first = b"VELTRMD 1 %010d %010d %020d %s %s " % (len(envelope), len(status), len(content), summed(envelope),
