@@ -242,6 +242,7 @@ Reply Delivery::Notify(Message& message, std::string const& text, bool& unsure) 
     Reply reply;
     for (int attempt = 0; attempt < 2; ++attempt) {
         if (attempt) Close();
+        if (unsure) shipment.wanted = [&] { return ReportResent(m_session, ListOf(shipment.recipients), 1), true; };
         reply = Send(RouteOf(LowerCase(message.sender.domain)), shipment).front();
         if (reply.group() == 2) break;
         unsure |= m_upstream && m_upstream->unsure();

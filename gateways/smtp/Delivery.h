@@ -45,8 +45,9 @@ public:
     // Asked before each content goes out, in place of whether the client is still there. False: it does not go.
     void AskBefore(std::function<bool()> ask) { m_askBefore = std::move(ask); }
 
-    // Sends the notification to the sender; a second time over a new connection if the first fails, unless it can be
-    // kept and the server may have it: that is `unsure`. 2xx: the next server has the notification.
+    // Sends the notification to the sender; a second time over a new connection if the first fails. Where the server
+    // may have it by then it is `unsure`: kept where it can be, and otherwise a second copy that is counted. 2xx: the
+    // next server has the notification.
     Reply Notify(Message& message, std::string const& text, bool& unsure);
 
     // Whether the last message was kept back as its client had left: it will come again, and is not to arrive twice.

@@ -2,6 +2,9 @@
 
 #include <QXlog/Names.h>
 
+#include "SmtpCounters.h"
+#include "SmtpEvents.h"
+
 namespace smtp {
 
 KORlog::InfoBag ReportingSession::Facts() const {
@@ -11,6 +14,14 @@ KORlog::InfoBag ReportingSession::Facts() const {
     bag |= QXPROP_AUDIT_CONV_ID(m_conversationId);
     bag |= QXPROP_SOURCE_IP(m_source.m_addressText);
     return bag;
+}
+
+void ReportResent(ReportingSession const& session, std::string const& recipients, unsigned long tries) {
+    ++Count().messagesResent;
+    session.Note(events::MESSAGE_RESENT, [&](KORlog::InfoBag& bag) {
+        bag |= names::RECIPIENTS(recipients);
+        bag |= names::COUNT(tries);
+    });
 }
 
 std::string OneLine(Reply const& reply) {

@@ -28,6 +28,9 @@ public:
     }
 };
 
+// A message goes out to these that the next server may have from one of so many tries: that is counted.
+void ReportResent(ReportingSession const& session, std::string const& recipients, unsigned long tries);
+
 std::string OneLine(Reply const& reply);  // "554 5.7.1 refused"
 
 }  // namespace smtp

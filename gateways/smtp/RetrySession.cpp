@@ -312,13 +312,7 @@ void RetrySession::Hold(std::vector<Verdict>& verdicts) {
 bool RetrySession::BeginContent() {
     SkipJump();
     RetryStatus status = m_file.status();
-    if (m_wasUnsure) {
-        ++Count().messagesResent;
-        Note(events::MESSAGE_RESENT, [&](KORlog::InfoBag& bag) {
-            bag |= names::RECIPIENTS(ListOf(m_message.recipients));
-            bag |= names::COUNT(static_cast<unsigned long>(status.tries));
-        });
-    }
+    if (m_wasUnsure) ReportResent(*this, ListOf(m_message.recipients), status.tries);
     status.unsure = true;
     status.last = m_now;
     m_noteFailed = !m_file.Note(status);

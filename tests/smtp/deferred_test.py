@@ -141,6 +141,20 @@ class Kept(DeferredCase):
         self.assertEqual(len({message_id(one.content) for one in self.sink.messages[1:]}), 1)
         self.assertEqual(len(self.sink.messages), 3)
 
+    def test_second_copy_of_a_notification_that_goes_out_at_once_is_counted_too(self):
+        self.begin(smtp={"StoreAndForward": False})
+        self.provokes(RESENT, NOTIFIED)
+        self.sink.replies = {"RCPT dora@inside.example": "550 5.1.1 who?"}
+        self.sink.on_message = lambda number, _: setattr(self.sink, "fault", {1: "die-stored"}.get(number))
+        self.assertRegex(self.client().mail(body(), [STAFF, "dora@inside.example"]), r"^250 ")
+        _, *reports = self.sink.messages
+        self.assertEqual([one.recipients for one in reports], [[SENDER]] * 2)
+        self.assertEqual(len({message_id(one.content) for one in reports}), 1)
+        ([resent], [sent]) = self.noted(RESENT), self.noted(NOTIFIED)
+        self.assertEqual(resent["values"]["audit_id"], sent["values"]["audit_id"])
+        self.assertEqual((resent["values"]["smtp_recipients"], resent["values"]["smtp_count"]), (f"<{SENDER}>", 1))
+        self.assertEqual(self.counters("smtp")["smtp.messages.resent"], 1)
+
     def test_client_that_has_left_sends_again_and_nothing_is_kept(self):
         self.begin()
         self.provokes((60000, 14), DEFERRED)
