@@ -347,6 +347,7 @@ void RetrySession::Settle(std::vector<RecipientFate> fates) {
         ReportGivenUp(failed);
     } else if (anyFailed) {
         waits = *std::find_if(failed.begin(), failed.end(), [](RecipientFate const& one) { return !one.taken(); });
+        for (RecipientFate const& one : failed) status.unsure |= !one.taken() && one.unsure;
     }
     status.waits() ? PutBack(std::move(status), waits) : Finish(status);
 }

@@ -6,6 +6,7 @@ import stat
 import threading
 import time
 import unittest
+import zlib
 
 import harness
 import mail_sink
@@ -445,6 +446,27 @@ class Retried(DeferredCase):
         self.retryer()
         self.assertEqual(self.sink.wait_messages(1)[0].recipients, [BOARD])
         self.assertEqual(self.counters().get("smtp.retries.scanned", 0), 0)
+
+
+class NotToBeToldOf(DeferredCase):
+    def test_second_copy_of_a_mail_that_could_not_be_given_up_is_counted(self):
+        self.begin(smtp={"GiveUpAfter": 3600})
+        self.provokes(RESENT, STORE_FAILED)
+        self.sink.replies = {"MAIL": "451 4.3.2 later"}
+        self.assertRegex(self.client().mail(), r"^250 ")
+        (name,) = self.waiting()
+        self.rewrite(self.directory / name, rb"^taken .*$", b"taken 1700000000")
+        told_of = zlib.crc32(STAFF.encode() + b"\n")
+        in_the_way = self.directory / f"{name.removesuffix('.rmd')}.report1.{told_of:08x}.rmd.tmp"
+        in_the_way.mkdir()
+        self.sink.replies, self.sink.fault = {}, "die-stored"
+        self.sink.on_message = lambda *_: setattr(self.sink, "fault", None)
+        self.retryer()
+        first, second = self.sink.wait_messages(2)
+        self.wait_empty()
+        self.assertEqual(first.content, second.content)
+        self.assertEqual(len(self.noted(RESENT)), 1)
+        in_the_way.rmdir()
 
 
 class LearningClamd(ScriptedClamd):
