@@ -136,7 +136,9 @@ RetryFault RetryFile::ReadStatus() {
         RetryStatus status;
         if (!ReadPart(m_layout.slot(which), m_layout.slotLength, part)) return RetryFault::Unreadable;
         if (!ReadSlot(part, m_envelope.recipients.size(), status)) continue;
-        if (!found || status.sequence > m_status.sequence) m_status = std::move(status);
+        if (found && status.sequence <= m_status.sequence) continue;
+        m_status = std::move(status);
+        m_slot = which;
         found = true;
     }
     return found ? RetryFault::None : RetryFault::StatusDamaged;
@@ -164,11 +166,13 @@ RetryFault RetryFile::ReadMessage(VELT::ScannerStream& out) {
 
 // The slot that does not hold is written over. Until it is flushed the other one stands as the last word.
 bool RetryFile::Note(RetryStatus status) {
+    if (m_status.sequence >= RetryLayout::kMaxSequence) return errno = EOVERFLOW, false;
     status.sequence = m_status.sequence + 1;
-    std::uint64_t const at = m_layout.slot(static_cast<unsigned>(status.sequence % 2));
-    bool const written = WriteAt(m_fd, WriteSlot(status), at) && LetRest(m_fd) && Flush(m_fd);
-    if (written) m_status = std::move(status);
-    return written;
+    bool const written = WriteAt(m_fd, WriteSlot(status), m_layout.slot(1 - m_slot)) && LetRest(m_fd) && Flush(m_fd);
+    if (!written) return false;
+    m_status = std::move(status);
+    m_slot = 1 - m_slot;
+    return true;
 }
 
 bool RetryFile::Rest() { return LetRest(m_fd); }

@@ -91,6 +91,7 @@ private:
     RetryLayout m_layout;
     RetryEnvelope m_envelope;
     RetryStatus m_status;
+    unsigned m_slot = 0;  // that holds it
     std::time_t m_seen = 0;
 };
 

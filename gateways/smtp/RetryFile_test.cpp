@@ -8,6 +8,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -154,6 +156,16 @@ protected:
         VELT::ScannerStream message("reader", false);
         if (file->Read() != RetryFault::None || file->ReadMessage(message) != RetryFault::None) return "";
         return velt_testing::ReadAll(message);
+    }
+
+    void Number(std::array<std::uint64_t, 2> const& sequences) const {
+        std::fstream file(Path(), std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(static_cast<std::streamoff>(RetryLayout::kFirstLine + WriteEnvelope(m_envelope).size()));
+        for (std::uint64_t const sequence : sequences) {
+            RetryStatus status = m_status;
+            status.sequence = sequence;
+            file << WriteSlot(status);
+        }
     }
 
     std::string Other(std::string const& name = "") const { return m_room / ("other/" + name); }
@@ -306,6 +318,32 @@ TEST_F(RetryFiles, ChangeTheirStatusInPlaceAsOftenAsOneLikes) {
     }
     EXPECT_EQ(NamesIn(m_directory), before);
     EXPECT_EQ(Message(Path()), m_message);
+}
+
+// Whatever numbers somebody gave the slots: the next status holds, and until it is flushed the one before.
+TEST_F(RetryFiles, HoldTheStatusThatWasWrittenLastWhateverTheirSlotsSay) {
+    std::uint64_t const numbers[] = {
+        0, 1, 2, 3, RetryLayout::kMaxSequence - 1, RetryLayout::kMaxSequence, UINT64_MAX - 1, UINT64_MAX};
+    for (std::uint64_t const first : numbers) {
+        for (std::uint64_t const second : numbers) {
+            ASSERT_TRUE(Store());
+            Number({first, second});
+            auto const file = Open(Path());
+            RetryFault const fault = file->Read();
+            bool const bothMadeUp = std::min(first, second) > RetryLayout::kMaxSequence;
+            ASSERT_EQ(fault, bothMadeUp ? RetryFault::StatusDamaged : RetryFault::None) << first << ' ' << second;
+            if (bothMadeUp) continue;
+            RetryStatus status = file->status();
+            std::string const before = WriteSlot(status);
+            status.tries = 77;
+            bool const noted = file->Note(status);
+            EXPECT_EQ(noted, status.sequence < RetryLayout::kMaxSequence) << "none comes behind that";
+            auto const again = Open(Path());
+            ASSERT_EQ(again->Read(), RetryFault::None);
+            EXPECT_EQ(again->status().tries, noted ? 77u : m_status.tries) << first << ' ' << second;
+            EXPECT_NE(Slurp(Path()).find(before), std::string::npos) << first << ' ' << second;
+        }
+    }
 }
 
 TEST_F(RetryFiles, CutAtAnyPlaceAreKnownForIt) {

@@ -144,6 +144,11 @@ bool IsState(char c) {
            state == Recipient::Held;
 }
 
+// Sums and differences of a few of them are numbers, too.
+bool IsTime(std::int64_t seconds) {
+    return seconds >= -RetryLayout::kMaxSeconds && seconds <= RetryLayout::kMaxSeconds;
+}
+
 // The states, and behind them the time of a release.
 bool ReadStates(std::string_view text, std::size_t recipients, RetryStatus& out) {
     bool const dated = text.find('@') != std::string_view::npos;
@@ -152,7 +157,7 @@ bool ReadStates(std::string_view text, std::size_t recipients, RetryStatus& out)
     out.recipients.clear();
     for (char const c : states) out.recipients.push_back(static_cast<RetryStatus::Recipient>(c));
     out.released = 0;
-    return !dated || (ReadNumber(text, out.released) && out.released > 0);
+    return !dated || (ReadNumber(text, out.released) && out.released > 0 && IsTime(out.released));
 }
 
 std::string Due(RetryStatus const& status) {
@@ -266,7 +271,7 @@ RetryFault ReadEnvelope(std::string_view bytes, RetryLayout const& layout, Retry
     while (!bytes.empty()) {
         if (!ReadLine(Cut(bytes, '\n'), out)) return RetryFault::HeadDamaged;
     }
-    bool const whole = !out.auditId.empty() && out.taken > 0 && !out.recipients.empty() &&
+    bool const whole = !out.auditId.empty() && out.taken > 0 && IsTime(out.taken) && !out.recipients.empty() &&
                        layout.slotLength == SlotLength(out.recipients.size()) && HasPaths(out);
     return whole ? RetryFault::None : RetryFault::HeadDamaged;
 }
@@ -294,7 +299,9 @@ bool ReadSlot(std::string_view bytes, std::size_t recipients, RetryStatus& out) 
                          ReadNumber(Cut(text, ' '), out.last) && ReadDue(Cut(text, ' '), out);
     std::string_view const unsure = Cut(text, ' ');
     std::string_view const states = Cut(text, ' ');
-    if (!numbers || (unsure != "?" && unsure != ".") || !ReadStates(states, recipients, out)) return false;
+    bool const sane = numbers && out.sequence <= RetryLayout::kMaxSequence && IsTime(out.last) && IsTime(out.due) &&
+                      IsTime(out.skipped);
+    if (!sane || (unsure != "?" && unsure != ".") || !ReadStates(states, recipients, out)) return false;
     out.unsure = unsure == "?";
     out.reason = text.substr(0, text.find_last_not_of(' ') + 1);
     return true;

@@ -85,6 +85,8 @@ struct RetryLayout {
     static constexpr std::uint64_t kMaxEnvelope = 64 << 20;
     static constexpr std::uint64_t kMaxMessage = 0xFFFFFFFF;
     static constexpr std::size_t kMaxReason = 300;
+    static constexpr std::uint64_t kMaxSequence = INT64_MAX;        // no status comes behind it
+    static constexpr std::int64_t kMaxSeconds = 1'000'000'000'000;  // of a time and a span, either way
 
     std::uint64_t slot(unsigned which) const { return kFirstLine + envelopeLength + (which % 2) * slotLength; }
     std::uint64_t message() const { return slot(0) + 2 * slotLength; }

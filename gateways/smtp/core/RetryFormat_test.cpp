@@ -147,8 +147,9 @@ TEST(RetryEnvelopeText, IsRefusedWhereItMakesNoSense) {
     std::string const good = WriteEnvelope(envelope);
     for (std::string const& text :
          {good + "unknown x\n", good + "recipient \n", good + "recipient a%4\n", good + "recipient a%zz\n",
-          good + "taken x\n", good + "taken -1\n", good + "plain x\n", good + "hello a b\n", good + "\n",
-          good + "recipient third@inside.example \n", std::string("id a1\ntaken 5\n"), std::string()}) {
+          good + "taken x\n", good + "taken -1\n", good + "taken 9223372036854775807\n", good + "plain x\n",
+          good + "hello a b\n", good + "\n", good + "recipient third@inside.example \n",
+          std::string("id a1\ntaken 5\n"), std::string()}) {
         RetryEnvelope read;
         EXPECT_EQ(ReadEnvelope(text, LayoutOf(envelope, text), read), RetryFault::HeadDamaged) << text;
     }
@@ -228,19 +229,35 @@ TEST(RetrySlot, SaysHowMuchOfTheAgeDoesNotCountOnlyWhereThereIsAny) {
 
 TEST(RetrySlot, HasRoomForTheLargestNumbersAndCutsALongReason) {
     RetryStatus status;
-    status.sequence = UINT64_MAX;
+    status.sequence = RetryLayout::kMaxSequence;
     status.tries = UINT32_MAX;
-    status.last = status.due = status.skipped = INT64_MIN;
-    status.released = INT64_MAX;
+    status.last = status.due = status.skipped = -RetryLayout::kMaxSeconds;
+    status.released = RetryLayout::kMaxSeconds;
     status.recipients.assign(1000, State::Failed);
     status.reason.assign(5000, '\xff');
     RetryStatus read;
     ASSERT_TRUE(ReadSlot(WriteSlot(status), 1000, read));
-    EXPECT_EQ(read.sequence, UINT64_MAX);
-    EXPECT_EQ(read.due, INT64_MIN);
-    EXPECT_EQ(read.skipped, INT64_MIN);
+    EXPECT_EQ(read.sequence, RetryLayout::kMaxSequence);
+    EXPECT_EQ(read.due, -RetryLayout::kMaxSeconds);
+    EXPECT_EQ(read.skipped, -RetryLayout::kMaxSeconds);
     EXPECT_EQ(read.reason, std::string(RetryLayout::kMaxReason, '?'));
     EXPECT_FALSE(read.waits());
+}
+
+// Somebody made it up: it would be the last word for ever, or its times could not be reckoned with.
+TEST(RetrySlot, IsRefusedWithNumbersThatNobodyComesTo) {
+    auto const refused = [](auto change) {
+        RetryStatus status = SomeStatus(), read;
+        change(status);
+        return !ReadSlot(WriteSlot(status), 2, read);
+    };
+    EXPECT_FALSE(refused([](RetryStatus&) {}));
+    EXPECT_TRUE(refused([](RetryStatus& status) { status.sequence = RetryLayout::kMaxSequence + 1; }));
+    EXPECT_TRUE(refused([](RetryStatus& status) { status.sequence = UINT64_MAX; }));
+    EXPECT_TRUE(refused([](RetryStatus& status) { status.last = RetryLayout::kMaxSeconds + 1; }));
+    EXPECT_TRUE(refused([](RetryStatus& status) { status.due = INT64_MIN; }));
+    EXPECT_TRUE(refused([](RetryStatus& status) { status.skipped = INT64_MIN; }));
+    EXPECT_TRUE(refused([](RetryStatus& status) { status.released = INT64_MAX; }));
 }
 
 TEST(RetrySlot, IsNotWholeAtAnyCutOrChange) {
