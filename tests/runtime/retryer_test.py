@@ -7,7 +7,7 @@ import time
 import unittest
 
 import harness
-from retryer_case import NO_DIRECTORY, NO_FILE, RETRYER, RetryerCase
+from retryer_case import NO_DIRECTORY, NO_FILE, RETRYER, WALK, RetryerCase
 
 
 class Files(RetryerCase):
@@ -258,6 +258,26 @@ class OneProcess(RetryerCase):
         self.put("b", "done", at_rest=True)
         self.passed("a", "b")
         self.assertEqual(self.names(), [])
+
+
+class OtherQueues(RetryerCase):
+    def passed(self, queue, directory):
+        """One pass over the directory that the queue has by default; one file lies in it."""
+        self.directory = self.root.path / directory
+        self.directory.mkdir(parents=True, exist_ok=True)
+        self.put("work", "done")
+        self.configure(self.settings())
+        self.assertEqual(self.launch(("-p", "-s", "retryer", "-t", queue)).wait(), 0)
+        self.assertEqual(self.names(), [])
+
+    def test_log_and_quarantine_have_their_directories_and_report_nothing(self):
+        for queue, directory in (("log", "deferred/logging"), ("quarantine", "quarantine/smtp")):
+            with self.subTest(queue):
+                self.passed(queue, directory)
+                self.assertEqual(self.attempts("work"), ["again", "done"])
+                self.assertEqual(self.events(), [])
+        self.passed("smtp", "deferred/smtp")
+        self.assertEqual([event["values"]["file_for_retry"] for event in self.events(*WALK)], ["work.rmd"])
 
 
 class OfTheMailGateway(RetryerCase):
