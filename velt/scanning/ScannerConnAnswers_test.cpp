@@ -553,6 +553,22 @@ TEST_F(RemoteContent, CutShortLeavesAnOutputAndAFailure) {
     ExpectFailure(0);
 }
 
+// The output is there from the verdict on, and not before.
+TEST_F(RemoteContent, ThatIsNotReachedLeavesAnOutputWithoutIt) {
+    EXPECT_EQ(AfterScan(Answer("5", 1, 0, 1) + kFound + "properties.FOUND sl 7\n", "close"), -1);
+    ASSERT_NE(output, nullptr);
+    EXPECT_TRUE(output->result->IsTriggered());
+    EXPECT_EQ(output->identity, context.identities[0]);
+    EXPECT_EQ(output->output, nullptr);
+    EXPECT_FALSE(output->output_in_input || output->input_modified);
+    ExpectFailure(0);
+    DropScanner();
+    EXPECT_EQ(AfterScan(Answer("5", 1, 0, 1) + "msr.triggered sl 1\n", "close"), -1);
+    EXPECT_EQ(output, nullptr);
+    ExpectFailure(0);
+    EXPECT_EQ(All(*body), content);
+}
+
 TEST_F(RemoteContent, ThatTheSpoolCannotHoldIsAFailure) {
     rlimit before{};
     ::getrlimit(RLIMIT_FSIZE, &before);

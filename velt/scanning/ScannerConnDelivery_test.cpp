@@ -539,6 +539,19 @@ TEST_F(RemoteIdle, ThatDoNotWakeUpArePassedOverWithoutAWord) {
     DropScanner();
 }
 
+// What woke up is a connection like others: nobody makes another when it fails.
+TEST_F(RemoteIdle, ThatFailBehindTheirWakeupFailTheItem) {
+    Converse(remote, {"C " + InLine(), std::string("S ") + kOk, std::string("C ") + kScan, "S " + Clean(),
+                      std::string("C ") + kStasis, std::string("S ") + kOk, std::string("C ") + kWakeup,
+                      std::string("S ") + kOk, "C " + InLine(), "X close"});
+    EXPECT_EQ(Scan(), 0);
+    Offer(remote);
+    EXPECT_EQ(Scan(), -1001);
+    TheReport(events::SCANNER_EXCHANGE_FAILED);
+    EXPECT_EQ(manager.waits().size(), 2u);
+    EXPECT_FALSE(IsOccupied());
+}
+
 TEST_F(RemoteIdle, AreNoneWhereStasisIsAnsweredWithoutAHeader) {
     Converse(remote, {"C " + InLine(), std::string("S ") + kOk, std::string("C ") + kScan, "S " + Clean(),
                       std::string("C ") + kStasis, "S \n", "X end"});

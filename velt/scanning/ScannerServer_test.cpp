@@ -410,6 +410,7 @@ TEST_P(IdleConnections, HaveAThreadOnlyWhereTheyAreKept) {
     ScannerServer::s_usethreads = true;
     Server(3);
     EXPECT_EQ(CacheThreadsStarted(), before + 1);
+    EXPECT_EQ(CacheThreadStackBytes(), 0x10000u);
     LetCacheThreadsLook();  // it looks, and sleeps again
 }
 

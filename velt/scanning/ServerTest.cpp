@@ -27,6 +27,7 @@ struct Sleepers {
     std::mutex lock;
     std::condition_variable changed;
     unsigned started = 0;
+    std::size_t stackBytes = 0;  // of the latest
     unsigned asleep = 0;
     unsigned long arrivals = 0;
     unsigned long looks = 0;
@@ -65,7 +66,9 @@ int __wrap_pthread_create(pthread_t* thread, pthread_attr_t const* how, void* (*
     if (s_noThreads) return EAGAIN;
     int const error = __real_pthread_create(thread, how, entry, argument);
     std::lock_guard const hold(s_sleepers.lock);
-    s_sleepers.started += error == 0 && entry == &VELT::cachehandler;
+    if (error != 0 || entry != &VELT::cachehandler) return error;
+    ++s_sleepers.started;
+    ::pthread_attr_getstacksize(how, &s_sleepers.stackBytes);
     return error;
 }
 
@@ -86,6 +89,11 @@ void ForgetPauses() {
 unsigned CacheThreadsStarted() {
     std::lock_guard const hold(s_sleepers.lock);
     return s_sleepers.started;
+}
+
+std::size_t CacheThreadStackBytes() {
+    std::lock_guard const hold(s_sleepers.lock);
+    return s_sleepers.stackBytes;
 }
 
 void LetCacheThreadsLook() {

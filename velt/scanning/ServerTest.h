@@ -27,9 +27,10 @@ namespace velt_testing {
 // What sleep(3) was asked for. The threads of caches sleep until LetCacheThreadsLook; everybody else not at all.
 std::vector<unsigned> Pauses();
 void ForgetPauses();
-unsigned CacheThreadsStarted();  // since the program began
-void LetCacheThreadsLook();      // returns when each that there is has looked once more and sleeps again
-void RefuseThreads(bool on);     // no more threads can be made
+unsigned CacheThreadsStarted();       // since the program began
+std::size_t CacheThreadStackBytes();  // of the latest
+void LetCacheThreadsLook();           // returns when each that there is has looked once more and sleeps again
+void RefuseThreads(bool on);          // no more threads can be made
 
 // The soft limit of descriptors while one lives.
 class DescriptorLimit {
