@@ -7,12 +7,12 @@ import contextlib
 import ctypes
 import os
 import pathlib
-import shutil
 import signal
 import socket
 import subprocess
 
 import relays
+import postfix  # beside the harness, which relays finds
 
 RSPAMD = pathlib.Path(__file__).resolve().parents[1] / "build/peers/rspamd"  # put there by scripts/install-dependencies
 SIGNATURE = b"velt-throughput-signature-0123456789"
@@ -256,41 +256,11 @@ class Postfix(Server):
     """With a queue and a configuration of its own, and a milter that sees each mail before it is taken."""
 
     def __init__(self, folder, sink, milter_port):
-        [port] = relays.harness.free_ports(1)
-        for name in ("etc", "queue", "data"):
-            (folder / name).mkdir()
-        shutil.chown(folder / "data", "postfix")
-        write(folder / "etc/main.cf", f"""compatibility_level = 3.6
-queue_directory = {folder}/queue
-data_directory = {folder}/data
-command_directory = /usr/sbin
-daemon_directory = /usr/lib/postfix/sbin
-myhostname = filter.alpha.test
-mydestination =
-mynetworks = 127.0.0.0/8
-inet_interfaces = 127.0.0.1
-inet_protocols = ipv4
-relayhost = [127.0.0.1]:{sink.port}
-smtp_dns_support_level = disabled
-smtpd_milters = inet:127.0.0.1:{milter_port}
+        port, command = postfix.set_up(folder, postfix.onward_to(sink.port) + f"""smtpd_milters = inet:127.0.0.1:{milter_port}
 milter_default_action = tempfail
 default_destination_concurrency_limit = 20
-smtpd_client_connection_rate_limit = 0
-smtpd_peername_lookup = no
-maillog_file = /dev/null
-maillog_file_prefixes = /dev
-alias_maps =
 """)
-        services = ("cleanup unix n - n - 0 cleanup", "qmgr unix n - n 300 1 qmgr",
-                    "rewrite unix - - n - - trivial-rewrite", "bounce unix - - n - 0 bounce",
-                    "defer unix - - n - 0 bounce", "trace unix - - n - 0 bounce",
-                    "smtp unix - - n - - smtp", "relay unix - - n - - smtp", "error unix - - n - - error",
-                    "retry unix - - n - - error", "anvil unix - - n - 1 anvil", "proxymap unix - - n - - proxymap",
-                    "postlog unix-dgram n - n - 1 postlogd")
-        write(folder / "etc/master.cf", "\n".join((f"127.0.0.1:{port} inet n - n - - smtpd", *services)) + "\n")
-        subprocess.run(["postfix", "-c", folder / "etc", "check"], capture_output=True, check=False)
-        # The master takes a session of its own; -d keeps it in the foreground.
-        super().__init__(["/usr/lib/postfix/sbin/master", "-c", folder / "etc", "-d"], port)
+        super().__init__(command, port)
 
 
 class WithMilter(contextlib.ExitStack):
@@ -301,9 +271,9 @@ class WithMilter(contextlib.ExitStack):
         self.folder, self.sink, self.milter = folder, sink, milter
 
     def __enter__(self):
-        postfix = Postfix(self.folder, self.sink, self.enter_context(self.milter).port)
-        self.parts = [self.milter, self.enter_context(postfix)]
-        self.port = postfix.port
+        server = Postfix(self.folder, self.sink, self.enter_context(self.milter).port)
+        self.parts = [self.milter, self.enter_context(server)]
+        self.port = server.port
         return self
 
     @property

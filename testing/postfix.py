@@ -35,24 +35,20 @@ def is_available():
     return os.geteuid() == 0 and os.access(MASTER, os.X_OK)
 
 
-class Postfix:
-    """Listens on `port` once it was started, and takes mail for everybody, which goes on to `relay`, a port, if there is one;
-    without one all of it stays in the queue."""
-
-    def __init__(self, folder, relay=None, settings=""):
-        [self.port] = harness.free_ports(1)
-        self.folder, self.process = pathlib.Path(folder), None
-        for name in ("etc", "queue", "data"):
-            (self.folder / name).mkdir(parents=True)
-        for path in (self.folder, *self.folder.parents[:-1]):
-            path.chmod(path.stat().st_mode | 0o555)  # its processes are other users
-        shutil.chown(self.folder / "data", "postfix")
-        onward = f"relayhost = [127.0.0.1]:{relay}" if relay else "defer_transports = smtp"
-        (self.folder / "etc/main.cf").write_text(f"""compatibility_level = 3.6
-queue_directory = {self.folder}/queue
-data_directory = {self.folder}/data
+def set_up(folder, settings, log="/dev/null"):
+    """Queue and configuration of one that listens on a free port and takes mail for everybody: that port, and the command
+    of its master, which stays in the foreground and leads a session that its end takes along."""
+    [port] = harness.free_ports(1)
+    for name in ("etc", "queue", "data"):
+        (folder / name).mkdir(parents=True)
+    for path in (folder, *folder.parents[:-1]):
+        path.chmod(path.stat().st_mode | 0o555)  # its processes are other users
+    shutil.chown(folder / "data", "postfix")
+    (folder / "etc/main.cf").write_text(f"""compatibility_level = 3.6
+queue_directory = {folder}/queue
+data_directory = {folder}/data
 command_directory = /usr/sbin
-daemon_directory = /usr/lib/postfix/sbin
+daemon_directory = {os.path.dirname(MASTER)}
 myhostname = postfix.alpha.test
 mydestination =
 mynetworks = 127.0.0.0/8
@@ -62,19 +58,33 @@ smtp_dns_support_level = disabled
 smtpd_peername_lookup = no
 smtpd_client_connection_rate_limit = 0
 smtpd_client_connection_count_limit = 0
-maillog_file = {self.folder}/log
-maillog_file_prefixes = {self.folder}
+maillog_file = {log}
+maillog_file_prefixes = {os.path.dirname(log)}
 alias_maps =
-{onward}
 {settings}
 """)
-        (self.folder / "etc/master.cf").write_text(f"127.0.0.1:{self.port} inet n - n - - smtpd\n{SERVICES}")
-        subprocess.run(["postfix", "-c", self.folder / "etc", "check"], capture_output=True, check=False)
+    (folder / "etc/master.cf").write_text(f"127.0.0.1:{port} inet n - n - - smtpd\n{SERVICES}")
+    subprocess.run(["postfix", "-c", folder / "etc", "check"], capture_output=True, check=False)
+    return port, [MASTER, "-c", folder / "etc", "-d"]
+
+
+def onward_to(port):
+    """The setting by which all mail goes on."""
+    return f"relayhost = [127.0.0.1]:{port}\n"
+
+
+class Postfix:
+    """Listens on `port` once it was started, and takes mail for everybody, which goes on to `relay`, a port, if there is one;
+    without one all of it stays in the queue."""
+
+    def __init__(self, folder, relay=None, settings=""):
+        self.folder, self.process = pathlib.Path(folder), None
+        onward = onward_to(relay) if relay else "defer_transports = smtp\n"
+        self.port, self.command = set_up(self.folder, onward + settings, self.folder / "log")
 
     def start(self):
-        # The master stays in the foreground, and leads a session that its end takes along.
-        self.process = subprocess.Popen([MASTER, "-c", self.folder / "etc", "-d"], stdin=subprocess.DEVNULL,
-                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
+        self.process = subprocess.Popen(self.command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                        stderr=subprocess.DEVNULL, start_new_session=True)
         harness.wait_until(self._listens, f"port {self.port} of Postfix", 90)
 
     def _listens(self):
