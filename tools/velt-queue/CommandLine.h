@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/shared/CommandLine.h"
 #include "tools/velt-queue/Filter.h"
 #include "tools/velt-queue/Places.h"
 
@@ -12,17 +13,13 @@ namespace velt_queue {
 
 enum class Command { List, Show, Release, Retry, Delete };
 
-struct Options {
-    bool help = false;
-    bool json = false;
+struct Options : velt_tools::CommonOptions {
     bool body = false;
     bool dryRun = false;
     Command command = Command::List;
-    Configuration configuration;
     std::optional<Queue> queue;
     Filter filter;
     std::vector<std::string> ids;
-    std::string problem;  // empty: none
 
     // Whether mails of this queue are meant. What is chosen by a filter and then changed is of one queue.
     bool concerns(Queue which) const;

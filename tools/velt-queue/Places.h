@@ -4,14 +4,13 @@
 #pragma once
 
 #include <cstdint>
-#include <stdexcept>
 #include <string>
+
+#include "tools/shared/Store.h"
 
 namespace velt_queue {
 
-struct Unusable : std::runtime_error {
-    using runtime_error::runtime_error;
-};
+using velt_tools::Unusable;
 
 enum class Queue { Deferred, Quarantine };
 
@@ -26,13 +25,6 @@ struct Places {
     std::string const& of(Queue queue) const { return queue == Queue::Deferred ? deferred : quarantine; }
 };
 
-// Which configuration is read; empty: as a gateway does without.
-struct Configuration {
-    std::string root;
-    std::string product;
-    std::string proxy;
-};
-
-Places ReadPlaces(Configuration const& configuration);
+Places ReadPlaces(velt_tools::Configuration const& configuration);
 
 }  // namespace velt_queue

@@ -5,18 +5,16 @@
 #include <utility>
 #include <vector>
 
+#include "tools/shared/CommandLine.h"
 #include "tools/velt-scan/Engines.h"
 
 namespace velt_scan {
 
-struct Options {
-    bool help = false;
-    bool json = false;
+struct Options : velt_tools::CommonOptions {
     bool quiet = false;  // clean files are not told
     Choice choice;
     std::string output;  // a file or a folder; empty: nothing is written
     std::vector<std::string> files;
-    std::string problem;  // empty: none
 };
 
 Options ParseCommandLine(int argc, char** argv);

@@ -1,19 +1,12 @@
 #include "tools/velt-scan/Engines.h"
 
 #include <KORtk/Exception.h>
-#include <KORtk/Text.h>
-#include <QXlog/QXlog.h>
 #include <arpa/inet.h>
-#include <dlfcn.h>
-#include <system/SystemPath.h>
 #include <system/UUID.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <typeinfo>
 
 #include <velt/Config.h>
@@ -35,6 +28,7 @@ namespace {
 
 using VELT::Config;
 using VELT::EFabricScanAgent;
+using velt_tools::Unusable;
 
 constexpr char kUsualPolicy[] = "content_in";
 constexpr char const* kStopping[] = {"QUARANTINE", "QUARANTINE:DENY", "DENY"};
@@ -44,28 +38,11 @@ bool IsOneOf(std::string const& action, char const* const* begin, char const* co
     return std::find(begin, end, action) != end;
 }
 
-std::string Narrow(wchar_t const* text) { return text ? KORtk::Utf8Array(text).str() : std::string(); }
-
-// What the framework says when it does not start. Its loader is the process's.
-std::string StartError() {
-    using Create = eFabric::IPolicyLoader* (*)(int, int);
-    auto const create = reinterpret_cast<Create>(::dlsym(RTLD_DEFAULT, "CreatePolicyLoader"));
-    if (!create) return "libpolicyloader.so cannot be loaded";
-    IKORError const& error = create(3, 1)->lastError();
-    std::string const detail = Narrow(error.GetDetail());
-    return Narrow(error.GetText()) + (detail.empty() ? "" : ": " + detail);
-}
-
 void LoadList(VELT::NetPolicy& list, char const* name) {
     try {
         list.load(VELT::Proxy::ConfigFileName(name));
     } catch (VELT::FWException<VELT::fw_exception_tag::resource> const&) {  // as empty as for a gateway
     }
-}
-
-std::string TemporaryFolder() {
-    char const* const named = ::secure_getenv("TMPDIR");
-    return named && *named ? named : "/tmp";
 }
 
 double Since(std::chrono::steady_clock::time_point begin) {
@@ -159,45 +136,30 @@ private:
     VELT::ScanContext m_chosen;  // policy and identity
 };
 
-Engines::Engines(Choice choice) : m_choice(std::move(choice)), m_proxy(new VELT::Proxy) {
-    if (!m_choice.root.empty()) ::setenv("VELT_ROOT", m_choice.root.c_str(), 1);
-    QXlog::detail::noLogging();
-    startLibrary();
-    m_session = std::make_unique<Session>(m_choice);
+// The library's, as in a gateway; but nothing listens, and nothing is counted for others.
+class Engines::Agent {
+public:
+    explicit Agent(VELT::Proxy& proxy) {
+        VELT::ScannerStream::set_buffer_pool(0,
+                                             VELT::ReadSetting<VELTCFG::scanning::MaxScanMem>(proxy.m_config) * 1024);
+        VELT::ScannerStream::s_spooldir = proxy.m_scanDir + "/";
+        VELT::ScanAgent::initialise(&proxy.m_config);
+        VELT::ScanAgent::start();
+    }
+    ~Agent() { VELT::ScanAgent::finish(); }
+    Agent(Agent const&) = delete;
+    Agent& operator=(Agent const&) = delete;
+};
+
+Engines::Engines(velt_tools::Configuration const& configuration, Choice choice)
+    : m_choice(std::move(choice)),
+      m_store(configuration, "velt-scan"),
+      m_agent(std::make_unique<Agent>(m_store.proxy())),
+      m_session(std::make_unique<Session>(m_choice)) {
     m_choice.from.empty() ? chooseByName() : chooseByRules();
 }
 
-Engines::~Engines() {
-    m_session.reset();
-    Config::initialise(nullptr);
-    VELT::ScanAgent::finish();
-    delete m_proxy;
-}
-
-// As in a gateway; but nothing listens, nothing is counted for others, and what is spooled is spooled as by any
-// program.
-void Engines::startLibrary() {
-    std::string const configuration = SystemPath("/config/qxxmlconf");
-    if (::access(configuration.c_str(), R_OK | X_OK) != 0)
-        throw Unusable(configuration + ": " + std::strerror(errno));  // a gateway would go on with what is built in
-    std::string const folder = TemporaryFolder();
-    m_proxy->m_proxyName = m_choice.proxy.empty() ? "velt-scan" : m_choice.proxy;
-    m_proxy->m_scanDir = folder;
-    auto const file = [](std::string const& name) { return VELT::Proxy::ConfigFileName(name + ".xml"); };
-    std::string const product = m_choice.product.empty() ? "" : file(m_choice.product);
-    std::string const own = m_choice.proxy.empty() ? "" : file("efabric/" + m_choice.proxy);
-    if (!EFabricScanAgent::load(product, m_proxy->m_proxyName, false, own.empty() ? nullptr : own.c_str()))
-        throw Unusable(StartError());
-    try {
-        Config::initialise(EFabricScanAgent::getPolicyLoader());
-    } catch (KORtk::Exception const& error) {
-        throw Unusable(error.text());
-    }
-    VELT::ScannerStream::set_buffer_pool(0, VELT::ReadSetting<VELTCFG::scanning::MaxScanMem>(m_proxy->m_config) * 1024);
-    VELT::ScannerStream::s_spooldir = folder + "/";
-    VELT::ScanAgent::initialise(&m_proxy->m_config);
-    VELT::ScanAgent::start();
-}
+Engines::~Engines() = default;
 
 void Engines::chooseByName() {
     std::string const policy = m_choice.policy.empty() ? kUsualPolicy : m_choice.policy;
@@ -217,13 +179,13 @@ void Engines::chooseByName() {
 
 void Engines::chooseByRules() {
     VELT::Resolver::s_reverse_lookups_banned = true;
-    LoadList(m_proxy->m_insidePolicy, "inside.txt");
-    LoadList(m_proxy->m_outsidePolicy, "outside.txt");
+    LoadList(m_store.proxy().m_insidePolicy, "inside.txt");
+    LoadList(m_store.proxy().m_outsidePolicy, "outside.txt");
     sockaddr_in from{}, none{};
     from.sin_family = none.sin_family = AF_INET;
     if (::inet_pton(AF_INET, m_choice.from.c_str(), &from.sin_addr) != 1)
         throw Unusable("\"" + m_choice.from + "\" is no IPv4 address");
-    m_session->SetConnection(&m_proxy->m_config, nullptr, false, from, none, none);
+    m_session->SetConnection(&m_store.config(), nullptr, false, from, none, none);
     if (!m_session->SetupInsideOutside()) throw Unusable("neither inside.txt nor outside.txt knows " + m_choice.from);
     Config& config = m_session->GetConfig();
     config.set_source_mail_address(m_choice.sender);

@@ -5,15 +5,14 @@
 #pragma once
 
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "tools/shared/Store.h"
 #include "tools/velt-scan/Verdict.h"
 
 namespace VELT {
-class Proxy;
 class ScannerStream;
 struct ScanContext;
 }  // namespace VELT
@@ -22,10 +21,7 @@ namespace velt_scan {
 
 // Texts that are empty are not given.
 struct Choice {
-    std::string root;     // the folder that stands for "/"
-    std::string product;  // PRODUCT.xml
-    std::string proxy;    // efabric/PROXY.xml
-    std::string policy;   // "content_in" without it
+    std::string policy;  // "content_in" without it
     std::string identity;
     std::string from;  // the client's address; with it, the rules choose policy and identity
     std::string sender;
@@ -33,14 +29,9 @@ struct Choice {
     std::vector<std::pair<std::string, std::string>> marks;  // of the texts that stand in for what was cut out
 };
 
-class Unusable : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
-
 class Engines {
 public:
-    explicit Engines(Choice choice);
+    Engines(velt_tools::Configuration const& configuration, Choice choice);
     ~Engines();
     Engines(Engines const&) = delete;
     Engines& operator=(Engines const&) = delete;
@@ -50,16 +41,17 @@ public:
     Verdict scan(std::string const& file, std::string const& output);
 
 private:
+    class Agent;
     class Session;
 
-    void startLibrary();
     void chooseByName();
     void chooseByRules();
     void scanInto(Verdict& verdict, VELT::ScannerStream& content, std::string const& output);
     void fill(VELT::ScanContext& context, VELT::ScannerStream& content);
 
     Choice const m_choice;
-    VELT::Proxy* const m_proxy;  // owned
+    velt_tools::Store m_store;
+    std::unique_ptr<Agent> m_agent;
     std::unique_ptr<Session> m_session;
 };
 

@@ -33,7 +33,7 @@ std::string TargetOf(std::string const& output, std::string const& file) {
 }
 
 int ScanAll(Options const& options) {
-    Engines engines(options.choice);
+    Engines engines(options.configuration, options.choice);
     auto const printer = options.json ? Printer::json(options.quiet) : Printer::forPeople(options.quiet);
     Totals totals;
     for (auto const& file : options.files) {
