@@ -472,6 +472,22 @@ TEST_F(DumpedVerdict, IsAFileThatReadsAsTheVerdict) {
     EXPECT_STREQ(read->GetMasterScanResult()->GetInfectionList(L' '), L"Eicar");
 }
 
+// From memory where the file fits in, and otherwise from the file, with a buffer shorter than its texts.
+TEST_F(DumpedVerdict, ReadsBackFromItsFile) {
+    result.infections = std::wstring(3000, L'x');
+    ASSERT_EQ(Dump(), 0);
+    for (unsigned const memory : {64u, 1024u, 65536u}) {
+        room.Use(memory);
+        ScannerStream file("again", false);
+        ASSERT_EQ(file.spool_from_disk((room / "dump").c_str()), 0);
+        bool ended = false;
+        Verdict const read(SerializedEFabricResult::deserialize(&file, &ended));
+        ASSERT_NE(read, nullptr) << memory;
+        EXPECT_TRUE(ended) << memory;
+        EXPECT_EQ(read->GetMasterScanResult()->GetInfectionList(L' '), *result.infections) << memory;
+    }
+}
+
 TEST_F(DumpedVerdict, MayBeGreaterThanMemory) {
     result.infections = std::wstring(100000, L'x');
     EXPECT_EQ(Dump(), 0);

@@ -149,6 +149,7 @@ TEST(ReadPaths, TheLastSegmentIsAName) {
     EXPECT_EQ(LongOf(*OneResult("property .a.b<3> sl 1\n").Property("a")->GetBag(), "b<3>"), 1);
     EXPECT_EQ(LongOf(*OneResult("property .b<0>. sl 4\n").Property("b")->GetBag(), ""), 4);
     EXPECT_EQ(OneResult("property . sl 4\n").Long(""), 4);
+    EXPECT_EQ(LongOf(*OneResult("property ..x sl 4\n").Property("")->GetBag(), "x"), 4);
     EXPECT_EQ(OneResult("property .<1>.x sl 4\n").Property("")->GetCount(), 2u);
     EXPECT_EQ(OneResult("property .a<1.x sl 3\n").Property("a")->GetCount(), 2u);
     EXPECT_EQ(OneResult("property .a\tsl 1\n").Property("a\tsl")->GetCount(), 0u);
