@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <string_view>
 #include <utility>
 
@@ -26,6 +27,13 @@ protected:
     int AfterScan(std::string const& answer, std::string const& deed = "end") {
         Converse(remote, {"C " + InLine(), ok, scan, "S " + answer, "X " + deed});
         return Scan();
+    }
+    std::string NextLine() {  // of the input
+        char* line = nullptr;
+        bool io_done = false;
+        LINE_STATE_T state;
+        int const length = body->getline(line, true, io_done, state, true);
+        return length > 0 ? std::string(line, static_cast<std::size_t>(length)) : "";
     }
     // The same of a session that lets nothing be kept.
     int Unkept(std::string const& answer) {
@@ -540,6 +548,41 @@ TEST_F(RemoteContent, OverwritesAnInputThatLiesInAFile) {
         content = All(*body);
         EXPECT_EQ(content, changed);
     }
+}
+
+// What a host has read ahead of the input is not what it reads of the changed one.
+TEST_F(RemoteContent, OverwritesAnInputThatIsBeingRead) {
+    for (bool const onDisk : {false, true})
+        for (std::size_t const length : {3u, 12u, 900u, 70000u}) {
+            Fill("hello\nworld\nno end");
+            if (onDisk) FillSpool();
+            body->seek(0, 0);
+            EXPECT_NE(NextLine(), "");
+            std::string changed = "new\n";
+            changed.resize(length, '#');
+            EXPECT_EQ(Unkept(Answer(std::to_string(length), 1, 0, 1) + kFound + kNoProperties + changed), 0);
+            EXPECT_EQ(All(*body), changed) << length << onDisk;
+            content = changed;
+            EXPECT_EQ(Unkept(Answer("0", 1, 0, 0) + kFound + kNoProperties), 0);
+            EXPECT_EQ(NextLine(), length > 3 ? "new" : "");
+        }
+}
+
+TEST_F(RemoteContent, InTheSharedFileIsReadFromItsStart) {
+    FillSpool();
+    std::string const file = body->get_spool_file();
+    body->seek(0, 0);
+    EXPECT_EQ(NextLine(), "line 0");
+    Converse(local, {"C " + SetupBlock("filename " + file + "\n") + "\r\n", ok, scan, "X pass",
+                     "S " + Answer("0", 1, 1, 1) + kClean + kNoProperties, std::string("C ") + kStasis, ok});
+    session.onCallback = [&] {
+        if (session.callbacks != 1) return;
+        std::ofstream(file) << "new one\nnew two\n";
+        local.Pass();
+    };
+    EXPECT_EQ(Scan(), 0);
+    EXPECT_EQ(NextLine(), "new one");
+    EXPECT_EQ(NextLine(), "new two");
 }
 
 TEST_F(RemoteContent, CutShortLeavesAnOutputAndAFailure) {
