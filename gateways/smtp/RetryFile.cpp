@@ -119,6 +119,7 @@ RetryFault RetryFile::Read() {
     if (::fstat(m_fd, &facts) != 0) return RetryFault::Unreadable;
     m_seen = facts.st_ctime;
     if (!IsOurs(facts, m_path)) return RetryFault::NotOurs;
+    if (S_ISREG(facts.st_mode) && facts.st_nlink > 1) return RetryFault::MoreNames;
     if (!ReadPart(0, RetryLayout::kFirstLine, part)) return RetryFault::Unreadable;
     RetryFault fault = ReadFirstLine(part, m_layout);
     if (fault != RetryFault::None) return fault;
@@ -191,6 +192,11 @@ bool RetryFile::IsStillNamed() const {
 
 bool RetryFile::Lock() { return ::lockf(m_fd, F_TLOCK, 0) == 0; }
 
+bool RetryFile::HasOtherName() const {
+    struct stat facts {};
+    return ::fstat(m_fd, &facts) == 0 && facts.st_nlink > (IsStillNamed() ? 1 : 0);
+}
+
 bool RetryFile::Move(std::string const& directory) {
     if (!MoveFile(m_path, directory)) return false;
     m_path = directory + m_path.substr(m_path.rfind('/') + 1);
@@ -224,9 +230,8 @@ bool RetryFile::Rename(std::string const& name) {
 // A removal that is not flushed would come back with the machine, and the mail with it.
 bool RetryFile::Remove() {
     if (!IsStillNamed()) return true;
-    if (::unlink(m_path.c_str()) != 0) return errno == ENOENT;
-    FlushDirectory(folder());
-    return true;
+    if (::unlink(m_path.c_str()) != 0 && errno != ENOENT) return false;
+    return FlushDirectory(folder());
 }
 
 }  // namespace smtp

@@ -58,6 +58,7 @@ public:
     bool Wake();                    // due at the next walk; nothing is flushed
 
     bool IsStillNamed() const;  // and not another file in its place
+    bool HasOtherName() const;  // than its path; it may have got it meanwhile
 
     // Another process that has it locked keeps it: false, with errno.
     bool Lock();
@@ -78,7 +79,8 @@ public:
     // already.
     bool Rename(std::string const& name);
 
-    // Gone for good. True too where the path leads to another file by now, which is left alone.
+    // Gone for good, after whatever happens to the machine. True too where the path leads to another file by now, which
+    // is left alone.
     bool Remove();
 
 private:

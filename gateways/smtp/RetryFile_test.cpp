@@ -392,6 +392,36 @@ TEST_F(RetryFiles, ThatCannotBeReadSaySo) {
     EXPECT_EQ(folder->Read(), RetryFault::Unreadable);
 }
 
+TEST_F(RetryFiles, ThatHaveTwoNamesAreNotReadByEither) {
+    ASSERT_TRUE(Store());
+    fs::create_hard_link(Path(), Path("b1"));
+    for (char const* const name : {"a1", "b1"}) {
+        EXPECT_EQ(Fault(Path(name)), RetryFault::MoreNames);
+        EXPECT_TRUE(Open(Path(name))->HasOtherName());
+    }
+    fs::remove(Path());
+    EXPECT_EQ(Fault(Path("b1")), RetryFault::None);
+    EXPECT_FALSE(Open(Path("b1"))->HasOtherName());
+    auto const moved = Open(Path("b1"));
+    fs::rename(Path("b1"), Path());
+    EXPECT_TRUE(moved->HasOtherName());
+    fs::remove(Path());
+    EXPECT_FALSE(moved->HasOtherName());
+}
+
+TEST_F(RetryFiles, AreNotSaidToBeGoneWhereTheFolderCannotBeFlushed) {
+    ASSERT_TRUE(Store());
+    auto const file = Open(Path());
+    Calls::made = 0;
+    Calls::failing = 2;
+    Calls::error = EIO;
+    Calls::watched = true;
+    bool const removed = file->Remove();
+    Calls::watched = false;
+    EXPECT_FALSE(removed);
+    EXPECT_FALSE(fs::exists(Path()));
+}
+
 TEST_F(RetryFiles, TakeNoLinkForAPlaceToWriteTo) {
     std::ofstream(m_directory + "victim") << "precious";
     fs::create_symlink(m_directory + "victim", m_directory + "a1.rmd.tmp");

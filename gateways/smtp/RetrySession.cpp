@@ -397,9 +397,13 @@ std::string RetrySession::ReportName(std::vector<RecipientFate> const& fates) co
     return m_name + ".report" + std::to_string(m_file.status().tries) + '.' + text;
 }
 
-// A file that cannot be removed says at least that nothing of it is left to be done.
+// A file that cannot be removed for sure, or is somewhere else by now, says at least that nothing of it is left to be
+// done.
 void RetrySession::Finish(RetryStatus const& status) {
-    if (!m_file.Remove() && (!m_file.Note(status) || !m_file.Rest())) return ReportStatusLost();
+    bool const elsewhere = m_file.HasOtherName();
+    bool const noted = elsewhere && m_file.Note(status);
+    bool const gone = m_file.Remove() && !elsewhere;
+    if (!gone && !noted && !m_file.Note(status)) return ReportStatusLost();
     Note(events::RETRY_ENDED, [&](KORlog::InfoBag& bag) {
         bag |= names::COUNT(static_cast<unsigned long>(status.tries));
         bag |= names::FILE(m_file.path());

@@ -8,7 +8,7 @@ import time
 import unittest
 
 import harness
-from crash_case import CLOCK
+from crash_case import CLOCK, ONE_PASS
 from deferred_case import CLOCK_SET_BACK, DAMAGED, GIVEN_UP, NO_FILE, RETRY_FAILED, RETRYER
 from troubles_case import TroublesCase
 
@@ -58,6 +58,42 @@ class Changed(TroublesCase):
         self.assert_at_rest(retryer, DAMAGED)
         path.write_bytes(whole)
         self.assert_arrived(1)
+
+
+class TwoNames(TroublesCase):
+    def test_mail_whose_file_has_two_names_waits_until_it_has_one(self):
+        self.begin()
+        self.provokes(DAMAGED)
+        (path,) = self.keep(1)
+        other = self.directory / "other.rmd"
+        os.link(path, other)
+        self.retryer(ONE_PASS).wait()
+        self.assertEqual(len(self.noted(DAMAGED, 2)), 2)
+        self.assertEqual(self.finding(DAMAGED), {"file has more than one name"})
+        self.assertEqual(self.sink.messages, [])
+        other.unlink()
+        self.retryer(ONE_PASS).wait()
+        self.assert_arrived(1)
+
+    def named_again(self, change):
+        """The file of a mail, in the midst of its delivery."""
+        self.begin()
+        (path,) = self.keep(1)
+
+        def name_again(_):
+            change(path, self.directory / "other.rmd")
+            return "250 2.0.0 stored"
+        self.sink.replies = {"END": name_again}
+        for _ in range(2):
+            self.retryer(ONE_PASS).wait()
+            self.sink.replies = {}
+        self.assert_arrived(1)
+
+    def test_mail_whose_file_gets_a_second_name_while_it_is_delivered_is_delivered_once(self):
+        self.named_again(os.link)
+
+    def test_mail_whose_file_is_renamed_while_it_is_delivered_is_delivered_once(self):
+        self.named_again(os.rename)
 
 
 class Two(TroublesCase):

@@ -181,6 +181,8 @@ char const* TextOf(RetryFault fault) {
             return "file cannot be read";
         case RetryFault::NotOurs:
             return "another user's file, or one that anybody may write to";
+        case RetryFault::MoreNames:
+            return "file has more than one name";
         case RetryFault::NotARetryFile:
             return "not a file of this kind";
         case RetryFault::OtherVersion:

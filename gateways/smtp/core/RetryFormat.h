@@ -17,6 +17,7 @@ enum class RetryFault {
     None,
     Unreadable,      // the system's, in errno
     NotOurs,         // another user's, or one that anybody may write to
+    MoreNames,       // than the one: it would be delivered once by each
     NotARetryFile,   // does not begin as one
     OtherVersion,    // one of a later release
     Truncated,       // shorter, or longer, than it says itself
