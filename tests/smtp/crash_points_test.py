@@ -12,7 +12,7 @@ from crash_case import DORA, FAILS, HOLDS, LARGE, NEVER, CrashCase
 from deferred_case import STORE_FAILED
 from smtp_case import BOARD, DEFERRED, NOTIFIED, PHRASE, RULE_HIT, SENDER, STAFF, body
 
-LEAST = 6  # calls of the smallest of these
+LEAST = 4  # calls, below those of the smallest of these
 
 
 class Keeping(CrashCase):
@@ -158,7 +158,7 @@ class Resting(CrashCase):
         waiting = self.kept()
         retryer = self.retryer(environment=self.dying)
         harness.wait_until(retryer.workers, "a retryer at work")
-        self.arm(3)  # the file is locked, the mail is let rest; then it is spooled
+        self.arm(3)  # the file is locked, the mail is let rest; then its status is written
         self.lay(waiting)
         harness.wait_until(lambda: self.plan.read_bytes()[0] == 0, "the end of a worker")
         (name,) = self.waiting()
