@@ -205,6 +205,7 @@ void RetryerServiceLoop::Run() {
     NotifyRetrying(directory);
     while (!shutdown) {
         long const begin = NowMs();
+        if (s_Pool) s_Pool->StartThreads();
         ScanDir(false, retryInterval);
         RestUntil(begin + scanInterval * kMsPerSecond);
     }

@@ -42,9 +42,20 @@ bool RetryerThreadPool::Active(char const* path) {
 
 // A session that was queued while a retired thread counted as idle, or before the idle one woke, made no other one
 // start: it is made up for here.
+void RetryerThreadPool::AddLacking() {
+    while (m_threadCount < m_maxThreads && m_threadCount < m_connections.size()) AddThread(false);
+}
+
+void RetryerThreadPool::StartThreads() {
+    ::pthread_mutex_lock(&m_mutex);
+    AddLacking();
+    if (!m_queue.empty()) ::pthread_cond_broadcast(&m_workReady);
+    ::pthread_mutex_unlock(&m_mutex);
+}
+
 void RetryerThreadPool::WaitForRoom() {
     ::pthread_mutex_lock(&m_mutex);
-    while (m_threadCount < m_maxThreads && m_threadCount < m_connections.size()) AddThread(false);
+    AddLacking();
     while (m_connections.size() >= m_maxThreads + m_maxQueue && !ServiceLoop::shutdown) {
         timespec until{};
         ::clock_gettime(CLOCK_MONOTONIC, &until);

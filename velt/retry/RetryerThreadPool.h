@@ -27,15 +27,21 @@ public:
 
     // Returns once fewer sessions are held than run and wait in a full queue, or within a second of the process's stop.
     // It stands in for the wait inside QueueConnection, which does not see a stop, and would let in any number, each
-    // with its open file, once threads that have retired count as idle. It starts the threads that the sessions held
-    // lack, for the same reason: QueueConnection starts none then.
+    // with its open file, once threads that have retired count as idle. It starts the threads that are lacking, for the
+    // same reason: QueueConnection starts none then.
     void WaitForRoom();
+
+    // Has threads for what waits in the queue, as far as they are: wakes those that are idle, and starts those that the
+    // sessions held lack. One may retire in the moment in which it was to be woken for a session, which would wait
+    // until another one ends.
+    void StartThreads();
 
 protected:
     std::deque<Connection*> m_connections;  // m_mutex: held, waiting and running ones
 
 private:
     void Erase(Connection const* session);
+    void AddLacking();  // m_mutex held
 
     std::mutex m_removal;
     pthread_cond_t m_removed;  // m_mutex: there is one session less

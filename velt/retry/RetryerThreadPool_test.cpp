@@ -37,6 +37,7 @@ public:
     using RetryerThreadPool::m_maxQueue;
     using RetryerThreadPool::m_maxThreads;
     using RetryerThreadPool::m_mutex;
+    using RetryerThreadPool::m_queue;
     using RetryerThreadPool::m_queueWaiting;
     using RetryerThreadPool::m_threadCount;
     using RetryerThreadPool::RetryerThreadPool;
@@ -46,6 +47,12 @@ public:
         std::size_t const held = m_connections.size();
         ::pthread_mutex_unlock(&m_mutex);
         return held;
+    }
+    std::size_t Waiting() {
+        ::pthread_mutex_lock(&m_mutex);
+        std::size_t const waiting = m_queue.size();
+        ::pthread_mutex_unlock(&m_mutex);
+        return waiting;
     }
     unsigned Threads() {
         ::pthread_mutex_lock(&m_mutex);
@@ -176,6 +183,27 @@ TEST_F(RetryPool, ASessionDoesNotWaitBehindAnotherWhileThreadsAreFree) {
     pool.QueueConnection(new FileHolder("/d/b.rmd", freed), true);
     pool.WaitForRoom();
     EXPECT_TRUE(Eventually([&] { return pool.Held() == 1; }));
+    held.Open();
+    pool.Shutdown();
+}
+
+// The thread that was to be woken for it retires in that moment.
+TEST_F(RetryPool, ASessionThatNobodyWasWokenForIsRunOnceThreadsAreStarted) {
+    OpenRetryPool pool(3);
+    pool.StartPool(1);
+    Door held, freed;
+    freed.Open();
+    pool.QueueConnection(new FileHolder("/d/a.rmd", held), true);
+    ASSERT_TRUE(Eventually([&] { return pool.Waiting() == 0; }));
+    ::pthread_mutex_lock(&pool.m_mutex);
+    pool.m_queue.push_back(new FileHolder("/d/b.rmd", freed));
+    pool.m_connections.push_back(pool.m_queue.back());
+    ::pthread_mutex_unlock(&pool.m_mutex);
+    pool.StartThreads();
+    EXPECT_TRUE(Eventually([&] { return pool.Held() == 1; }));
+    EXPECT_EQ(pool.Threads(), 2u);
+    pool.StartThreads();
+    EXPECT_EQ(pool.Threads(), 2u) << "there is none lacking";
     held.Open();
     pool.Shutdown();
 }
