@@ -373,6 +373,45 @@ TEST_F(RetryWorker, WalkThatAFullPoolHoldsUpSeesTheStop) {
     }));
 }
 
+// The next service starts the next one then.
+TEST_F(RetryWorker, WalkThatAFullPoolHoldsUpSeesThatItsParentHasGone) {
+    Put("smtpretryer", "MaxConncurrent", FakeValue::Unsigned(1));
+    m_loop = Loop();
+    for (char const* const name : {"b.rmd", "c.rmd"}) Wait(name);
+    EXPECT_TRUE(InChild([this] {
+        static Door done;
+        s_run = [] { done.Wait(); };
+        int parent[2];
+        velt_testing::Checked(::pipe(parent), "pipe");
+        m_loop->SetPipes(parent[0], -1);
+        m_loop->PostForkInit();
+        bool seen = false;
+        std::thread watcher([&] {
+            velt_testing::Eventually([] { return Counted("messages.retried") == 2; });
+            ::close(parent[1]);
+            seen = velt_testing::Eventually([] { return ServiceLoop::shutdown.load(); });
+            ServiceLoop::shutdown = true;
+            done.Open();
+        });
+        m_loop->Run();
+        watcher.join();
+        return seen && s_made.size() == 2;
+    }));
+}
+
+TEST_F(RetryWorker, LongWalkEndsOnceItsParentHasGone) {
+    for (char const* const name : {"b.rmd", "c.rmd", "d.rmd"}) Wait(name);
+    EXPECT_TRUE(InChild([this] {
+        int parent[2];
+        velt_testing::Checked(::pipe(parent), "pipe");
+        ::close(parent[1]);
+        m_loop->SetPipes(parent[0], -1);
+        m_loop->PostForkInit();
+        m_loop->Run();
+        return s_made.size() == 1;
+    }));
+}
+
 TEST_F(RetryWorker, EndsOnceItsSessionsHaveRun) {
     EXPECT_TRUE(InChild([this] {
         static std::atomic<int> ran{0};

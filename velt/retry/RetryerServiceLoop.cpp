@@ -289,6 +289,7 @@ void RetryerServiceLoop::VisitEntry(std::string const& name, Walk const& walk) {
     std::string id = name.substr(0, name.size() - suffix.size());
     (*retried)++;
     HandleEmail(id, id, fd, isNew);
+    if (s_Pool) WatchParent(0);  // a walk with much to do may be a long one
 }
 
 int RetryerServiceLoop::OpenFile(std::string const& name) {
@@ -306,7 +307,7 @@ void RetryerServiceLoop::HandleEmail(std::string& id, std::string&, int fd, bool
     }
     if (s_Pool) {  // the wait of QueueConnection itself would not see the process stop
         s_Pool->QueueConnection(session, false);
-        s_Pool->WaitForRoom();
+        s_Pool->WaitForRoom([this] { WatchParent(0); });
         return;
     }
     session->Run();

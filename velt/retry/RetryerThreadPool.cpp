@@ -53,14 +53,18 @@ void RetryerThreadPool::StartThreads() {
     ::pthread_mutex_unlock(&m_mutex);
 }
 
-void RetryerThreadPool::WaitForRoom() {
+void RetryerThreadPool::WaitForRoom(std::function<void()> const& meanwhile) {
     ::pthread_mutex_lock(&m_mutex);
     AddLacking();
     while (m_connections.size() >= m_maxThreads + m_maxQueue && !ServiceLoop::shutdown) {
         timespec until{};
         ::clock_gettime(CLOCK_MONOTONIC, &until);
         ++until.tv_sec;  // a signal that stops the process wakes nobody here
-        ::pthread_cond_clockwait(&m_removed, &m_mutex, CLOCK_MONOTONIC, &until);
+        bool const silent = ::pthread_cond_clockwait(&m_removed, &m_mutex, CLOCK_MONOTONIC, &until) != 0;
+        if (!silent || !meanwhile) continue;
+        ::pthread_mutex_unlock(&m_mutex);
+        meanwhile();
+        ::pthread_mutex_lock(&m_mutex);
     }
     ::pthread_mutex_unlock(&m_mutex);
 }

@@ -8,6 +8,7 @@
 #include <pthread.h>
 
 #include <deque>
+#include <functional>
 #include <mutex>
 
 #include <velt/Export.h>
@@ -28,8 +29,8 @@ public:
     // Returns once fewer sessions are held than run and wait in a full queue, or within a second of the process's stop.
     // It stands in for the wait inside QueueConnection, which does not see a stop, and would let in any number, each
     // with its open file, once threads that have retired count as idle. It starts the threads that are lacking, for the
-    // same reason: QueueConnection starts none then.
-    void WaitForRoom();
+    // same reason: QueueConnection starts none then. `meanwhile`: called about once a second, without a lock.
+    void WaitForRoom(std::function<void()> const& meanwhile = {});
 
     // Has threads for what waits in the queue, as far as they are: wakes those that are idle, and starts those that the
     // sessions held lack. One may retire in the moment in which it was to be woken for a session, which would wait
