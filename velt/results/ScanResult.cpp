@@ -40,7 +40,7 @@ SRDecodeInit const s_filled;
 // --- ScanPolContextElement ---
 
 wchar_t const* ScanPolContextElement::GetScanContextString(wchar_t* buffer, int size, wchar_t, wchar_t) const {
-    if (size < 1) return buffer;
+    if (!buffer || size < 1) return buffer;
     buffer[0] = L'\0';
     if (!scan_context_string) return buffer;
     std::wcsncpy(buffer, scan_context_string->c_str(), static_cast<std::size_t>(size));

@@ -265,6 +265,14 @@ TEST(ReadResults, APlacesTextFillsTheBufferWithZeros) {
     }
 }
 
+TEST(ReadResults, WriteNothingWhereThereIsNoBuffer) {
+    OneResult const result("scanpolcontext scan_context_string " + Wide(L"ab"));
+    EXPECT_EQ(result->GetScanPolContext()->GetScanContextString(nullptr, 5, L' ', L':'), nullptr);
+    Verdict const verdict = Read("msr.infection_description ss 3\nbadmsr.infection_names bad\n\n");
+    EXPECT_FALSE(verdict->GetInfectionDescription(nullptr, 9));
+    EXPECT_TRUE(verdict->GetInfectionNames(nullptr, 9, L';'));
+}
+
 TEST(ReadResults, AreNotThereBehindTheLastOrBeforeTheFirst) {
     Verdict const verdict = Read("msr.sr.result\ninfecteditems sl 1\n\nmsr.sr.result\ninfecteditems sl 2\n\n\n");
     long position = 1;

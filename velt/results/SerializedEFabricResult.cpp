@@ -15,7 +15,7 @@ namespace {
 // text, or one of `size` or more. Bytes are signed, so those of other scripts become negative.
 wchar_t* convert_to_wchar(char const* text, wchar_t* buffer, int& size) {
     std::size_t const length = std::strlen(text);
-    if (length == 0 || size < 0 || length >= static_cast<std::size_t>(size)) return nullptr;
+    if (!buffer || length == 0 || size < 0 || length >= static_cast<std::size_t>(size)) return nullptr;
     wchar_t* const end = std::transform(text, text + length, buffer,
                                         [](char byte) { return static_cast<wchar_t>(static_cast<signed char>(byte)); });
     *end = L'\0';
