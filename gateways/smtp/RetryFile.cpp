@@ -39,11 +39,11 @@ bool MakeFolder(fs::path const& path, mode_t mode, bool& made) {
     return ::chmod(path.c_str(), mode) == 0 && FlushDirectory(path.has_parent_path() ? path.parent_path() : ".");
 }
 
-// One that rests; what was never tried is due whatever the clock shows.
+// One that rests, be it only for the time that it took to be kept; a new one is due whatever the clock shows.
 bool LiesAhead(fs::path const& path) {
     struct stat facts {};
     return ::lstat(path.c_str(), &facts) == 0 && S_ISREG(facts.st_mode) && facts.st_ctime > ::time(nullptr) + kAhead &&
-           facts.st_ctime - facts.st_mtime >= kBehind / 2;
+           facts.st_ctime > facts.st_mtime;
 }
 
 bool IsLongUnfinished(fs::directory_entry const& entry) {

@@ -9,7 +9,8 @@ import unittest
 
 import harness
 from crash_case import CLOCK, ONE_PASS
-from deferred_case import CLOCK_SET_BACK, DAMAGED, GIVEN_UP, NO_FILE, RETRY_FAILED, RETRYER
+from deferred_case import CLOCK_SET_BACK, DAMAGED, GIVEN_UP, NO_FILE, RETRY_FAILED, RETRYER, numbered
+from rmd_files import rmd
 from troubles_case import TroublesCase
 
 HELD = 2  # files at most by a retryer of one thread: one is worked on, and one waits for that
@@ -164,6 +165,17 @@ class ClockThatIsSet(TroublesCase):
     def test_retryer_that_was_not_there_when_the_clock_was_set_back_sees_it_at_its_start(self):
         self.begin(environment={"LD_PRELOAD": CLOCK, "VELT_CLOCK_CALLS": str(self.clock)})
         self.keep(1)
+        self.set_clock(-self.DAY)
+        self.retryer(RETRYER, environment=self.environment)
+        self.noted(CLOCK_SET_BACK)
+        self.assert_arrived(1)
+
+    def test_mail_that_was_slow_to_be_kept_does_not_rest_until_the_clock_has_caught_up_either(self):
+        """It was not tried yet, and is no new one by its times."""
+        self.begin(environment={"LD_PRELOAD": CLOCK, "VELT_CLOCK_CALLS": str(self.clock)})
+        path = self.directory / "slow.rmd"
+        path.write_bytes(rmd("slow", content=numbered(1)))
+        os.utime(path, (time.time(), time.time() - 10))
         self.set_clock(-self.DAY)
         self.retryer(RETRYER, environment=self.environment)
         self.noted(CLOCK_SET_BACK)
