@@ -113,8 +113,10 @@ bool MoveReleased(RetryFile& file, std::string const& deferred) {
     if (file.Move(deferred)) return true;
     if (errno != EXDEV) return false;
     std::string const name = NameOf(file.path(), kRetrySuffix);
-    auto const copy = file.CopyInto(deferred, WithStates(file.status(), State::Waiting, State::Held));
-    return copy && HandOver(file, *copy, name, file.status());
+    RetryStatus const waits = file.status();
+    if (!file.Note(WithStates(waits, State::Waiting, State::Held))) return false;
+    auto const copy = file.CopyInto(deferred);
+    return copy && HandOver(file, *copy, name, waits);
 }
 
 bool ReleaseThere(RetryFile& file, std::string const& quarantine, RetryStatus const& status) {

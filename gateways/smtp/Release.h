@@ -1,5 +1,5 @@
 // Release: mail that was held in the quarantine goes into the deferred directory, and a retryer delivers it.
-// Within a file system the file is renamed. Into another one it is copied, and the copy is held, which no retryer
+// Within a file system the file is renamed. Into another one it is copied, and both are held, which no retryer
 // delivers, until the file in the quarantine has a name that nobody takes, "<name>.rmd.released". Then the copy waits,
 // and the other file goes. From the copy on the release stands; one that is cut off behind that is brought to its end
 // by whoever looks over both directories, and at each point there is one file that can come to be delivered.

@@ -118,9 +118,12 @@ protected:
         FinishReleases(m_quarantine, m_deferred, [&](std::string const& name, int error) { m_told[name] = error; });
         return true;
     }
-    // As a retryer does.
+    // As retryers do, one of them for the quarantine.
     void Deliver() {
-        auto const file = fs::exists(m_waits) ? Open(m_waits) : nullptr;
+        for (std::string const& path : {m_waits, m_held}) Deliver(path);
+    }
+    void Deliver(std::string const& path) {
+        auto const file = fs::exists(path) ? Open(path) : nullptr;
         if (!file || file->status().isHeld()) return;
         std::string message;
         EXPECT_EQ(file->ReadMessage([&](std::string_view block) { return message += block, true; }), RetryFault::None);

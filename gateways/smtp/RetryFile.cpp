@@ -203,8 +203,8 @@ bool RetryFile::Move(std::string const& directory) {
     return true;
 }
 
-// It has its lock, its owner and its status before it has a name by which somebody could take it.
-std::unique_ptr<RetryFile> RetryFile::CopyInto(std::string const& directory, RetryStatus const& status) {
+// It has its lock and its owner before it has a name by which somebody could take it.
+std::unique_ptr<RetryFile> RetryFile::CopyInto(std::string const& directory) {
     std::string const to = directory + m_path.substr(m_path.rfind('/') + 1);
     if (::access(to.c_str(), F_OK) == 0) return errno = EEXIST, nullptr;
     std::string const unfinished = to + ".tmp";
@@ -212,7 +212,7 @@ std::unique_ptr<RetryFile> RetryFile::CopyInto(std::string const& directory, Ret
     if (fd < 0) return nullptr;
     auto copy = std::make_unique<RetryFile>(fd, unfinished);
     bool const whole = copy->Lock() && CopyContent(m_fd, fd) && (errno = EIO, copy->Read() == RetryFault::None) &&
-                       CopyFacts(m_fd, fd) && copy->Note(status);
+                       CopyFacts(m_fd, fd) && Flush(fd);
     if (whole && RenameUnlessTaken(unfinished, to)) return copy->m_path = to, std::move(copy);
     int const error = errno;
     ::unlink(unfinished.c_str());

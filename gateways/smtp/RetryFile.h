@@ -71,9 +71,9 @@ public:
     // not flushed where it is.
     bool Move(std::string const& directory);
 
-    // A copy in another directory, under its name there, with `status`, locked. Flushed but for its name. Null, with
-    // errno: there is none.
-    std::unique_ptr<RetryFile> CopyInto(std::string const& directory, RetryStatus const& status);
+    // A copy in another directory, under its name there, locked and read. Flushed but for its name. Null, with errno:
+    // there is none.
+    std::unique_ptr<RetryFile> CopyInto(std::string const& directory);
 
     // The file gets another name in its directory, over a file that has it. Flushed, also where it has that name
     // already.

@@ -700,7 +700,7 @@ TEST_F(RetryFiles, MoveOverNobodyWhateverTheFileSystemCan) {
         EXPECT_EQ(errno, EEXIST);
         auto const file = Open(Path());
         ASSERT_EQ(file->Read(), RetryFault::None);
-        EXPECT_EQ(file->CopyInto(Other(), file->status()), nullptr);
+        EXPECT_EQ(file->CopyInto(Other()), nullptr);
         EXPECT_EQ(errno, EEXIST);
         EXPECT_EQ(Message(Path()), m_message);
         EXPECT_EQ(Slurp(Other("a1.rmd")), "precious");
@@ -729,7 +729,7 @@ TEST_F(RetryFiles, MoveOrAreWhereTheyWereWhateverCallFails) {
     }
 }
 
-TEST_F(RetryFiles, CopyWithTheirModeAndAnotherStatusAndNothingIsLeftOfACopyThatFails) {
+TEST_F(RetryFiles, CopyWithTheirModeAndTheirStatusAndNothingIsLeftOfACopyThatFails) {
     int n = 1;
     for (;; ++n) {
         fs::remove_all(Other());
@@ -737,12 +737,10 @@ TEST_F(RetryFiles, CopyWithTheirModeAndAnotherStatusAndNothingIsLeftOfACopyThatF
         ASSERT_TRUE(Store());
         auto const file = Open(Path());
         ASSERT_EQ(file->Read(), RetryFault::None);
-        RetryStatus status = file->status();
-        status.recipients[0] = State::Held;
         Calls::made = 0;
         Calls::failing = n;
         Calls::watched = true;
-        auto const copy = file->CopyInto(Other(), status);
+        auto const copy = file->CopyInto(Other());
         Calls::watched = false;
         EXPECT_EQ(Message(Path()), m_message);
         EXPECT_EQ(NamesIn(Other()).size(), copy ? 1u : 0u) << n;
@@ -755,7 +753,7 @@ TEST_F(RetryFiles, CopyWithTheirModeAndAnotherStatusAndNothingIsLeftOfACopyThatF
     EXPECT_GT(n, 5);
     auto const copy = Open(Other("a1.rmd"));
     ASSERT_EQ(copy->Read(), RetryFault::None);
-    EXPECT_TRUE(copy->status().isHeld() && copy->status().waits());
+    EXPECT_EQ(copy->status().tries, 1u);
     EXPECT_EQ(Message(Other("a1.rmd")), m_message);
     struct stat facts {};
     ASSERT_EQ(::stat(Other("a1.rmd").c_str(), &facts), 0);

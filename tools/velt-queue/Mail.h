@@ -27,7 +27,7 @@ struct Mail {
     bool isHeld() const { return status.isHeld(); }
     // Released, and not moved to the end.
     bool isReleasedOnly() const {
-        return isReadable() && (queue == Queue::Quarantine ? !isHeld() : isHeld() && status.released);
+        return isReadable() && (isHeld() ? status.released != 0 : queue == Queue::Quarantine);
     }
 };
 
