@@ -29,7 +29,9 @@ DESCRIPTION
              goes to, and what is to become of it.
     show     All that is known of a mail, its verdict and its header.
     release  Mail that is held goes to the deferred directory, and a retryer
-             delivers it at its next walk. It is not judged again.
+             delivers it at its next walk. It is not judged again. Where it
+             was cut off the next call of any kind finishes it, or "list" tells
+             of it.
     retry    A retryer tries the mail at its next walk, whatever its own time
              and the pause of its destination.
     delete   The mail is gone. Nobody is told.
