@@ -141,6 +141,7 @@ void RetrySession::Work() {
     if (fault != RetryFault::None) return ReportDamaged(fault);
     Adopt();
     m_wasUnsure = m_file.status().unsure;
+    m_wasTelling = m_file.status().telling;
     if (m_file.status().isHeld()) return ReportHeld();
     if (!m_file.status().waits()) return Finish(m_file.status());  // all but the removal was done
     SkipGap();
@@ -341,6 +342,7 @@ void RetrySession::Settle(std::vector<RecipientFate> fates) {
         anyFailed |= !failed[i].taken();
     }
     if (anyFailed && TellSender(failed)) {
+        status.telling = false;
         for (std::size_t i = 0; i < failed.size(); ++i) {
             if (!failed[i].taken()) StateOf(status, i) = State::Failed;
         }
@@ -371,6 +373,14 @@ KeptFrom RetrySession::From() {
     return {*this, *m_settings, m_id, m_conversationId, m_hello, m_file.envelope().inbound};
 }
 
+// Once there, a notification may have left before this mail's file says so: should the process die in between, the next
+// try writes it again.
+bool RetrySession::BeginTelling() {
+    RetryStatus status = m_file.status();
+    status.telling = true;
+    return m_file.Note(status);
+}
+
 // True: the sender is told, or nobody is there to be told. False: he could not be, and is to be later.
 bool RetrySession::TellSender(std::vector<RecipientFate> const& fates) {
     if (m_message.sender.null) {
@@ -383,7 +393,8 @@ bool RetrySession::TellSender(std::vector<RecipientFate> const& fates) {
     }
     std::string const name = ReportName(fates);
     NotificationOrigin const origin{m_settings->greetingName, m_id, m_hello, m_file.envelope().taken, name};
-    return KeepNotification(From(), m_message, NotificationOf(origin, m_message, fates), name);
+    return BeginTelling() &&
+           KeepNotification(From(), m_message, NotificationOf(origin, m_message, fates), name, m_wasTelling);
 }
 
 // One for each set of recipients of each file: a try that is repeated finds what it wrote, and nobody else does.

@@ -54,6 +54,7 @@ private:
     bool BeginContent();
     void Settle(std::vector<RecipientFate> fates);
     void GiveUpUntried();
+    bool BeginTelling();
     bool TellSender(std::vector<RecipientFate> const& fates);
     std::string ReportName(std::vector<RecipientFate> const& fates) const;
     void Finish(RetryStatus const& status);
@@ -85,7 +86,8 @@ private:
     std::string m_hello;
     std::time_t m_now = 0;  // when this began, by the clock as it is set now
     std::optional<ClockJump> m_jump;
-    bool m_wasUnsure = false;  // before this try; what may have arrived once may have for ever
+    bool m_wasUnsure = false;   // before this try; what may have arrived once may have for ever
+    bool m_wasTelling = false;  // the same of a notification
     bool m_noteFailed = false;
 };
 

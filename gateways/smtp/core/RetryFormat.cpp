@@ -280,7 +280,8 @@ RetryFault ReadEnvelope(std::string_view bytes, RetryLayout const& layout, Retry
 
 std::string WriteSlot(RetryStatus const& status) {
     std::string text = std::to_string(status.sequence) + ' ' + std::to_string(status.tries) + ' ' +
-                       std::to_string(status.last) + ' ' + Due(status) + (status.unsure ? " ? " : " . ");
+                       std::to_string(status.last) + ' ' + Due(status) + (status.unsure ? " ?" : " .") +
+                       (status.telling ? "! " : " ");
     for (RetryStatus::Recipient const one : status.recipients) text += static_cast<char>(one);
     if (status.released > 0) text += '@' + std::to_string(status.released);
     std::string reason = status.reason.substr(0, RetryLayout::kMaxReason);
@@ -299,7 +300,9 @@ bool ReadSlot(std::string_view bytes, std::size_t recipients, RetryStatus& out) 
     text.remove_suffix(1);
     bool const numbers = ReadNumber(Cut(text, ' '), out.sequence) && ReadNumber(Cut(text, ' '), out.tries) &&
                          ReadNumber(Cut(text, ' '), out.last) && ReadDue(Cut(text, ' '), out);
-    std::string_view const unsure = Cut(text, ' ');
+    std::string_view unsure = Cut(text, ' ');
+    out.telling = unsure.ends_with('!');
+    if (out.telling) unsure.remove_suffix(1);
     std::string_view const states = Cut(text, ' ');
     bool const sane = numbers && out.sequence <= RetryLayout::kMaxSequence && IsTime(out.last) && IsTime(out.due) &&
                       IsTime(out.skipped);

@@ -64,6 +64,7 @@ struct RetryStatus {
     std::int64_t due = 0;       // when the next one is; 0: as soon as its destination may be tried; below: see asked()
     std::int64_t skipped = 0;   // seconds of its age that do not count: nobody tried, or the clock was set
     bool unsure = false;        // the last try may have delivered: its answer was not heard, or not noted
+    bool telling = false;       // a notification about some recipient may have been written, which is not noted yet
     std::int64_t released = 0;  // when it was, of a mail that was held
     std::vector<Recipient> recipients;
     std::string reason;  // of the last failure; printable

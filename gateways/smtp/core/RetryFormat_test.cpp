@@ -231,6 +231,7 @@ TEST(RetrySlot, HasRoomForTheLargestNumbersAndCutsALongReason) {
     RetryStatus status;
     status.sequence = RetryLayout::kMaxSequence;
     status.tries = UINT32_MAX;
+    status.unsure = status.telling = true;
     status.last = status.due = status.skipped = -RetryLayout::kMaxSeconds;
     status.released = RetryLayout::kMaxSeconds;
     status.recipients.assign(1000, State::Failed);
@@ -258,6 +259,19 @@ TEST(RetrySlot, IsRefusedWithNumbersThatNobodyComesTo) {
     EXPECT_TRUE(refused([](RetryStatus& status) { status.due = INT64_MIN; }));
     EXPECT_TRUE(refused([](RetryStatus& status) { status.skipped = INT64_MIN; }));
     EXPECT_TRUE(refused([](RetryStatus& status) { status.released = INT64_MAX; }));
+}
+
+TEST(RetrySlot, SaysWhatMayBeOutAlready) {
+    for (auto const& [unsure, telling, text] :
+         {std::tuple(false, false, " . "), {true, false, " ? "}, {false, true, " .! "}, {true, true, " ?! "}}) {
+        RetryStatus status = SomeStatus(), read;
+        status.unsure = unsure;
+        status.telling = telling;
+        EXPECT_NE(WriteSlot(status).find(text), std::string::npos);
+        ASSERT_TRUE(ReadSlot(WriteSlot(status), 2, read));
+        EXPECT_EQ(read.unsure, unsure);
+        EXPECT_EQ(read.telling, telling);
+    }
 }
 
 TEST(RetrySlot, IsNotWholeAtAnyCutOrChange) {
