@@ -303,10 +303,27 @@ void RetrySession::Hold(std::vector<Verdict>& verdicts) {
     std::size_t const done = m_file.envelope().recipients.size() - m_waiting.size();
     std::string const name = m_name + ".later" + std::to_string(done);
     m_held.emplace(From(), name);
-    if (m_held->Keep(m_message, verdicts)) return;
+    if (m_held->Keep(m_message, verdicts)) return NoteHeld(verdicts);
     for (Verdict& verdict : verdicts) {
         if (verdict.quarantine) verdict.fate = Verdict::Fate::Defer;
     }
+}
+
+// The delivery to others may take long, and a try that ends in it would hold the mail anew, whoever released it
+// meanwhile. What is refused beside is told to the sender first.
+void RetrySession::NoteHeld(std::vector<Verdict> const& verdicts) {
+    RetryStatus status = m_file.status();
+    bool holds = false;
+    for (std::size_t i = 0; i < m_message.recipients.size(); ++i) {
+        auto const verdict = std::find_if(verdicts.begin(), verdicts.end(), [&](Verdict const& one) {
+            return one.identity == m_message.recipients[i].identity;
+        });
+        if (verdict == verdicts.end() || !verdict->quarantine) continue;
+        if (verdict->fate != Verdict::Fate::Hold) return;
+        StateOf(status, i) = State::Delivered;
+        holds = true;
+    }
+    if (holds && !m_file.Note(status)) ReportStatusLost();
 }
 
 // The last moment at which it is sure that nobody has the message of this try.

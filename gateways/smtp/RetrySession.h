@@ -51,6 +51,7 @@ private:
     std::string Judges();
     std::vector<Verdict> ScanAgain();
     void Hold(std::vector<Verdict>& verdicts);
+    void NoteHeld(std::vector<Verdict> const& verdicts);
     bool BeginContent();
     void Settle(std::vector<RecipientFate> fates);
     void GiveUpUntried();

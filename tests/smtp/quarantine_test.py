@@ -1,4 +1,5 @@
 """Mail that policy says to keep: it goes into quarantine with its verdict, and what else is in the message goes on."""
+import fcntl
 import re
 import stat
 import unittest
@@ -186,6 +187,41 @@ class Retryer(DeferredCase):
         files = [(self.quarantine / one).read_bytes() for one in self.held()]
         found = [re.findall(rb"^recipient (\S+)", one, re.MULTILINE) for one in files]
         self.assertEqual(sorted(found), [[STAFF.encode()], [BOARD.encode()]])
+
+    def test_what_a_retryer_holds_is_nobodys_and_is_noted_while_others_are_tried(self):
+        self.begin()
+        self.provokes(RULE_HIT, QUARANTINED)
+        self.away()
+        client = self.client()
+        self.assertRegex(client.mail(body("hello"), [STAFF, BOARD]), r"^250 ")
+        client.close()
+        (name,) = self.waiting()
+        self.stop(self.gateway)
+        self.rewrite(self.directory / name, rb"^engines .*$", lambda old: b"engines " + b"x" * (len(old[0]) - 8))
+        rules = self.root.path / "config/qxxmlconf/rules.xml"
+        rules.write_text(rules.read_text().replace(f'match="{PHRASE}"', 'match="hello"'))
+        self.back()
+        seen = []
+
+        def answer(_):
+            (held,) = self.held()
+            seen.append((self.is_locked(self.quarantine / held), b" dw " in (self.directory / name).read_bytes()))
+            return "451 4.3.2 later"
+        self.sink.replies = {"MAIL": answer}
+        self.retryer(("-p", "-s", "retryer", "-t", "smtp")).wait()
+        self.assertEqual(seen, [(True, True)])
+        (held,) = self.held()
+        self.assertFalse(self.is_locked(self.quarantine / held))
+        self.assertEqual(self.waiting(), [name])
+
+    @staticmethod
+    def is_locked(path):
+        with open(path, "r+b") as file:
+            try:
+                fcntl.lockf(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
+            except OSError:
+                return True
+        return False
 
     def test_mail_that_a_retryer_cannot_put_into_quarantine_waits_on(self):
         self.begin()
