@@ -4,8 +4,8 @@
 usage: farm_throughput.py BUILD_DIR    RUNS, SECONDS in the environment
 
 The daemons have addresses that do not count as this machine, so the content crosses the wire. Sessions, messages and next
-server are those of mail_throughput.py; rows take turns. CPU is user and system, per message: of the gateway, of its daemons
-with the resource manager, and of both.
+server are those of mail_throughput.py, and the mail comes from outside; rows take turns. CPU is user and system, per message:
+of the gateway, of its daemons with the resource manager, and of both.
 
 The exit status is that of CPU ratios, with room: both sides of remote scanning with one daemon, by scanning in process, by
 the policy of the sample packaging/samples/small-office, and by one that has one engine with one signature and no other, which
@@ -82,7 +82,8 @@ class Farm(contextlib.ExitStack):
             place = self.folder / str(number)
             place.mkdir()
             self.helpers.append(self.enter_context(Scannerd(self.build, place, self.content)))
-        gateway = mail_filters.Gateway(self.build, self.folder, self.sink, farm=bool(self.count), content=self.content)
+        gateway = mail_filters.Gateway(self.build, self.folder, self.sink, farm=bool(self.count), content=self.content,
+                                       inside="192.0.2.0/24")
         if self.count:
             manager = self.enter_context(Manager(self.build, gateway.root, self.helpers))
             relays.harness.wait_until(manager.socket.exists, "the resource manager")

@@ -175,13 +175,13 @@ class Sink(Server):
         return []
 
 
-def root_of(folder, signatures=""):
-    """A root for a daemon of ours, with its own signatures beside the built-in one."""
+def root_of(folder, signatures="", inside="127.0.0.0/8"):
+    """A root for a daemon of ours, with its own signatures beside the built-in one; who is not inside is outside."""
     root = folder / "root"
     for path in ("config/qxxmlconf/efabric", "scandir", "run/velt", "opt/KORAqxs/avengine/dat"):
         (root / path).mkdir(parents=True)
     write(root / "opt/KORAqxs/avengine/dat/signatures.db", signatures)
-    write(root / "config/qxxmlconf/inside.txt", "NETWORK 127.0.0.0/8\n")
+    write(root / "config/qxxmlconf/inside.txt", f"NETWORK {inside}\n")
     write(root / "config/qxxmlconf/outside.txt", "NETWORK *\n")
     return root
 
@@ -219,10 +219,10 @@ def rules(address, port, more="", content=ONE_ENGINE):
 OWN_SIGNATURE = f"Throughput.Test : {SIGNATURE.hex()}\n"
 
 
-def Gateway(build, folder, sink, clamd=None, farm=False, content=ONE_ENGINE):
+def Gateway(build, folder, sink, clamd=None, farm=False, content=ONE_ENGINE, **more):
     """Ours: with its own signatures, or with none that match and the scan server, or the scanner daemons, that have."""
     [port] = relays.harness.free_ports(1)
-    root = root_of(folder, "" if clamd or farm else OWN_SIGNATURE)
+    root = root_of(folder, "" if clamd or farm else OWN_SIGNATURE, **more)
     # One report of each message, as the other filters make, and not the whole course of a session.
     reports = "".join(f'<event number="60000" reason="{reason}" switch="on"/>' for reason in (2, 3, 4))
     write(root / "config/qxxmlconf/bench-logging.xml",
@@ -236,7 +236,7 @@ def Gateway(build, folder, sink, clamd=None, farm=False, content=ONE_ENGINE):
     </settings>
     <settings section="smtp">
       <set name="RelayHost">127.0.0.1</set><set name="RelayPort">{sink.port}</set>
-      <set name="GreetingName">bench.test</set>
+      <set name="GreetingName">bench.test</set><list name="AcceptDomains"><item>beta.test</item></list>
     </settings>""", content))
     return Service([build / "bin/velt-smtp", "bench", "bench"], port, root)
 
