@@ -10,16 +10,15 @@ namespace {
 
 constexpr std::size_t kHeaderToReturn = 16384;
 
+// Read past the buffering: a message that is on disk alone has no memory to be buffered in.
 std::string FirstHeader(VELT::ScannerStream& spool) {
-    std::string header;
-    if (spool.seek(0, 0) < 0) return header;
-    while (header.size() < kHeaderToReturn && header.find("\r\n\r\n") == std::string::npos) {
-        char* data = nullptr;
-        bool done = false;
-        int const count = spool.readdata(data, static_cast<unsigned>(kHeaderToReturn), true, done);
-        if (count <= 0) break;
-        header.append(data, static_cast<std::size_t>(count));
+    std::string header(kHeaderToReturn, '\0');
+    std::size_t length = 0;
+    for (long count = spool.seek(0, 0) < 0 ? 0 : 1; count > 0 && length < header.size();) {
+        count = spool.read(header.data() + length, static_cast<unsigned long>(header.size() - length));
+        if (count > 0) length += static_cast<std::size_t>(count);
     }
+    header.resize(length);
     return header;
 }
 

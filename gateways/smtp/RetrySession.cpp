@@ -380,7 +380,10 @@ void RetrySession::GiveUpUntried() {
     fate.reply = {451, "4.4.7", m_file.status().tries ? m_file.status().reason : kUntried};
     RetryStatus status = m_file.status();
     std::vector<RecipientFate> const fates(m_waiting.size(), fate);
-    if (!TellSender(fates)) return Rest();
+    if (!TellSender(fates)) {
+        m_file.Note(status);  // nothing has been told, and what is told later is no second copy of it
+        return Rest();
+    }
     for (std::size_t i = 0; i < fates.size(); ++i) StateOf(status, i) = State::Failed;
     ReportGivenUp(fates);
     Finish(status);

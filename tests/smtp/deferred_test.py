@@ -12,7 +12,7 @@ import harness
 import mail_sink
 from deferred_case import (DAMAGED, GIVEN_UP, KEPT, NO_FILE, RESENT, RETRY_ENDED, RETRY_FAILED, STORE_FAILED, WALK,
                            DeferredCase, message_id, numbered)
-from rmd_files import rmd
+from rmd_files import rmd, unsure
 from scan_servers import PLANTED, ScriptedClamd
 from smtp_case import (BOARD, DEFERRED, ENGINE_FAILED, NOTIFIED, NOT_NOTIFIED, PHRASE, POLICY_REFUSED, REFUSED, RULE_HIT,
                        SCAN_FAILED, SENDER, STAFF, VIRUS, body)
@@ -215,6 +215,19 @@ class Retried(DeferredCase):
             self.assertIn(part, report.content)
         self.wait_empty()
 
+    def test_sender_of_a_large_mail_is_told_which_one_it_was(self):
+        self.begin()
+        self.provokes(GIVEN_UP)
+        self.sink.replies = {f"RCPT {STAFF}": "550 5.1.1 who?", "MAIL": "451 4.3.2 later"}
+        large = numbered(7) + 4000 * (b"x" * 62 + b"\r\n")
+        self.assertRegex(self.client().mail(large), r"^250 ")
+        del self.sink.replies["MAIL"]
+        self.retryer()
+        (report,) = self.sink.wait_messages(1)
+        self.assertIn(b"Message-ID: <7@outside.example>\r\nSubject: 7\r\n", report.content)
+        self.assertLess(len(report.content), 20000)
+        self.wait_empty()
+
     def test_mail_that_waited_too_long_is_given_up_and_its_sender_told(self):
         self.begin(smtp={"GiveUpAfter": 3})
         self.provokes(GIVEN_UP)
@@ -265,6 +278,23 @@ class Retried(DeferredCase):
         self.assertEqual(event["values"]["smtp_reply"], "451 4.4.7 next server cannot be reached")
         harness.wait_until(lambda: len(self.waiting()) == 1, "the end of its file")
         self.assertEqual(len(self.events(*RETRY_FAILED)), 1, "the other one rests")
+
+    def test_first_notification_that_can_be_kept_is_no_second_copy_of_those_that_could_not(self):
+        self.begin(smtp={"RetryPause": 3600, "RetryPauseLimit": 3600})
+        self.provokes(GIVEN_UP, STORE_FAILED)
+        self.keep()
+        self.retryer()
+        self.wait_tries()
+        told_of = zlib.crc32(b"bob@inside.example\n")
+        name = f"old.report0.{told_of:08x}.rmd"
+        in_the_way = self.directory / f"{name}.tmp"
+        in_the_way.mkdir()
+        (self.directory / "old.rmd").write_bytes(rmd("old", age=864000))
+        self.noted(STORE_FAILED)
+        in_the_way.rmdir()
+        self.noted(GIVEN_UP)
+        harness.wait_until(lambda: name in self.waiting(), "the notification")
+        self.assertEqual(unsure((self.directory / name).read_bytes()), b".")
 
     def test_mail_that_waits_for_a_thread_when_the_process_stops_is_left_to_the_next_one(self):
         self.begin(smtpretryer={"MaxConncurrent": 1, "RetryInterval": 600})

@@ -37,9 +37,19 @@ def is_whole(content):
             content[53:61] == summed(content[80:end]) and content[62:70] == summed(content[end + 2 * status:]))
 
 
-def states(content):
-    """A letter for each recipient, by the slot that holds."""
+def status(content):
+    """The fields of the slot that holds, with its sum."""
     at, size = 80 + int(content[10:20]), int(content[21:31])
     slots = (content[begin:begin + size] for begin in (at, at + size))
     fields = [one.split(b" ") for one in slots if one[:8] == summed(one[9:])]
-    return max(fields, key=lambda one: int(one[1]))[6].split(b"@")[0]
+    return max(fields, key=lambda one: int(one[1]))
+
+
+def states(content):
+    """A letter for each recipient."""
+    return status(content)[6].split(b"@")[0]
+
+
+def unsure(content):
+    """b"?" or b".", as an earlier try may have brought it."""
+    return status(content)[5][:1]
