@@ -205,7 +205,6 @@ void RetryerServiceLoop::Run() {
     NotifyRetrying(directory);
     while (!shutdown) {
         long const begin = NowMs();
-        if (s_Pool) s_Pool->StartThreads();
         ScanDir(false, retryInterval);
         RestUntil(begin + scanInterval * kMsPerSecond);
     }
@@ -217,6 +216,7 @@ void RetryerServiceLoop::Run() {
 // leaves nothing to rest for. The parent is looked at also when there is no time to rest.
 void RetryerServiceLoop::RestUntil(long end) {
     do {
+        if (s_Pool) s_Pool->StartThreads();
         WatchParent(static_cast<int>(shutdown ? 0 : std::clamp(end - NowMs(), 0L, kCheckMs)));
     } while (NowMs() < end && !shutdown);
 }
