@@ -28,7 +28,8 @@ def exchange(one, other):
 class DeadServers(DeferredCase):
     @staticmethod
     def write(directory, name, port):
-        (directory / f"{name}.rmd").write_bytes(rmd(name, f"{harness.SERVER}:{port}"))
+        (directory / f".{name}").write_bytes(rmd(name, f"{harness.SERVER}:{port}"))
+        (directory / f".{name}").rename(directory / f"{name}.rmd")  # no walk comes by it before it is whole
 
     def write_last(self, directory, name, port, write_others):
         """A file that a walk comes by after all others. Their order is the directory's: the newest first, or the oldest, or
