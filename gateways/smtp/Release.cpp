@@ -54,10 +54,14 @@ bool HandOver(RetryFile& from, RetryFile& copy, std::string const& name, RetrySt
     return true;
 }
 
-// What the quarantine has of a mail that lies in the deferred directory. Null with ENOENT: nothing.
+// What the quarantine has of a mail that lies in the deferred directory. Null with ENOENT: nothing. Both directories
+// may be one: the file itself is none of these, and is not opened, or its lock would go with that descriptor.
 std::unique_ptr<RetryFile> OpenOther(RetryFile const& copy, std::string const& quarantine, std::string const& name) {
     for (char const* const suffix : {kRetrySuffix, kReleasedSuffix}) {
-        auto other = OpenAndRead(quarantine + name + suffix);
+        std::string const path = quarantine + name + suffix;
+        if (copy.IsAt(path)) continue;
+        if (errno != ENOENT) return nullptr;
+        auto other = OpenAndRead(path);
         if (other && other->IsCopyOf(copy)) return other;
         if (!other && errno != ENOENT) return nullptr;
     }
@@ -74,10 +78,11 @@ public:
     std::vector<std::string> found() const {
         std::vector<std::string> names;
         std::error_code error;
+        bool const areOne = fs::equivalent(m_quarantine, m_deferred, error);
         for (fs::directory_iterator it(m_quarantine, error), end; !error && it != end; it.increment(error)) {
             std::string const marked = NameOf(it->path(), kReleasedSuffix), held = NameOf(it->path(), kRetrySuffix);
             if (!marked.empty()) names.push_back(marked);
-            if (!held.empty() && ::access(pathOf(held).c_str(), F_OK) == 0) names.push_back(held);
+            if (!areOne && !held.empty() && ::access(pathOf(held).c_str(), F_OK) == 0) names.push_back(held);
         }
         return names;
     }
@@ -110,9 +115,10 @@ private:
 }  // namespace
 
 bool MoveReleased(RetryFile& file, std::string const& deferred) {
+    std::string const name = NameOf(file.path(), kRetrySuffix);
+    if (file.IsAt(deferred + name + kRetrySuffix)) return true;
     if (file.Move(deferred)) return true;
     if (errno != EXDEV) return false;
-    std::string const name = NameOf(file.path(), kRetrySuffix);
     RetryStatus const waits = file.status();
     if (!file.Note(WithStates(waits, State::Waiting, State::Held))) return false;
     auto const copy = file.CopyInto(deferred);

@@ -2,7 +2,8 @@
 // Within a file system the file is renamed. Into another one it is copied, and both are held, which no retryer
 // delivers, until the file in the quarantine has a name that nobody takes, "<name>.rmd.released". Then the copy waits,
 // and the other file goes. From the copy on the release stands; one that is cut off behind that is brought to its end
-// by whoever looks over both directories, and at each point there is one file that can come to be delivered.
+// by whoever looks over both directories, and at each point there is one file that can come to be delivered. Where both
+// directories are one, by whatever name or mount, the file stays where it is, and waits.
 // Any process that may write to both directories, beside others: what somebody has locked is left to him. Thread: one.
 // Failure: false, with errno; EAGAIN: somebody works on one of the files. It can be tried again.
 #pragma once

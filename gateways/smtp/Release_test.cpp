@@ -178,16 +178,16 @@ protected:
     std::map<std::string, int> m_told;
 };
 
-// Another process that works on a file while the object lives.
+// Another process that works on a file while the object lives, or finds that it cannot.
 class Worker {
 public:
-    explicit Worker(std::string const& path) {
+    explicit Worker(std::string const& path, bool works = true) {
         int ready[2];
         EXPECT_EQ(::pipe(ready), 0);
         m_child = ::fork();
         if (m_child == 0) {
             bool const locked = ::lockf(::open(path.c_str(), O_RDWR), F_TLOCK, 0) == 0;
-            if (!locked || ::write(ready[1], "y", 1) != 1) ::_exit(1);
+            if (locked != works || ::write(ready[1], "y", 1) != 1) ::_exit(1);
             ::alarm(60);  // should the test not come to its end
             ::pause();
         }
@@ -338,6 +338,30 @@ TEST_F(Releases, LeaveAnotherMailOfTheSameNameAlone) {
     auto const file = Open(m_waits);
     EXPECT_TRUE(ReleaseThere(*file, m_quarantine, Waiting(file->status())));
     EXPECT_EQ(Open(m_held)->envelope().sender, "alice@outside.example");
+}
+
+// As some installations have it, by its one name, by a link, or mounted a second time.
+TEST_F(Releases, StayWhereTheyAreWhereBothDirectoriesAreOne) {
+    fs::remove_all(m_deferred);
+    fs::create_directory_symlink(m_quarantine, m_room / "deferred");
+    for (std::string const& quarantine : {m_quarantine, m_deferred}) {
+        for (bool const moves : {true, false}) {
+            Hold(m_quarantine);
+            ASSERT_TRUE(Mark(m_held, State::Held, 1700000009)) << "or the finisher would not look at it";
+            FinishReleases(quarantine, m_deferred, [&](std::string const& name, int error) { m_told[name] = error; });
+            EXPECT_TRUE(m_told.empty());
+            auto file = Open(quarantine + "a1.rmd");
+            ASSERT_TRUE(file && file->status().isHeld());
+            RetryStatus const waits = Waiting(file->status());
+            EXPECT_TRUE(moves ? file->Note(waits) && MoveReleased(*file, m_deferred)
+                              : ReleaseThere(*file, quarantine, waits));
+            { Worker const nobody(m_held, false); }
+            file.reset();
+            EXPECT_EQ(Left(), std::set<std::string>{"a1.rmd"});
+            Deliver(m_held);
+        }
+    }
+    EXPECT_EQ(m_delivered, 4);
 }
 
 TEST_F(Releases, AreLookedForWhereThereIsNoDirectoryYet) {

@@ -183,11 +183,16 @@ bool RetryFile::Wake() {
     return ::futimens(m_fd, times) == 0;
 }
 
-bool RetryFile::IsStillNamed() const {
+bool RetryFile::IsStillNamed() const { return IsAt(m_path); }
+
+bool RetryFile::IsAt(std::string const& path) const {
     struct stat own {};
     struct stat named {};
-    return ::fstat(m_fd, &own) == 0 && ::lstat(m_path.c_str(), &named) == 0 && own.st_dev == named.st_dev &&
-           own.st_ino == named.st_ino;
+    if (::fstat(m_fd, &own) != 0 || ::lstat(path.c_str(), &named) != 0) {
+        if (errno == ENOTDIR) errno = ENOENT;
+        return false;
+    }
+    return (own.st_dev == named.st_dev && own.st_ino == named.st_ino) || (errno = ENOENT, false);
 }
 
 bool RetryFile::Lock() { return ::lockf(m_fd, F_TLOCK, 0) == 0; }

@@ -58,6 +58,8 @@ public:
     bool Wake();                    // due at the next walk; nothing is flushed
 
     bool IsStillNamed() const;  // and not another file in its place
+    // Whether that path leads to it, whatever its own is. False, with errno; ENOENT: there is none, or another file.
+    bool IsAt(std::string const& path) const;
     bool HasOtherName() const;  // than its path; it may have got it meanwhile
 
     // Another process that has it locked keeps it: false, with errno.
