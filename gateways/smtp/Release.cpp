@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <memory>
 #include <vector>
@@ -21,6 +22,12 @@ using State = RetryStatus::Recipient;
 RetryStatus WithStates(RetryStatus status, State from, State to) {
     std::replace(status.recipients.begin(), status.recipients.end(), from, to);
     return status;
+}
+
+// It may have been begun long ago, and its time to be delivered would be over.
+RetryStatus ReleasedNow(RetryStatus status) {
+    status.released = std::time(nullptr);
+    return WithStates(std::move(status), State::Held, State::Waiting);
 }
 
 std::string NameOf(std::string const& path, char const* suffix) {
@@ -95,7 +102,7 @@ public:
         if (!copy->status().isHeld()) return forget(name);
         if (!copy->status().released) return errno = ENOENT, false;
         auto const other = OpenOther(*copy, m_quarantine, name);
-        return other && HandOver(*other, *copy, name, WithStates(copy->status(), State::Held, State::Waiting));
+        return other && HandOver(*other, *copy, name, ReleasedNow(copy->status()));
     }
 
 private:

@@ -128,7 +128,7 @@ protected:
         std::string message;
         EXPECT_EQ(file->ReadMessage([&](std::string_view block) { return message += block, true; }), RetryFault::None);
         EXPECT_EQ(message, "Subject: x\r\n\r\nThe text.\r\n");
-        EXPECT_EQ(file->status().released, 1700000009);
+        EXPECT_TRUE(file->status().released);
         ++m_delivered;
         EXPECT_TRUE(file->Remove());
     }
@@ -284,7 +284,9 @@ TEST_F(Releases, AreFinishedByNobodyWhileSomebodyWorksOnOneOfTheFiles) {
     Finish();
     EXPECT_EQ(m_told, (std::map<std::string, int>{{"a1", 0}}));
     EXPECT_FALSE(fs::exists(m_held));
-    EXPECT_TRUE(Open(m_waits)->status().waits());
+    RetryStatus const status = Open(m_waits)->status();
+    EXPECT_TRUE(status.waits());
+    EXPECT_LE(std::time(nullptr) - status.released, 60) << "or a late one is too old to be tried";
 }
 
 // A directory may be another one for a while: one that is not mounted has nothing in it.

@@ -60,11 +60,11 @@ bool MakeDeferred(Places const& places) {
                                     mine ? -1L : static_cast<long>(facts.st_gid));
 }
 
-// The first who released it is who did.
+// The first who released it is who did. Its time to be delivered begins now.
 smtp::RetryStatus Released(smtp::RetryStatus status) {
     std::replace(status.recipients.begin(), status.recipients.end(), State::Held, State::Waiting);
     if (!status.released) status.reason = WhoReleases();
-    if (!status.released) status.released = std::time(nullptr);
+    status.released = std::time(nullptr);
     status.due = status.skipped = 0;
     return status;
 }
@@ -84,7 +84,7 @@ Problem Release(Mail const& mail, Places const& places) {
     if (!file) return problem;
     if (mail.queue == Queue::Deferred) return ReleaseHere(*file, places);
     if (!MakeDeferred(places)) return Because(places.deferred.c_str());
-    if (file->status().isHeld() && !file->Note(Released(file->status()))) return Because("its file cannot be written");
+    if (!file->Note(Released(file->status()))) return Because("its file cannot be written");
     if (!file->Wake()) return Because("its time cannot be set");
     return smtp::MoveReleased(*file, places.deferred) ? "" : Because(kHalfWay);
 }

@@ -254,7 +254,7 @@ TEST_F(VeltQueue, FinishesAReleaseThatWasCutOff) {
     EXPECT_NE(m_out.find("released, and not moved; release it again"), std::string::npos) << m_out;
     EXPECT_EQ(Run("retry a1.q1"), 1);
     EXPECT_EQ(Run("release a1.q1"), 0);
-    EXPECT_EQ(StatusOf(Deferred() + "a1.q1.rmd").released, 1700000000);
+    EXPECT_LE(std::time(nullptr) - StatusOf(Deferred() + "a1.q1.rmd").released, 60) << "its age counts from here";
 }
 
 TEST_F(VeltQueue, FinishesWhateverItIsAskedAReleaseThatStoodAlready) {
@@ -275,7 +275,7 @@ TEST_F(VeltQueue, SaysOfAReleaseThatItFinishedThatItIsDone) {
         HalveRelease("a1.q1");
         EXPECT_EQ(Run(std::string("release ") + id), 0) << m_error;
         EXPECT_EQ(m_out, "a1.q1: released\n");
-        EXPECT_EQ(StatusOf(Deferred() + "a1.q1.rmd").released, 1700000000);
+        EXPECT_LE(std::time(nullptr) - StatusOf(Deferred() + "a1.q1.rmd").released, 60) << "its age counts from here";
         std::filesystem::remove(Deferred() + "a1.q1.rmd");
     }
 }
