@@ -41,7 +41,7 @@ std::unique_ptr<RetryFile> Open(std::string const& path) {
     if (fd < 0) return nullptr;
     auto file = std::make_unique<RetryFile>(fd, path);
     if (!file->Lock()) return nullptr;
-    if (!file->IsStillNamed()) return errno = ENOENT, nullptr;
+    if (!file->IsStillNamed()) return nullptr;
     return file;
 }
 
@@ -97,9 +97,9 @@ public:
     // False, with errno: ENOENT where there is nothing to be finished, EAGAIN where somebody else is at it.
     bool finish(std::string const& name) const {
         auto const copy = OpenAndRead(pathOf(name));
-        if (!copy && errno == ENOENT) return forget(name);  // it has left
+        if (!copy && errno == ENOENT) return forget(name, nullptr);  // it has left
         if (!copy) return false;
-        if (!copy->status().isHeld()) return forget(name);
+        if (!copy->status().isHeld()) return forget(name, copy.get());
         if (!copy->status().released) return errno = ENOENT, false;
         auto const other = OpenOther(*copy, m_quarantine, name);
         return other && HandOver(*other, *copy, name, ReleasedNow(copy->status()));
@@ -108,10 +108,11 @@ public:
 private:
     std::string pathOf(std::string const& name) const { return m_deferred + name + kRetrySuffix; }
 
-    // The copy was noted as one that waits: only the removal was missing.
-    bool forget(std::string const& name) const {
+    // The copy was noted as one that waits: only the removal was missing, and maybe that it is so on disk.
+    bool forget(std::string const& name, RetryFile const* copy) const {
         auto const marked = Open(m_quarantine + name + kReleasedSuffix);
-        if (marked && marked->Remove()) errno = ENOENT;
+        if (!marked || (copy && !copy->FlushStatus())) return false;
+        if (marked->Remove()) errno = ENOENT;
         return false;
     }
 

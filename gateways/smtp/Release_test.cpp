@@ -272,6 +272,23 @@ TEST_F(Releases, AreNotFinishedBeforeTheCopyIsFlushed) {
     EXPECT_TRUE(Open(m_waits)->status().isHeld());
 }
 
+// Nor may what it says: a process that wrote it and could not flush it is gone.
+TEST_F(Releases, AreNotForgottenBeforeTheStatusOfTheCopyIsFlushed) {
+    Hold(m_quarantine);
+    Hold(m_deferred);
+    fs::rename(m_held, m_marked);
+    ASSERT_TRUE(Mark(m_waits, State::Waiting, 1700000009));
+    for (int const call : {1, 2}) {  // the flush, and the removal
+        Watch(call);
+        Finish();
+        Changes::watched = false;
+        EXPECT_EQ(m_told, (std::map<std::string, int>{{"a1", EIO}}));
+        EXPECT_TRUE(fs::exists(m_marked)) << call;
+    }
+    Finish();
+    EXPECT_EQ(Left(), std::set<std::string>{"a1.rmd"});
+}
+
 TEST_F(Releases, AreFinishedByNobodyWhileSomebodyWorksOnOneOfTheFiles) {
     Hold(m_quarantine);
     Hold(m_deferred);

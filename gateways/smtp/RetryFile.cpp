@@ -176,6 +176,8 @@ bool RetryFile::Note(RetryStatus status) {
     return true;
 }
 
+bool RetryFile::FlushStatus() const { return Flush(m_fd); }
+
 bool RetryFile::Rest() { return LetRest(m_fd); }
 
 bool RetryFile::Wake() {
@@ -234,7 +236,7 @@ bool RetryFile::Rename(std::string const& name) {
 
 // A removal that is not flushed would come back with the machine, and the mail with it.
 bool RetryFile::Remove() {
-    if (!IsStillNamed()) return true;
+    if (!IsStillNamed()) return errno == ENOENT;
     if (::unlink(m_path.c_str()) != 0 && errno != ENOENT) return false;
     return FlushDirectory(folder());
 }

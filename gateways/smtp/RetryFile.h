@@ -54,11 +54,12 @@ public:
 
     void Skip(std::int64_t seconds) { m_status.skipped += seconds; }  // written with the next status
     bool Note(RetryStatus status);  // from now on this is how far it is; the sequence is counted here
+    bool FlushStatus() const;       // that was read: whoever wrote it may not have come to it
     bool Rest();                    // not due before the retryer's interval has passed; nothing is flushed
     bool Wake();                    // due at the next walk; nothing is flushed
 
-    bool IsStillNamed() const;  // and not another file in its place
-    // Whether that path leads to it, whatever its own is. False, with errno; ENOENT: there is none, or another file.
+    // Whether its path leads to it, or another one. False, with errno; ENOENT: there is no file, or it is another.
+    bool IsStillNamed() const;
     bool IsAt(std::string const& path) const;
     bool HasOtherName() const;  // than its path; it may have got it meanwhile
 

@@ -422,6 +422,16 @@ TEST_F(RetryFiles, AreNotSaidToBeGoneWhereTheFolderCannotBeFlushed) {
     EXPECT_FALSE(fs::exists(Path()));
 }
 
+TEST_F(RetryFiles, AreNotSaidToBeGoneWhereNobodyCanLook) {
+    ASSERT_TRUE(Store());
+    auto const file = Open(Path());
+    fs::rename(m_directory, Other());
+    EXPECT_TRUE(file->Remove()) << "it is somewhere else";
+    fs::create_symlink("waiting", m_room / "waiting");
+    EXPECT_FALSE(file->Remove());
+    EXPECT_EQ(errno, ELOOP);
+}
+
 TEST_F(RetryFiles, TakeNoLinkForAPlaceToWriteTo) {
     std::ofstream(m_directory + "victim") << "precious";
     fs::create_symlink(m_directory + "victim", m_directory + "a1.rmd.tmp");

@@ -32,7 +32,7 @@ std::unique_ptr<RetryFile> Lock(Mail const& mail, Problem& problem) {
     if (fd < 0) return problem = errno == ENOENT ? kGone : Because("it cannot be opened"), nullptr;
     auto file = std::make_unique<RetryFile>(fd, mail.path);
     if (!file->Lock()) return problem = kTaken, nullptr;
-    if (!file->IsStillNamed()) return problem = kGone, nullptr;
+    if (!file->IsStillNamed()) return problem = errno == ENOENT ? kGone : Because("it cannot be looked at"), nullptr;
     return file;
 }
 
