@@ -75,6 +75,19 @@ Problem ReleaseHere(RetryFile& file, Places const& places) {
     return errno == EAGAIN ? kTaken : Because("it cannot be released");
 }
 
+// The one of a release that was cut off, which nobody could finish any more.
+Problem DeleteCopy(RetryFile& file, Mail const& mail, Places const& places) {
+    if (file.Read() != RetryFault::None || !file.status().released) return {};
+    Mail other = mail;
+    other.path = places.deferred + mail.id + smtp::kRetrySuffix;
+    if (file.IsAt(other.path)) return {};
+    Problem problem;
+    auto const copy = LockAndRead(other, problem);
+    if (!copy) return problem == kGone ? "" : problem;
+    if (!copy->IsCopyOf(file) || !copy->status().isHeld()) return {};
+    return copy->Remove() ? "" : Because("its copy cannot be removed");
+}
+
 }  // namespace
 
 // It is in the file before it is in the other directory: there it would be one that is held.
@@ -114,10 +127,12 @@ Problem Retry(Mail const& mail, Places const& places) {
     return file->Wake() ? "" : Because("its time cannot be set");
 }
 
-Problem Delete(Mail const& mail) {
+Problem Delete(Mail const& mail, Places const& places) {
     Problem problem;
     auto const file = Lock(mail, problem);
     if (!file) return problem;
+    if (mail.queue == Queue::Quarantine) problem = DeleteCopy(*file, mail, places);
+    if (!problem.empty()) return problem;
     return file->Remove() ? "" : Because("it cannot be removed");
 }
 

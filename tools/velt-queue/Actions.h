@@ -23,7 +23,8 @@ void FinishReleases(Places const& places, std::function<void(Mail const&, Proble
 // A retryer tries it at its next walk, whatever its own time and the pause of its destination.
 Problem Retry(Mail const& mail, Places const& places);
 
-Problem Delete(Mail const& mail);  // also a file that cannot be read
+// Also a file that cannot be read. With what the quarantine has goes the copy of a release that was cut off.
+Problem Delete(Mail const& mail, Places const& places);
 
 // The message, block by block, to the standard output.
 Problem WriteBody(Mail const& mail);

@@ -290,6 +290,17 @@ TEST_F(VeltQueue, DeletesAMailWhoseReleaseWasCutOffBeforeSomebodyDeliversIt) {
     EXPECT_TRUE(std::filesystem::is_empty(Deferred()) && std::filesystem::is_empty(Quarantine()));
 }
 
+// Nobody would ever finish what is left of it.
+TEST_F(VeltQueue, DeletesTheHeldCopyOfAReleaseThatWasCutOffAlsoByAFilter) {
+    HalveRelease("a1.q1");
+    EXPECT_EQ(Run("delete --older 1s"), 0) << m_error;
+    EXPECT_FALSE(IsDeferred("a1.q1") || IsHeld("a1.q1"));
+    HalveRelease("a1.q1");
+    Holder const worker(Deferred() + "a1.q1.rmd");
+    EXPECT_EQ(Run("delete --older 1s"), 1);
+    EXPECT_TRUE(IsDeferred("a1.q1") && IsHeld("a1.q1"));
+}
+
 TEST_F(VeltQueue, TellsOfAReleaseThatCannotBeFinishedYet) {
     HalveRelease("a1.q1");
     EXPECT_EQ(Run("release --all --dry-run"), 0);

@@ -114,7 +114,7 @@ private:
             case Command::Retry:
                 return change(mail, "to be tried", [&] { return Retry(mail, m_places); });
             case Command::Delete:
-                return change(mail, "deleted", [&] { return Delete(mail); });
+                return change(mail, "deleted", [&] { return Delete(mail, m_places); });
         }
     }
 
