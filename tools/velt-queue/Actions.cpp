@@ -97,7 +97,10 @@ Problem Release(Mail const& mail, Places const& places) {
     if (!file) return problem;
     if (mail.queue == Queue::Deferred) return ReleaseHere(*file, places);
     if (!MakeDeferred(places)) return Because(places.deferred.c_str());
-    if (!file->Note(Released(file->status()))) return Because("its file cannot be written");
+    smtp::RetryStatus status = Released(file->status());
+    // It was copied once, or was to be. The copy is not here any more: it may have been delivered.
+    status.unsure |= file->status().isHeld() && file->status().released;
+    if (!file->Note(status)) return Because("its file cannot be written");
     if (!file->Wake()) return Because("its time cannot be set");
     return smtp::MoveReleased(*file, places.deferred) ? "" : Because(kHalfWay);
 }

@@ -301,6 +301,18 @@ TEST_F(VeltQueue, DeletesTheHeldCopyOfAReleaseThatWasCutOffAlsoByAFilter) {
     EXPECT_TRUE(IsDeferred("a1.q1") && IsHeld("a1.q1"));
 }
 
+// As after the deferred directory was another one for a while.
+TEST_F(VeltQueue, CountsAsASecondCopyWhatIsReleasedAgainAfterItsCopyLeft) {
+    for (bool const before : {true, false}) {
+        if (before) HalveRelease("a1.q1");
+        if (!before) Hold("a1.q1");
+        if (before) std::filesystem::rename(Deferred() + "a1.q1.rmd", Quarantine() + "a1.q1.rmd");
+        EXPECT_EQ(Run("release a1.q1"), 0) << m_error;
+        EXPECT_EQ(StatusOf(Deferred() + "a1.q1.rmd").unsure, before);
+        std::filesystem::remove(Deferred() + "a1.q1.rmd");
+    }
+}
+
 TEST_F(VeltQueue, TellsOfAReleaseThatCannotBeFinishedYet) {
     HalveRelease("a1.q1");
     EXPECT_EQ(Run("release --all --dry-run"), 0);
