@@ -48,6 +48,12 @@ Mailbox ReadMailbox(std::string const& address) {
     return mailbox;
 }
 
+// A walk follows links. What one leads to is somebody else's to deliver, or would be by each.
+bool IsLink(std::string const& path) {
+    std::error_code ignored;
+    return std::filesystem::is_symlink(path, ignored);
+}
+
 bool IsStopping() { return VELT::ServiceLoop::shutdown; }
 
 // A time of the past, by the clock that a BackOff goes by.
@@ -139,6 +145,7 @@ void RetrySession::Work() {
     errno = 0;
     RetryFault const fault = m_file.Read();
     if (fault != RetryFault::None) return ReportDamaged(fault);
+    if (IsLink(m_file.path())) return ReportDamaged(RetryFault::MoreNames);
     Adopt();
     m_wasUnsure = m_file.status().unsure;
     m_wasTelling = m_file.status().telling;

@@ -407,6 +407,21 @@ class Retried(DeferredCase):
         cut.write_bytes(content)
         self.sink.wait_messages(2)
 
+    def test_link_to_a_file_is_reported_and_brings_its_mail_no_second_time(self):
+        self.begin()
+        self.provokes(DAMAGED)
+        self.expect(*NO_FILE, at_least=0)  # where the link leads to, after the delivery
+        self.keep(1)
+        file, = (self.directory / name for name in self.waiting())
+        link = self.directory / "0.rmd"
+        link.symlink_to(file.name)
+        self.back()
+        self.retryer()
+        self.wait_event(*DAMAGED)
+        harness.wait_until(lambda: not file.exists(), "the end of the file itself")
+        self.assertEqual(len(self.sink.messages), 1)
+        self.assertEqual({event["values"]["smtp_file"] for event in self.events(*DAMAGED)}, {str(link)})
+
     def test_two_retryers_of_one_directory_deliver_each_mail_once(self):
         self.begin()
         self.expect(*NO_FILE, at_least=0)  # the other one may have removed it since the walk saw it
