@@ -12,6 +12,7 @@
 #include <iterator>
 
 #include "BackOff.h"
+#include "Disk.h"
 #include "RetryFile.h"
 #include "SmtpCounters.h"
 #include "SmtpEvents.h"
@@ -138,7 +139,8 @@ void KeepRest(KeptFrom const& from, Message const& message, std::vector<Delivery
 bool KeepNotification(KeptFrom const& from, Message const& message, std::string const& text, std::string const& name,
                       bool unsure) {
     std::string const path = from.settings.keep.directory + name + kRetrySuffix;
-    if (::access(path.c_str(), F_OK) == 0) return true;
+    // Whoever wrote it may have ended before its name was on disk.
+    if (::access(path.c_str(), F_OK) == 0) return FlushDirectory(from.settings.keep.directory);
     RetryDraft draft;
     draft.name = name;
     draft.envelope = EnvelopeOf(from);
