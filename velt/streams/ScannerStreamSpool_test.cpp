@@ -231,14 +231,16 @@ TEST_F(SpoolCopies, AreTakenWholeHoweverTheyComeAndWhereverTheyLie) {
             ScriptedStream peer({"H\n" + Text(size).substr(0, cut), Text(size).substr(cut) + "NEXT\n"});
             EXPECT_EQ(peer.GetLine().text, "H");
             ASSERT_EQ(stream.take_from_stream(&peer, size), 0) << size << ' ' << cut;
+            EXPECT_EQ(stream.get_spool_file().empty(), size < kMemory) << "the last byte of the memory stays free";
             EXPECT_EQ(ReadAll(stream), Text(size)) << cut;
             EXPECT_EQ(peer.GetLine().text, "NEXT") << size << ' ' << cut;
-            EXPECT_EQ(stream.get_spool_file().empty(), size < kMemory);
         }
     }
 }
 
 TEST_F(SpoolCopies, GoOnWhereTheCursorStands) {
+    Put(stream, Text(kMemory - 1));  // which the memory goes on to hold
+    stream.reset();
     Put(stream, "abc");
     ScriptedStream peer({"DEF"});
     ASSERT_EQ(stream.take_from_stream(&peer, 3), 0);
@@ -247,6 +249,12 @@ TEST_F(SpoolCopies, GoOnWhereTheCursorStands) {
     ScriptedStream more({"x"});
     ASSERT_EQ(stream.take_from_stream(&more, 1), 0);
     EXPECT_EQ(ReadAll(stream), std::string("abcDEF\0\0x", 9)) << "a gap is of zero bytes";
+    stream.reset();
+    Put(stream, Text(200));
+    stream.seek(0, 0);
+    ScriptedStream over({"xyz"});
+    ASSERT_EQ(stream.take_from_stream(&over, 3), 0);
+    EXPECT_EQ(ReadAll(stream), "xyz" + Text(200).substr(3)) << "on disk";
 }
 
 TEST_F(SpoolCopies, ThatTheMemoryHasRoomForFailAsOthersDo) {
