@@ -116,6 +116,20 @@ std::string CleanName(std::string_view name) {
     return out;
 }
 
+// A path that stays below where it begins.
+std::string SafeSteps(std::string_view path) {
+    std::string out;
+    while (!path.empty()) {
+        std::size_t const slash = path.find('/');
+        auto const step = path.substr(0, slash);
+        path.remove_prefix(slash == std::string_view::npos ? path.size() : slash + 1);
+        if (step.empty() || step == "." || step == "..") continue;
+        if (!out.empty()) out.push_back('/');
+        out.append(step);
+    }
+    return out;
+}
+
 }  // namespace
 
 // What the library reads from. Its own code cannot pass exceptions on: they wait here.
@@ -269,20 +283,11 @@ std::string_view ArchiveReader::read() {
 }
 
 std::string SafeEntryName(std::string_view name) {
-    std::string const clean = CleanName(ToCleanUtf8(name));
-    std::string out;
-    for (std::string_view rest = clean; !rest.empty();) {
-        std::size_t const slash = rest.find('/');
-        auto const step = rest.substr(0, slash);
-        rest.remove_prefix(slash == std::string_view::npos ? rest.size() : slash + 1);
-        if (step.empty() || step == "." || step == "..") continue;
-        if (!out.empty()) out.push_back('/');
-        out.append(step);
-    }
-    if (out.size() <= kMaxName) return out;
-    std::size_t cut = out.size() - kMaxName;
-    while (cut < out.size() && (out[cut] & 0xC0) == 0x80) ++cut;  // not within a character
-    return out.substr(cut);
+    std::string const safe = SafeSteps(CleanName(ToCleanUtf8(name)));
+    if (safe.size() <= kMaxName) return safe;
+    std::size_t cut = safe.size() - kMaxName;
+    while (cut < safe.size() && (safe[cut] & 0xC0) == 0x80) ++cut;  // not within a character
+    return SafeSteps(std::string_view(safe).substr(cut));           // of "a..", what is left may lead upwards
 }
 
 }  // namespace policyloader

@@ -79,6 +79,6 @@ private:
 
 // A name from an archive as it may be shown, compared and stored: UTF-8, relative, without steps upward, without
 // control characters, and short. The end of a long name stays, as it tells the kind.
-std::string SafeEntryName(std::string_view name);
+std::string SafeEntryName(std::string_view name);  // itself where it is safe and short
 
 }  // namespace policyloader

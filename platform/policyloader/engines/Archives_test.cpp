@@ -273,6 +273,15 @@ TEST(EntryNames, AreMadeSafe) {
     EXPECT_EQ(cut, std::string(250, 'b') + ".exe");
     EXPECT_EQ(SafeEntryName(""), "");
     EXPECT_EQ(SafeEntryName("..//"), "");
+    EXPECT_EQ(SafeEntryName("a../" + std::string(252, 'b')), std::string(252, 'b'));
+    EXPECT_EQ(SafeEntryName("a/" + std::string(254, 'b')), std::string(254, 'b'));
+}
+
+TEST_F(Archives, NameWhatIsCompressedSafelyByTheFileItIsIn) {
+    for (auto const& [packed, plain] : {std::pair("...gz", ""), std::pair("a/.gz", "a"), std::pair("a.gz", "a")}) {
+        auto const virus = Compressed("gzip", TestVirus());
+        ExpectFound(MakeArchive("zip", {{packed, virus}}), plain);
+    }
 }
 
 TEST_F(Archives, ShowFilesThatTheyCallLinks) {

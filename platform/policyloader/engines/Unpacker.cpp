@@ -235,7 +235,7 @@ std::string Unpacker::stem() const {
     std::string const name = wide ? KORtk::Utf8Array(wide).str() : std::string();
     for (auto const& ending : kEndings)
         if (name.size() > ending.packed.size() && TextEnds(name, ending.packed))
-            return name.substr(0, name.size() - ending.packed.size()).append(ending.plain);
+            return SafeEntryName(name.substr(0, name.size() - ending.packed.size()).append(ending.plain));
     return name;
 }
 
