@@ -10,6 +10,7 @@ namespace scannerd {
 namespace {
 
 constexpr std::size_t kGather = 64 * 1024;  // bytes
+constexpr unsigned kAhead = 4 * 1024;       // bytes that are read at a time where a content may follow
 constexpr int kLookMs = 200;                // how often the stop flag is looked at
 
 int WaitReadable(int fd, int ms) {
@@ -63,12 +64,14 @@ bool Wire::Await() {
 }
 
 // More is asked for only while the block has not ended in what is here: a block of the size allowed is never refused.
+// What is read ahead of a content is copied once more, so of that there is little.
 int Wire::read(char* data, unsigned length, unsigned* received) {
     *received = 0;
     if (m_end != End::None) return Fail(m_end);
     if (m_taken >= m_allowance.mostBytes) return Fail(End::TooMuch);
     if (!Await()) return Fail(m_end);
-    if (int const error = m_peer.read(data, length, received)) {
+    unsigned const most = m_allowance.eachWait ? length : std::min(length, kAhead);
+    if (int const error = m_peer.read(data, most, received)) {
         Fail(error == ETIMEDOUT ? End::Silent : End::Broken);
         return error;
     }

@@ -48,6 +48,21 @@ TEST(Wire, TakesABlockOfTheSizeAllowedAndNoMore) {
     }
 }
 
+TEST(Wire, ReadsLittleAheadOfAContentAndTheContentAtOnce) {
+    ScriptedStream peer({"get scan\n" + std::string(100000, 'x')}, EndsWith::close, 65536);
+    Wire wire(peer, nullptr);
+    wire.Begin({200000, 60000, 60000});
+    EXPECT_EQ(NextLineOf(wire), "get scan");
+    char* ahead = nullptr;
+    int const held = wire.buffereddata(ahead);
+    EXPECT_LT(held, 4096);
+    wire.Begin({200000, 60000, 60000, true});
+    std::string rest(100000 - static_cast<std::size_t>(held), '\0');
+    unsigned got = 0;
+    EXPECT_EQ(wire.read(rest.data(), static_cast<unsigned>(rest.size()), &got), 0);
+    EXPECT_EQ(got, rest.size());
+}
+
 TEST(Wire, CountsWhatItHasReadAheadForTheNextBlock) {
     ScriptedStream peer({"one\ntwo", "three\n"});
     Wire wire(peer, nullptr);

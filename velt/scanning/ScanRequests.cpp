@@ -1,9 +1,12 @@
 #include <velt/scanning/ScanRequests.h>
 
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <cerrno>
 
 #include <velt/streams/ScannerStream.h>
+#include <velt/streams/TCPStream.h>
 
 namespace VELT::scan_requests {
 
@@ -64,12 +67,17 @@ private:
     unsigned m_left;
 };
 
+Body::Body(TCPStream& target)
+    : Body([&target](char const* data, unsigned length, bool more, unsigned* sent) {
+          return target.SendDataFlagged(data, length, more ? MSG_MORE : 0, sent);
+      }) {}
+
 int Body::read(char*, unsigned, unsigned*) { return EBADF; }
 
-int Body::SendNow(char const* data, unsigned length) {
+int Body::SendNow(char const* data, unsigned length, bool more) {
     while (!m_error && length > 0) {
         unsigned sent = 0;
-        m_error = m_target.write(data, std::min(length, kMostAtOnce), &sent);
+        m_error = m_send(data, std::min(length, kMostAtOnce), more, &sent);
         if (m_error < 0) m_error = errno;
         if (m_error == 0 && sent == 0) m_error = EIO;
         data += sent;
@@ -78,17 +86,23 @@ int Body::SendNow(char const* data, unsigned length) {
     return m_error;
 }
 
+int Body::Begin(std::string const& block) { return SendNow(block.data(), static_cast<unsigned>(block.size()), true); }
+
 int Body::Send() {
-    SendNow(m_gathered.data(), static_cast<unsigned>(m_gathered.size()));
+    SendNow(m_gathered.data(), static_cast<unsigned>(m_gathered.size()), false);
     m_gathered.clear();
     return m_error;
 }
 
 int Body::write(char const* data, unsigned length, unsigned* sent) {
     *sent = length;
-    if (length >= kGathered) return Send() ? m_error : SendNow(data, length);
-    m_gathered.append(data, length);
-    return m_gathered.size() >= kGathered ? Send() : m_error;
+    if (length < kGathered) {
+        m_gathered.append(data, length);
+        return m_gathered.size() >= kGathered ? Send() : m_error;
+    }
+    SendNow(m_gathered.data(), static_cast<unsigned>(m_gathered.size()), true);
+    m_gathered.clear();
+    return SendNow(data, length, false);
 }
 
 int Body::writev(unsigned count, unsigned* lengths, char const** buffers, unsigned* sent) {

@@ -5,8 +5,10 @@
 // nothing is EIO.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include <velt/Export.h>
 #include <velt/streams/BufferedStream.h>
@@ -14,6 +16,7 @@
 namespace VELT {
 
 class ScannerStream;
+class TCPStream;
 
 namespace scan_requests {
 
@@ -35,7 +38,12 @@ std::string ScanBlock(char const* identity, bool fallback, bool attributes);  //
 // Gathers what is written in pieces, so that it leaves in few packets.
 class VELT_API Body : public BufferedStream {
 public:
-    explicit Body(BufferedStream& target) : m_target(target) {}
+    // A write to the connection, as TCPStream::SendDataFlagged. `more`: the next one follows at once, in the same
+    // packet.
+    using Sending = std::function<int(char const* data, unsigned length, bool more, unsigned* sent)>;
+
+    explicit Body(Sending send) : m_send(std::move(send)) {}
+    explicit Body(TCPStream& target);
 
     int read(char* data, unsigned length, unsigned* received) override;  // EBADF: there is nothing to read
     int write(char const* data, unsigned length, unsigned* sent) override;
@@ -43,14 +51,15 @@ public:
 
     // Exactly `size` bytes of it from its start: more is left out, and fewer are EIO.
     int WriteContent(ScannerStream& content, unsigned size);
-    int Send();  // what has been gathered
+    int Begin(std::string const& block);  // a write of its own; a body follows in the same packet
+    int Send();                           // what has been gathered
 
 private:
     class Limited;
 
-    int SendNow(char const* data, unsigned length);
+    int SendNow(char const* data, unsigned length, bool more);
 
-    BufferedStream& m_target;
+    Sending const m_send;
     std::string m_gathered;
     int m_error = 0;
 };

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "testing/ScriptedStream.h"
@@ -14,29 +15,35 @@ using namespace VELT;
 namespace {
 
 // Takes so much of each write, as a socket does: nothing of 2 GiB and more, of which it says so by errno.
-class Socket : public BufferedStream {
+class Socket {
 public:
     explicit Socket(unsigned most) : m_most(most) {}
-    int read(char*, unsigned, unsigned* received) override { return *received = 0; }
-    int write(char const*, unsigned length, unsigned* sent) override {
+    virtual ~Socket() = default;
+    virtual int send(unsigned length, bool more, unsigned* sent) {
         calls.push_back(length);
+        held.emplace_back(length, more);
         errno = EMSGSIZE;
         if (length >= 0x7FFFFFFFu) return -1;
         *sent = std::min(length, m_most);
         taken += *sent;
         return 0;
     }
-    int writev(unsigned, unsigned*, char const**, unsigned*) override { return EBADF; }
 
     std::vector<unsigned> calls;
+    std::vector<std::pair<unsigned, bool>> held;  // the same, and whether more was to follow
     unsigned long taken = 0;
 
 private:
     unsigned m_most;
 };
 
+scan_requests::Body BodyFor(Socket& socket) {
+    return scan_requests::Body(
+        [&socket](char const*, unsigned length, bool more, unsigned* sent) { return socket.send(length, more, sent); });
+}
+
 int WriteBlock(Socket& socket, unsigned length) {
-    scan_requests::Body body(socket);
+    scan_requests::Body body = BodyFor(socket);
     unsigned sent = 0;
     char const few[16]{};  // what is larger goes out as it is, and the socket looks at nothing of it
     int const error = body.write(few, length, &sent);
@@ -70,11 +77,27 @@ TEST(RequestBody, FailsByTheErrnoOfAWriteThatNamesNone) {
     class Broken : public Socket {
     public:
         Broken() : Socket(0) {}
-        int write(char const*, unsigned, unsigned*) override {
+        int send(unsigned, bool, unsigned*) override {
             errno = ENOBUFS;
             return -1;
         }
     } broken;
     EXPECT_EQ(WriteBlock(broken, 100000), ENOBUFS);
     EXPECT_EQ(WriteBlock(broken, 10), ENOBUFS);
+}
+
+TEST(RequestBody, LeavesWithWhatComesBeforeIt) {
+    char const few[16]{};
+    for (unsigned const length : {10u, 100000u}) {
+        Socket socket(0xFFFFFFFFu);
+        scan_requests::Body body = BodyFor(socket);
+        unsigned sent = 0;
+        EXPECT_EQ(body.Begin("get setup_scan\n\n"), 0);
+        EXPECT_EQ(body.write(few, 16, &sent), 0);
+        EXPECT_EQ(body.write(few, length, &sent), 0);
+        EXPECT_EQ(body.Send(), 0);
+        using Calls = std::vector<std::pair<unsigned, bool>>;
+        EXPECT_EQ(socket.held,
+                  length == 10 ? (Calls{{16, true}, {26, false}}) : (Calls{{16, true}, {16, true}, {length, false}}));
+    }
 }

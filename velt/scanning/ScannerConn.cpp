@@ -197,8 +197,7 @@ int ScannerConn::SendScanRequest() {
     if (!scan_requests::IsOneLine(filename)) filename.clear();
     unsigned const size = context->data->size();
     scan_requests::Setup const setup{protocol, Clock::getTime(), size, context->policy.c_str(), filename};
-    if (!send_request(scan_requests::SetupBlock(setup))) return kFailed;
-    if (!send_content(filename, size)) return kFailed;
+    if (!send_setup(setup)) return kFailed;
     StreamRequest answer;
     return read_answer(answer) && is_ok_response(answer) ? 0 : kFailed;
 }
@@ -210,15 +209,12 @@ bool ScannerConn::send_request(std::string const& block) {
     return error == 0;
 }
 
-// Where no content follows, what becomes of the section shows when the answer is read.
-bool ScannerConn::send_content(std::string const& filename, unsigned size) {
+bool ScannerConn::send_setup(scan_requests::Setup const& setup) {
     scan_requests::Body body(*stream);
+    errno = 0;
+    body.Begin(scan_requests::SetupBlock(setup));
     SerializedEFabricResult::serialize(&body, "scan_properties", &context->properties);
-    int error = 0;
-    if (filename.empty())
-        error = body.WriteContent(*context->data, size);
-    else
-        body.Send();
+    int const error = setup.filename.empty() ? body.WriteContent(*context->data, setup.size) : body.Send();
     if (error != 0) report_failure(error);
     return error == 0;
 }

@@ -25,6 +25,10 @@ class SerializedEFabricResult;
 class StreamRequest;
 class TCPStream;
 
+namespace scan_requests {
+struct Setup;
+}
+
 class VELT_API ScannerConn : public Scanner {
 public:
     static ScannerConn* get(ScanContext* scanContext);  // never null; the caller owns it
@@ -55,7 +59,7 @@ private:
     int deliver();
     int SendScanRequest();
     bool send_request(std::string const& block);
-    bool send_content(std::string const& filename, unsigned size);
+    bool send_setup(scan_requests::Setup const& setup);
     bool read_answer(StreamRequest& answer);
     bool is_ok_response(StreamRequest const& answer);
     Outcome ask(unsigned index, bool fallback, StreamRequest& answer);
