@@ -74,10 +74,11 @@ std::optional<Number> ReadNumber(std::string const& text) {
     return error == std::errc() && stop == end ? std::optional(number) : std::nullopt;
 }
 
-// Engines hand an item over that they have not changed, too. The client has it already, and takes its own.
+// Some engines hand an item over that they have not changed, too. The client has it already, and takes its own.
 void KeepUnchanged(ScanOutput& output, std::uint64_t size) {
     bool const own = !output.output_in_input && output.output;
-    if (!own || output.result->IsModified() || output.output->size() != size) return;
+    if (!own || output.result->IsModified()) return;
+    if (output.output->size() != size && output.output->size() != 0) return;
     output.output_in_input = true;
     output.input_modified = false;
 }
@@ -202,6 +203,7 @@ Conversation::State Conversation::SetUp(StreamRequest const& request) {
         if (m_wire.end() != Wire::End::None) return Ended("in an item's properties");
         return Refuse(Trouble::RequestRefused, "a section of properties that cannot be read");
     }
+    m_context.properties.NewProperty("ES_CHANGED_OUTPUT_ONLY")->SetLong(1);  // the client has what is as it was
     m_data = std::make_unique<VELT::ScannerStream>(UUID::get(), false);
     m_context.data = m_data.get();
     m_context.connection = m_session;

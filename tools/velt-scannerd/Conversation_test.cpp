@@ -136,7 +136,7 @@ TEST_F(ConversationTest, RefusesANameThatThereIsNoRoomFor) {
 
 TEST_F(ConversationTest, AnswersAnItemInLine) {
     EXPECT_EQ(Answers(ItemOf("a mail") + "get scan\nidentity staff\n\n"),
-              std::string(kOk) + Head("0", '0', '0') + kVerdict + "\r\n");
+              std::string(kOk) + Head("0", '1', '0') + kVerdict + "\r\n");
     ASSERT_EQ(m_desk.asked.size(), 1u);
     EXPECT_EQ(m_desk.asked[0].policy, "content_in");
     EXPECT_EQ(m_desk.asked[0].identity, "staff");
@@ -201,16 +201,23 @@ TEST_F(ConversationTest, SendsTheContentAfterTheScan) {
     }
 }
 
-// For each identity it would cross the wire once more. What is said to be changed, or is of another size, crosses.
+// For each identity it would cross the wire once more. Nor do engines that can leave it out hand it over. What is said
+// to be changed, or is of another size, crosses.
 TEST_F(ConversationTest, SendsNoContentThatTheClientHas) {
     struct {
         char const *verdict, *after, *content;
         char inInput;
-    } const rows[] = {
-        {"\n", "a mail", "", '1'}, {"\n", "a mai", "a mai", '0'}, {"msr.modified sl 1\n\n", "a MAIL", "a MAIL", '0'}};
+    } const rows[] = {{"\n", "a mail", "", '1'},
+                      {"\n", "", "", '1'},
+                      {"\n", "a mai", "a mai", '0'},
+                      {"msr.modified sl 1\n\n", "", "", '0'},
+                      {"msr.modified sl 1\n\n", "a MAIL", "a MAIL", '0'}};
     for (auto const& row : rows) {
         m_desk.after = row.after;
-        m_desk.engine = [&](VELT::ScanContext&, VELT::ScanOutput& output) {
+        m_desk.engine = [&](VELT::ScanContext& context, VELT::ScanOutput& output) {
+            long wanted = 0;
+            EXPECT_TRUE(context.properties.GetProperty("ES_CHANGED_OUTPUT_ONLY")->GetLong(wanted));
+            EXPECT_EQ(wanted, 1);
             ScriptedStream text({row.verdict});
             static_cast<VELT::ScannerProcessScanOutput&>(output).setResult(
                 VELT::SerializedEFabricResult::deserialize(&text));
@@ -255,7 +262,7 @@ TEST_F(ConversationTest, ForgetsAnItemsPropertiesWithIt) {
     m_desk.engine = [&](VELT::ScanContext& context, VELT::ScanOutput&) { sizes.push_back(context.properties.Size()); };
     Answers(ItemOf("one", "", "scan_properties.N sl 1\n") + "get scan\n\nget stasis\n\nget wakeup\n\n" + ItemOf("two") +
             "get scan\n\n");
-    EXPECT_EQ(sizes, (std::vector<long>{1, 0}));
+    EXPECT_EQ(sizes, (std::vector<long>{2, 1})) << "one is the daemon's own";
 }
 
 // Over the wire the result of an agent that looks at nothing would read as a clean one.
@@ -280,14 +287,14 @@ protected:
 
 TEST_F(AttributesTest, AreAskedForOnceAScan) {
     std::string const given = "conattr.SENDER ss 1\n" + Wide("a") + "\r\n";
-    std::string const answer = Head("0", '0', '0') + kVerdict + "\r\n";
+    std::string const answer = Head("0", '1', '0') + kVerdict + "\r\n";
     EXPECT_EQ(Answers(ItemOf("a mail") + "get scan\nconnattr 1\n\n" + given + "get scan\nconnattr 1\n\n" + given),
               std::string(kOk) + "State Attributes\n\n" + answer + "State Attributes\n\n" + answer);
     EXPECT_STREQ(m_attributes.GetProperty("SENDER")->GetNarrow(), "a");
 }
 
 TEST_F(AttributesTest, AreNotAskedForWhereTheClientHasNone) {
-    EXPECT_EQ(Answers(ItemOf("a mail") + "get scan\n\n"), kOk + Head("0", '0', '0') + kVerdict + "\r\n");
+    EXPECT_EQ(Answers(ItemOf("a mail") + "get scan\n\n"), kOk + Head("0", '1', '0') + kVerdict + "\r\n");
     EXPECT_EQ(m_attributes.Size(), 0);
 }
 
@@ -318,7 +325,7 @@ TEST_F(NamedFileTest, IsScannedWhereItLies) {
     std::string const content(1000, 'y');
     std::string const path = File(content);
     EXPECT_EQ(Answers(Named(path, 1000) + "get scan\n\nget stasis\n\n"),
-              kOk + Head("0", '0', '0') + kVerdict + "\r\n" + kOk);
+              kOk + Head("0", '1', '0') + kVerdict + "\r\n" + kOk);
     ASSERT_EQ(m_desk.asked.size(), 1u);
     EXPECT_EQ(m_desk.asked[0].content, content);
     EXPECT_EQ(m_desk.steps[1], Step::FileTaken);
@@ -447,7 +454,7 @@ TEST_F(ConversationTest, GivesNoVerdictForWhatWasCut) {
     std::string const section = "scan_properties.NAME ss 3\n" + Wide("abc");
     std::string const setup = ItemOf("a mail", "", section);
     std::string const whole = setup + "get scan\nidentity staff\n\nget stasis\n\n";
-    std::string const answer = kOk + Head("0", '0', '0') + kVerdict + "\r\n";
+    std::string const answer = kOk + Head("0", '1', '0') + kVerdict + "\r\n";
     std::string const answered = setup + "get scan\nidentity staff\n\n";
     for (EndsWith const end : {EndsWith::close, EndsWith::reset, EndsWith::silence}) {
         for (std::size_t cut = 1; cut < whole.size(); ++cut) {
@@ -489,7 +496,7 @@ TEST_F(ConversationTest, ParksNobodyWhileTheProcessStops) {
     Wire wire(client, &stopping);
     Conversation conversation(wire, m_desk, m_settings, true, nullptr);
     conversation.Run();
-    EXPECT_EQ(client.written(), kOk + Head("0", '0', '0') + kVerdict + "\r\n") << "its item is scanned";
+    EXPECT_EQ(client.written(), kOk + Head("0", '1', '0') + kVerdict + "\r\n") << "its item is scanned";
     EXPECT_TRUE(m_desk.troubles.empty());
 }
 

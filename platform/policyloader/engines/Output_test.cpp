@@ -117,6 +117,22 @@ TEST_F(Outputs, AreWrittenIntoTheInputWhereNoneIsGiven) {
     EXPECT_FALSE(clean.in->modified);
 }
 
+TEST_F(Outputs, AreOnlyOfWhatChangesWhereTheHostKeepsTheRest) {
+    auto const scan = [this](std::string const& message, long only) {
+        auto in = std::make_unique<MemoryTransport>(message);
+        in->bag.NewProperty("ES_CHANGED_OUTPUT_ONLY")->SetLong(only);
+        return Scan(std::move(in));
+    };
+    auto const clean = WithAttachment("note.txt", "hello");
+    EXPECT_EQ(scan(clean, 1).out->bytes, "");
+    EXPECT_FALSE(scan(clean, 1).handler->IsModified());
+    EXPECT_EQ(scan(clean, 0).out->bytes, clean);
+    auto const made = scan(WithAttachment("eicar.com", TestVirus(), "Keep me."), 1);
+    EXPECT_TRUE(made.handler->IsModified());
+    EXPECT_NE(made.out->bytes.find("Keep me."), std::string::npos);
+    EXPECT_EQ(made.out->bytes.find(TestVirus()), std::string::npos);
+}
+
 TEST_F(Outputs, OfAReadOnlyInputAreRefusedInstead) {
     auto in = std::make_unique<MemoryTransport>(WithAttachment("eicar.com", TestVirus()));
     in->readOnly = true;

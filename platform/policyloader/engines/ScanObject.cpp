@@ -68,7 +68,7 @@ void ScanObject::produce(ScanPlan const& plan, eFabric::IStreamTransport* out) {
     if (out || !m_in.IsReadOnly()) builder.add(edits);
     if (builder.changes())
         builder.build(m_in, out);
-    else if (out)
+    else if (out && (replaces || !isSet("ES_CHANGED_OUTPUT_ONLY")))
         CopyObject(m_in, *out, m_state->buffer);
     m_results.setModified(builder.changes());
     if (replaces && !isClean(plan, out ? *out : m_in)) {
@@ -90,11 +90,13 @@ std::vector<TextEdit> ScanObject::additions() {
 }
 
 // The web's objects are not mail, whatever they look like.
-bool ScanObject::isMail() const {
+bool ScanObject::isMail() const { return !isSet("ES_CONTEXT_HTTP"); }
+
+bool ScanObject::isSet(char const* name) const {
     auto const* const bag = m_in.GetPropertyBag();
-    auto const* const web = bag ? bag->GetProperty("ES_CONTEXT_HTTP") : nullptr;
+    auto const* const property = bag ? bag->GetProperty(name) : nullptr;
     long value = 0;
-    return !web || !web->GetLong(value) || value == 0;
+    return property && property->GetLong(value) && value != 0;
 }
 
 // Looks at the new object as at any other: what asked for a replacement must be gone from it.

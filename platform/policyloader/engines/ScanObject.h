@@ -20,7 +20,8 @@ public:
     ScanObject(std::shared_ptr<ThreadState> state, eFabric::IStreamTransport& in, InternedString identity);
 
     void Release() override { delete this; }
-    // `out` null: what changes is rewritten in the input itself. `time` null or 0: the thread's time.
+    // `out` null: what changes is rewritten in the input itself; else it gets the object, with ES_CHANGED_OUTPUT_ONLY
+    // set in the properties of the input only one that changes. `time` null or 0: the thread's time.
     IScanResultHandler const* Scan(eFabric::IStreamTransport* out, ScanTime* time) override;
     // "Settings:<section>:<any text>": whether the section's engine is enabled.
     bool IsSettingOn(char const* setting, ScanTime* time) override;
@@ -35,6 +36,7 @@ private:
     bool isClean(ScanPlan const& plan, eFabric::IStreamTransport& made);
     std::vector<TextEdit> additions();
     bool isMail() const;
+    bool isSet(char const* name) const;  // of the object's properties
     bool isFallback() const;
     IKORPropertyBag const* substitutions() const;
     std::vector<Engine*> judges() const;  // all but the one that adds
