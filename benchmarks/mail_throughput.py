@@ -13,6 +13,8 @@ machine; the goals are printed beside them.
 """
 import base64
 import contextlib
+import html
+import io
 import json
 import os
 import pathlib
@@ -22,6 +24,7 @@ import statistics
 import subprocess
 import sys
 import time
+import zipfile
 
 import mail_filters
 import relays
@@ -50,14 +53,27 @@ def plain_text(size):
     return "\n".join(lines)[:size - 1] + "\n"
 
 
-def message(size, payload=None):
-    """A mail of about this size; from 64 KiB on with a base64 attachment of noise."""
+def document(size):
+    """An office document of about this size: a text of some pages, and a picture, which cannot be packed."""
+    made, text = io.BytesIO(), html.escape(plain_text(64 << 10))
+    with zipfile.ZipFile(made, "w", zipfile.ZIP_DEFLATED) as package:
+        package.writestr("[Content_Types].xml", '<?xml version="1.0"?><Types xmlns="http://schemas.openxmlformats.org/'
+                                                'package/2006/content-types"/>')
+        package.writestr("word/document.xml", f'<?xml version="1.0"?><w:document><w:body>{text}</w:body></w:document>')
+        package.writestr("word/media/image1.jpeg", b"\xff\xd8\xff\xe0\0\x10JFIF\0\1"
+                         + random.Random(1).randbytes(size - len(made.getvalue()) - 512), zipfile.ZIP_STORED)
+    return made.getvalue()
+
+
+def message(size, payload=None, name="f.bin"):
+    """A mail of about this size; from 64 KiB on with a base64 attachment, of noise where nothing else is given."""
     head = "From: a@alpha.test\nTo: b@beta.test\nSubject: load\nMIME-Version: 1.0\n"
     if size < 64 << 10 and payload is None:
         return head + "Content-Type: text/plain\n\n" + plain_text(size - len(head) - 26)
     raw = payload or random.Random(1).randbytes(size * 57 // 78)
     return (head + 'Content-Type: multipart/mixed; boundary="b0"\n\n--b0\nContent-Type: text/plain\n\nSee below.\n'
-            '--b0\nContent-Type: application/octet-stream; name="f.bin"\nContent-Transfer-Encoding: base64\n\n'
+            '--b0\nContent-Type: application/octet-stream; name="' + name
+            + '"\nContent-Transfer-Encoding: base64\n\n'
             + base64.encodebytes(raw).decode() + "--b0--\n")
 
 
