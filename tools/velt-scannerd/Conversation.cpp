@@ -33,6 +33,10 @@ constexpr unsigned kRestMs = 2000;                     // and for how long
 constexpr unsigned kFirstRestMs = 200;                 // until it says something more
 constexpr int kGraceMs = 1000;                         // for the first request of a client, when the process stops
 
+// The properties by which the engines are told that the client has the item, and say that they left it out.
+constexpr char kChangedOnly[] = "ES_CHANGED_OUTPUT_ONLY";
+constexpr char kLeftOut[] = "ES_OUTPUT_LEFT_OUT";
+
 constexpr char const* kNoRoomForName = "more names of policies and identities than a process keeps";
 
 // A plain output is a scan agent's of tests: it owns neither its result nor its content.
@@ -74,11 +78,12 @@ std::optional<Number> ReadNumber(std::string const& text) {
     return error == std::errc() && stop == end ? std::optional(number) : std::nullopt;
 }
 
-// Some engines hand an item over that they have not changed, too. The client has it already, and takes its own.
-void KeepUnchanged(ScanOutput& output, std::uint64_t size) {
+// Some engines hand an item over that they have not changed, too. The client has it already, and takes its own. An
+// output that is empty for no stated reason is what it is.
+void KeepUnchanged(ScanOutput& output, std::uint64_t size, bool leftOut) {
     bool const own = !output.output_in_input && output.output;
     if (!own || output.result->IsModified()) return;
-    if (output.output->size() != size && output.output->size() != 0) return;
+    if (output.output->size() != (leftOut ? 0 : size)) return;
     output.output_in_input = true;
     output.input_modified = false;
 }
@@ -203,7 +208,7 @@ Conversation::State Conversation::SetUp(StreamRequest const& request) {
         if (m_wire.end() != Wire::End::None) return Ended("in an item's properties");
         return Refuse(Trouble::RequestRefused, "a section of properties that cannot be read");
     }
-    m_context.properties.NewProperty("ES_CHANGED_OUTPUT_ONLY")->SetLong(1);  // the client has what is as it was
+    m_context.properties.NewProperty(kChangedOnly)->SetLong(1);
     m_data = std::make_unique<VELT::ScannerStream>(UUID::get(), false);
     m_context.data = m_data.get();
     m_context.connection = m_session;
@@ -257,6 +262,7 @@ int Conversation::RunScan(bool fallback, ScanOutput*& output) {
         m_context.connection_attributes = new VELT::ScanConnectionAttributes(m_session);
         m_attributesGiven = true;
     }
+    m_context.properties.DeleteProperty(kLeftOut);
     ++m_itemScans;
     m_desk.Note(Step::ScanAsked);
     int const result = m_desk.Scan(m_context, fallback, output);
@@ -286,7 +292,7 @@ Conversation::State Conversation::ScanFailed(char const* why) {
 
 // Writes gather in the wire; what cannot go shows at the end of it.
 Conversation::State Conversation::Answer(ScanOutput& output) {
-    KeepUnchanged(output, m_size);
+    KeepUnchanged(output, m_size, m_context.properties.GetProperty(kLeftOut) != nullptr);
     VELT::ScannerStream* const content = ContentOf(output);
     std::string const head = HeadOf(output, content);
     unsigned sent = 0;

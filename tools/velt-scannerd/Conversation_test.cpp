@@ -136,7 +136,7 @@ TEST_F(ConversationTest, RefusesANameThatThereIsNoRoomFor) {
 
 TEST_F(ConversationTest, AnswersAnItemInLine) {
     EXPECT_EQ(Answers(ItemOf("a mail") + "get scan\nidentity staff\n\n"),
-              std::string(kOk) + Head("0", '1', '0') + kVerdict + "\r\n");
+              std::string(kOk) + Head("0", '0', '0') + kVerdict + "\r\n");
     ASSERT_EQ(m_desk.asked.size(), 1u);
     EXPECT_EQ(m_desk.asked[0].policy, "content_in");
     EXPECT_EQ(m_desk.asked[0].identity, "staff");
@@ -201,30 +201,33 @@ TEST_F(ConversationTest, SendsTheContentAfterTheScan) {
     }
 }
 
-// For each identity it would cross the wire once more. Nor do engines that can leave it out hand it over. What is said
-// to be changed, or is of another size, crosses.
+// For each identity it would cross the wire once more, so that engines that can do so do not even hand it over. What is
+// said to be changed, or is of another size, crosses.
 TEST_F(ConversationTest, SendsNoContentThatTheClientHas) {
     struct {
         char const *verdict, *after, *content;
+        bool leftOut;
         char inInput;
-    } const rows[] = {{"\n", "a mail", "", '1'},
-                      {"\n", "", "", '1'},
-                      {"\n", "a mai", "a mai", '0'},
-                      {"msr.modified sl 1\n\n", "", "", '0'},
-                      {"msr.modified sl 1\n\n", "a MAIL", "a MAIL", '0'}};
+    } const rows[] = {{"\n", "a mail", "", false, '1'},
+                      {"\n", "", "", true, '1'},
+                      {"\n", "", "", false, '0'},
+                      {"\n", "a mail", "a mail", true, '0'},
+                      {"\n", "a mai", "a mai", false, '0'},
+                      {"msr.modified sl 1\n\n", "", "", true, '0'},
+                      {"msr.modified sl 1\n\n", "a MAIL", "a MAIL", false, '0'}};
     for (auto const& row : rows) {
         m_desk.after = row.after;
         m_desk.engine = [&](VELT::ScanContext& context, VELT::ScanOutput& output) {
-            long wanted = 0;
-            EXPECT_TRUE(context.properties.GetProperty("ES_CHANGED_OUTPUT_ONLY")->GetLong(wanted));
-            EXPECT_EQ(wanted, 1);
+            EXPECT_TRUE(context.properties.GetProperty("ES_CHANGED_OUTPUT_ONLY"));
+            EXPECT_FALSE(context.properties.GetProperty("ES_OUTPUT_LEFT_OUT"));
+            if (row.leftOut) context.properties.NewProperty("ES_OUTPUT_LEFT_OUT")->SetLong(1);
             ScriptedStream text({row.verdict});
             static_cast<VELT::ScannerProcessScanOutput&>(output).setResult(
                 VELT::SerializedEFabricResult::deserialize(&text));
         };
-        std::string const answer = Answers(ItemOf("a mail") + "get scan\n\n");
-        EXPECT_TRUE(answer.starts_with(kOk + Head(std::to_string(std::strlen(row.content)), row.inInput, '0')))
-            << answer;
+        std::string const answer = Answers(ItemOf("a mail") + "get scan\n\nget scan\n\n");
+        std::string const first = kOk + Head(std::to_string(std::strlen(row.content)), row.inInput, '0');
+        EXPECT_TRUE(answer.starts_with(first)) << answer;
         EXPECT_TRUE(answer.ends_with(std::string("\n\r\n") + row.content)) << answer;
     }
 }
@@ -287,14 +290,14 @@ protected:
 
 TEST_F(AttributesTest, AreAskedForOnceAScan) {
     std::string const given = "conattr.SENDER ss 1\n" + Wide("a") + "\r\n";
-    std::string const answer = Head("0", '1', '0') + kVerdict + "\r\n";
+    std::string const answer = Head("0", '0', '0') + kVerdict + "\r\n";
     EXPECT_EQ(Answers(ItemOf("a mail") + "get scan\nconnattr 1\n\n" + given + "get scan\nconnattr 1\n\n" + given),
               std::string(kOk) + "State Attributes\n\n" + answer + "State Attributes\n\n" + answer);
     EXPECT_STREQ(m_attributes.GetProperty("SENDER")->GetNarrow(), "a");
 }
 
 TEST_F(AttributesTest, AreNotAskedForWhereTheClientHasNone) {
-    EXPECT_EQ(Answers(ItemOf("a mail") + "get scan\n\n"), kOk + Head("0", '1', '0') + kVerdict + "\r\n");
+    EXPECT_EQ(Answers(ItemOf("a mail") + "get scan\n\n"), kOk + Head("0", '0', '0') + kVerdict + "\r\n");
     EXPECT_EQ(m_attributes.Size(), 0);
 }
 
@@ -325,7 +328,7 @@ TEST_F(NamedFileTest, IsScannedWhereItLies) {
     std::string const content(1000, 'y');
     std::string const path = File(content);
     EXPECT_EQ(Answers(Named(path, 1000) + "get scan\n\nget stasis\n\n"),
-              kOk + Head("0", '1', '0') + kVerdict + "\r\n" + kOk);
+              kOk + Head("0", '0', '0') + kVerdict + "\r\n" + kOk);
     ASSERT_EQ(m_desk.asked.size(), 1u);
     EXPECT_EQ(m_desk.asked[0].content, content);
     EXPECT_EQ(m_desk.steps[1], Step::FileTaken);
@@ -454,7 +457,7 @@ TEST_F(ConversationTest, GivesNoVerdictForWhatWasCut) {
     std::string const section = "scan_properties.NAME ss 3\n" + Wide("abc");
     std::string const setup = ItemOf("a mail", "", section);
     std::string const whole = setup + "get scan\nidentity staff\n\nget stasis\n\n";
-    std::string const answer = kOk + Head("0", '1', '0') + kVerdict + "\r\n";
+    std::string const answer = kOk + Head("0", '0', '0') + kVerdict + "\r\n";
     std::string const answered = setup + "get scan\nidentity staff\n\n";
     for (EndsWith const end : {EndsWith::close, EndsWith::reset, EndsWith::silence}) {
         for (std::size_t cut = 1; cut < whole.size(); ++cut) {
@@ -496,7 +499,7 @@ TEST_F(ConversationTest, ParksNobodyWhileTheProcessStops) {
     Wire wire(client, &stopping);
     Conversation conversation(wire, m_desk, m_settings, true, nullptr);
     conversation.Run();
-    EXPECT_EQ(client.written(), kOk + Head("0", '1', '0') + kVerdict + "\r\n") << "its item is scanned";
+    EXPECT_EQ(client.written(), kOk + Head("0", '0', '0') + kVerdict + "\r\n") << "its item is scanned";
     EXPECT_TRUE(m_desk.troubles.empty());
 }
 

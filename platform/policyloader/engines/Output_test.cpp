@@ -124,11 +124,15 @@ TEST_F(Outputs, AreOnlyOfWhatChangesWhereTheHostKeepsTheRest) {
         return Scan(std::move(in));
     };
     auto const clean = WithAttachment("note.txt", "hello");
-    EXPECT_EQ(scan(clean, 1).out->bytes, "");
-    EXPECT_FALSE(scan(clean, 1).handler->IsModified());
-    EXPECT_EQ(scan(clean, 0).out->bytes, clean);
+    for (long const only : {0, 1}) {
+        auto const kept = scan(clean, only);
+        EXPECT_EQ(kept.out->bytes, only ? "" : clean);
+        EXPECT_EQ(kept.in->bag.GetProperty("ES_OUTPUT_LEFT_OUT") != nullptr, only == 1);
+        EXPECT_FALSE(kept.handler->IsModified());
+    }
     auto const made = scan(WithAttachment("eicar.com", TestVirus(), "Keep me."), 1);
     EXPECT_TRUE(made.handler->IsModified());
+    EXPECT_EQ(made.in->bag.GetProperty("ES_OUTPUT_LEFT_OUT"), nullptr);
     EXPECT_NE(made.out->bytes.find("Keep me."), std::string::npos);
     EXPECT_EQ(made.out->bytes.find(TestVirus()), std::string::npos);
 }

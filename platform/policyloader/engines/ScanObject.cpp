@@ -68,7 +68,9 @@ void ScanObject::produce(ScanPlan const& plan, eFabric::IStreamTransport* out) {
     if (out || !m_in.IsReadOnly()) builder.add(edits);
     if (builder.changes())
         builder.build(m_in, out);
-    else if (out && (replaces || !isSet("ES_CHANGED_OUTPUT_ONLY")))
+    else if (out && !replaces && isSet("ES_CHANGED_OUTPUT_ONLY"))
+        m_in.GetPropertyBag()->NewProperty("ES_OUTPUT_LEFT_OUT")->SetLong(1);
+    else if (out)
         CopyObject(m_in, *out, m_state->buffer);
     m_results.setModified(builder.changes());
     if (replaces && !isClean(plan, out ? *out : m_in)) {

@@ -20,8 +20,9 @@ public:
     ScanObject(std::shared_ptr<ThreadState> state, eFabric::IStreamTransport& in, InternedString identity);
 
     void Release() override { delete this; }
-    // `out` null: what changes is rewritten in the input itself; else it gets the object, with ES_CHANGED_OUTPUT_ONLY
-    // set in the properties of the input only one that changes. `time` null or 0: the thread's time.
+    // `out` null: what changes is rewritten in the input itself; else it gets the object. Where the input's properties
+    // have ES_CHANGED_OUTPUT_ONLY it gets none that stays as it is, and they have ES_OUTPUT_LEFT_OUT then.
+    // `time` null or 0: the thread's time.
     IScanResultHandler const* Scan(eFabric::IStreamTransport* out, ScanTime* time) override;
     // "Settings:<section>:<any text>": whether the section's engine is enabled.
     bool IsSettingOn(char const* setting, ScanTime* time) override;
