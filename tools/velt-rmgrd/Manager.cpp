@@ -16,8 +16,9 @@
 #include <cstring>
 #include <random>
 #include <system_error>
-#include <thread>
 #include <utility>
+
+#include "Now.h"
 
 namespace rmgrd {
 
@@ -69,10 +70,10 @@ std::string Printable(char const* text, std::size_t most) {
 
 Manager::Manager(ManagerSettings settings, Probing probe, Telling tell)
     : m_settings(std::move(settings)),
-      m_probe(std::move(probe)),
       m_tell(std::move(tell)),
       m_mostClients(MostClients()),
-      m_farm(m_settings.slowStart, Random, FirstSequence()) {
+      m_farm(m_settings.slowStart, Random, FirstSequence()),
+      m_prober(std::move(probe), m_settings.probeInterval, [this] { Wake(); }) {
     m_event = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (m_event < 0) Fail("eventfd");
     try {
@@ -84,15 +85,11 @@ Manager::Manager(ManagerSettings settings, Probing probe, Telling tell)
 }
 
 Manager::~Manager() {
-    while (!EndProbes(kLongestWait)) continue;
+    while (!EndProbes(kLongestWait)) continue;  // they wake the loop
     for (auto const& client : m_clients) ::close(client->fd);
     ::close(m_listener);
     ::unlink(m_settings.socketPath.c_str());
     ::close(m_event);
-}
-
-double Manager::Now() {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 // Of two managers on one path the one that listens stays.
@@ -129,16 +126,11 @@ void Manager::Wake() {
 void Manager::Stop() {
     std::lock_guard const hold(m_lock);
     m_ending = true;
-    m_changed.notify_all();
+    m_prober.BeginToEnd();
     Wake();
 }
 
-bool Manager::EndProbes(int seconds) {
-    std::unique_lock hold(m_lock);
-    m_ending = true;
-    m_changed.notify_all();
-    return m_changed.wait_for(hold, std::chrono::seconds(seconds), [this] { return m_threads == 0; });
-}
+bool Manager::EndProbes(int seconds) { return m_prober.End(seconds); }
 
 void Manager::SetServers(std::vector<ServerFacts> servers) {
     std::lock_guard const hold(m_lock);
@@ -155,8 +147,8 @@ void Manager::Run() {
             if (m_ending) return;
         }
         TakeServers();
-        RetryProbing();
-        TakeFindings();
+        m_prober.Retry(Now());
+        for (Finding const& finding : m_prober.TakeFindings()) TakeFinding(finding);
         ServeWaiters();
         Sweep();
         Poll();
@@ -164,12 +156,10 @@ void Manager::Run() {
 }
 
 int Manager::NextTimeoutMs() const {
-    double next = kLongestWait;
     double const now = Now();
+    double next = std::min<double>(kLongestWait, m_prober.NextRetry() - now);
     for (auto const& client : m_clients)
         if (client->waits) next = std::min(next, client->until - now);
-    for (auto const& [resource, probed] : m_probed)
-        if (probed.retry > 0) next = std::min(next, probed.retry - now);
     return static_cast<int>(std::ceil(std::max(next, 0.0) * 1000));
 }
 
@@ -384,41 +374,15 @@ void Manager::ServeWaiters() {
 int Manager::AddServer(ServerFacts const& facts, bool fromFile) {
     int const resource = m_farm.Add(facts);
     m_probed[resource] = {facts, fromFile};
-    StartProbing(resource);
+    m_prober.Start(resource, facts);
     return resource;
 }
 
-// Without a thread it is tried again when the next look would be due.
-void Manager::StartProbing(int resource) {
-    Probed& probed = m_probed.at(resource);
-    std::lock_guard const hold(m_lock);
-    try {
-        std::thread([this, resource, facts = probed.facts] { ProbeForEver(resource, facts); }).detach();
-        m_probing.insert(resource);
-        ++m_threads;
-        probed.retry = 0;
-    } catch (std::system_error const& failure) {
-        probed.retry = Now() + m_settings.probeInterval;
-        m_findings.push_back({resource, "cannot be probed, as no thread can be started"});
-    }
-}
-
-void Manager::RetryProbing() {
-    double const now = Now();
-    for (auto const& [resource, probed] : m_probed)
-        if (probed.retry > 0 && probed.retry <= now) StartProbing(resource);
-}
-
-// Its thread may be in the middle of a probe, which takes what it takes.
 void Manager::RemoveServer(int resource) {
     auto const found = m_probed.find(resource);
     if (found == m_probed.end()) return;
     m_tell("server " + found->second.facts.name + " at " + PlaceOf(found->second.facts) + " has gone");
-    {
-        std::lock_guard const hold(m_lock);
-        m_probing.erase(resource);
-        m_changed.notify_all();
-    }
+    m_prober.Stop(resource);
     m_probed.erase(found);
     m_farm.Remove(resource);
     HangUpOn(resource);
@@ -427,29 +391,6 @@ void Manager::RemoveServer(int resource) {
 void Manager::HangUpOn(int resource) {
     for (auto const& client : m_clients)
         if (client->role == Client::Role::Resource && client->resource == resource) End(*client);
-}
-
-void Manager::ProbeForEver(int resource, ServerFacts facts) {
-    for (;;) {
-        std::string problem = m_probe(facts);
-        std::unique_lock hold(m_lock);
-        m_findings.push_back({resource, std::move(problem)});
-        Wake();
-        auto const isOver = [&] { return m_ending || !m_probing.contains(resource); };
-        if (!m_changed.wait_for(hold, std::chrono::seconds(m_settings.probeInterval), isOver)) continue;
-        --m_threads;
-        m_changed.notify_all();
-        return;
-    }
-}
-
-void Manager::TakeFindings() {
-    std::deque<Finding> findings;
-    {
-        std::lock_guard const hold(m_lock);
-        findings.swap(m_findings);
-    }
-    for (Finding const& finding : findings) TakeFinding(finding);
 }
 
 void Manager::TakeFinding(Finding const& finding) {

@@ -7,17 +7,15 @@
 
 #include <velt/scanning/RSMgrWire.h>
 
-#include <condition_variable>
-#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <vector>
 
 #include "Farm.h"
+#include "Prober.h"
 
 namespace rmgrd {
 
@@ -30,8 +28,6 @@ struct ManagerSettings {
 
 class Manager {
 public:
-    // Empty: the server is fit to work. Called on many threads at once.
-    using Probing = std::function<std::string(ServerFacts const&)>;
     using Telling = std::function<void(std::string const&)>;  // a line for the operator
 
     Manager(ManagerSettings settings, Probing probe, Telling tell);
@@ -56,19 +52,13 @@ private:
         double until = 0;  // of the wait
         bool ended = false;
     };
-    // A server whose probes run on a thread of its own, one after the other.
+    // A server that is looked at.
     struct Probed {
         ServerFacts facts;
         bool fromFile;
         bool known = false;  // a first answer came
-        double retry = 0;    // no thread could be started: when the next try is due
-    };
-    struct Finding {
-        int resource;
-        std::string problem;
     };
 
-    static double Now();
     void Listen();
     void Accept();
     bool MakeRoom();
@@ -91,17 +81,12 @@ private:
 
     int AddServer(ServerFacts const& facts, bool fromFile);
     void RemoveServer(int resource);
-    void StartProbing(int resource);
-    void RetryProbing();
-    void ProbeForEver(int resource, ServerFacts facts);
-    void TakeFindings();
     void TakeFinding(Finding const& finding);
     void TakeServers();
     void HangUpOn(int resource);
     void Wake();
 
     ManagerSettings const m_settings;
-    Probing const m_probe;
     Telling const m_tell;
     std::size_t const m_mostClients;
     int m_listener = -1;
@@ -114,12 +99,10 @@ private:
     std::map<int, Probed> m_probed;                  // by resource
     std::vector<std::unique_ptr<Client>> m_clients;  // in the order in which they came
 
+    Prober m_prober;
+
     std::mutex m_lock;  // guards all below
-    std::condition_variable m_changed;
-    std::deque<Finding> m_findings;
-    std::set<int> m_probing;  // resources whose thread goes on
     std::unique_ptr<std::vector<ServerFacts>> m_newServers;
-    int m_threads = 0;  // of probes that have not ended
     bool m_ending = false;
 };
 
