@@ -156,11 +156,8 @@ void Manager::Run() {
 }
 
 int Manager::NextTimeoutMs() const {
-    double const now = Now();
-    double next = std::min<double>(kLongestWait, m_prober.NextRetry() - now);
-    for (auto const& client : m_clients)
-        if (client->waits) next = std::min(next, client->until - now);
-    return static_cast<int>(std::ceil(std::max(next, 0.0) * 1000));
+    double const next = std::min(m_firstEnd, m_prober.NextRetry()) - Now();
+    return static_cast<int>(std::ceil(std::clamp<double>(next, 0, kLongestWait) * 1000));
 }
 
 void Manager::Poll() {
@@ -221,7 +218,7 @@ void Manager::Sweep() {
 void Manager::End(Client& client) {
     if (client.ended) return;
     client.ended = true;
-    client.waits = false;
+    if (client.waits) StopWaiting(client);
     ::shutdown(client.fd, SHUT_RDWR);
     if (client.occupies) m_farm.Leave(client.occupies);
     client.occupies = 0;
@@ -290,13 +287,17 @@ bool Manager::Open(Client& client, int resource) {
     return true;
 }
 
-// One that waits anew has left what it had. Who asks for nothing else need not open anything first.
+// One that waits anew has left what it had. Who asks for nothing else need not open anything first. A search that waits
+// step by step keeps its turn.
 bool Manager::Wait(Client& client, int seconds) {
     client.role = Client::Role::Waiter;
+    if (client.occupies || client.turn == 0) client.turn = ++m_lastTurn;
     if (client.occupies) m_farm.Leave(client.occupies);
     client.occupies = 0;
     client.waits = true;
     client.until = Now() + std::clamp(seconds, 0, kLongestWait);
+    m_firstEnd = std::min(m_firstEnd, client.until);
+    m_waiters.emplace_hint(m_waiters.end(), client.turn, &client);
     return true;
 }
 
@@ -350,21 +351,37 @@ void Manager::Offer(Client& client, int resource) {
     answer.values[1] = m_farm.sequence();
     answer.values[2] = static_cast<std::int32_t>(facts.address.sin_addr.s_addr);
     answer.values[3] = facts.address.sin_port;
-    client.waits = false;
+    StopWaiting(client);
     client.occupies = resource;
     Send(client, answer);
 }
 
-// First come, first served.
+void Manager::StopWaiting(Client& client) {
+    client.waits = false;
+    m_waiters.erase(client.turn);
+}
+
+// First come, first served. One that has gone meanwhile leaves what it was offered to the next.
 void Manager::ServeWaiters() {
     double const now = Now();
-    for (auto const& client : m_clients) {
-        if (!client->waits) continue;
-        if (int const resource = m_farm.Occupy(now)) {
-            Offer(*client, resource);
-        } else if (client->until <= now) {
-            client->waits = false;
-            Answer(*client, -1, EAGAIN);
+    while (!m_waiters.empty()) {
+        int const resource = m_farm.Occupy(now);
+        if (!resource) break;
+        Offer(*m_waiters.begin()->second, resource);
+    }
+    if (m_waiters.empty()) m_firstEnd = kNever;
+    if (m_firstEnd <= now) EndWaits(now);
+}
+
+void Manager::EndWaits(double now) {
+    m_firstEnd = kNever;
+    for (auto next = m_waiters.begin(); next != m_waiters.end();) {
+        Client& client = *next++->second;
+        if (client.until > now) {
+            m_firstEnd = std::min(m_firstEnd, client.until);
+        } else {
+            StopWaiting(client);
+            Answer(client, -1, EAGAIN);
         }
     }
 }

@@ -7,7 +7,9 @@
 
 #include <velt/scanning/RSMgrWire.h>
 
+#include <cstdint>
 #include <functional>
+#include <limits>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -41,6 +43,8 @@ public:
     void SetServers(std::vector<ServerFacts> servers);  // those of the file; any thread. Others than before go or come
 
 private:
+    static constexpr double kNever = std::numeric_limits<double>::max();
+
     // What one connection is.
     struct Client {
         int fd;
@@ -48,6 +52,7 @@ private:
         int resource = 0;  // Resource: which; Control: announced, and gone with this connection
         int sequence = 0;  // Resource: of the list when it was opened
         int occupies = 0;
+        std::uint64_t turn = 0;  // among those who wait, and from one wait to the next until it was given a server
         bool waits = false;
         double until = 0;  // of the wait
         bool ended = false;
@@ -74,7 +79,9 @@ private:
     bool TellName(Client& client);
     bool TellSettings(Client& client);
     void Offer(Client& client, int resource);
+    void StopWaiting(Client& client);
     void ServeWaiters();
+    void EndWaits(double now);
     int NextTimeoutMs() const;
     void Poll();
     void Sweep();
@@ -99,6 +106,9 @@ private:
     std::map<int, Probed> m_probed;                  // by resource
     std::vector<std::unique_ptr<Client>> m_clients;  // in the order in which they came
 
+    std::map<std::uint64_t, Client*> m_waiters;  // by their turn
+    std::uint64_t m_lastTurn = 0;
+    double m_firstEnd = kNever;  // of all waits; or earlier, where whose it was has gone
     Prober m_prober;
 
     std::mutex m_lock;  // guards all below

@@ -122,6 +122,22 @@ protected:
         question.values[0] = value;
         EXPECT_EQ(::send(fd.get(), &question, sizeof question, MSG_NOSIGNAL), static_cast<ssize_t>(sizeof question));
     }
+    Fd Waiting(int seconds) const {
+        Fd fd = Raw();
+        Ask(fd, manager::kWait, seconds);
+        return fd;
+    }
+    // Of a wait: all zero where none comes.
+    static manager::Answer Answered(Fd const& fd) {
+        manager::Answer answer{};
+        Eventually([&] { return ::recv(fd.get(), &answer, sizeof answer, MSG_DONTWAIT) == sizeof answer; });
+        return answer;
+    }
+    static bool RunsOut(Fd const& fd) { return Answered(fd).error == EAGAIN; }
+    static bool IsSilent(Fd const& fd) {
+        char byte;
+        return ::recv(fd.get(), &byte, 1, MSG_DONTWAIT | MSG_PEEK) < 0 && errno == EAGAIN;
+    }
     static bool IsHungUp(Fd const& fd) {
         char rest[64];
         return Eventually([&] { return ::recv(fd.get(), rest, sizeof rest, MSG_DONTWAIT) == 0; });
@@ -180,10 +196,6 @@ protected:
         manager::Answer answer;
         answered = ::recv(fd.get(), &answer, sizeof answer, 0) == sizeof answer;
         return fd;
-    }
-    static bool IsOpen(Fd const& fd) {
-        char byte;
-        return ::recv(fd.get(), &byte, 1, MSG_DONTWAIT) < 0 && errno == EAGAIN;
     }
     bool IsToldOnce(std::string const& what) {
         std::lock_guard const hold(lock);
@@ -331,6 +343,50 @@ TEST_F(ManagerOccupation, GoesToNobodyWhoLeftInTheSameMoment) {
         gone.Close();
     }
     EXPECT_EQ(Wait(second), 1);
+}
+
+TEST_F(ManagerOccupation, IsGivenInTheirOrderToThoseWhoGoOnWaiting) {
+    Start({Facts("a", 1)});
+    EXPECT_EQ(Wait(first), 1);
+    std::vector<Fd> waiting;
+    for (int const seconds : {60, 60, 0, 60, 60}) waiting.push_back(Waiting(seconds));
+    EXPECT_TRUE(RunsOut(waiting[2])) << "its time alone is over";
+    waiting.erase(waiting.begin() + 1, waiting.begin() + 3);
+    EXPECT_TRUE(RSMgrActive()) << "what was said before has been heard by now";
+    RSMgrFreeResource(first);
+    for (std::size_t next = 0; next < waiting.size(); ++next) {
+        EXPECT_EQ(Answered(waiting[next]).result, 1) << next;
+        for (std::size_t later = next + 1; later < waiting.size(); ++later) EXPECT_TRUE(IsSilent(waiting[later]));
+        waiting[next].Close();
+    }
+    EXPECT_EQ(Wait(second), 1);
+}
+
+// A session waits in steps of a second.
+TEST_F(ManagerOccupation, IsGivenFirstToWhoHasWaitedLongestInHoweverManySteps) {
+    Start({Facts("a", 1)});
+    EXPECT_EQ(Wait(first), 1);
+    Fd const early = Waiting(0);
+    EXPECT_TRUE(RunsOut(early));
+    Fd const late = Waiting(60);
+    Ask(early, manager::kWait, 60);
+    EXPECT_TRUE(RSMgrActive()) << "both have been heard by now";
+    RSMgrFreeResource(first);
+    EXPECT_EQ(Answered(early).result, 1);
+    EXPECT_TRUE(IsSilent(late));
+    Ask(early, manager::kWait, 60);
+    EXPECT_EQ(Answered(late).result, 1);
+    EXPECT_TRUE(IsSilent(early)) << "one that had a server waits behind the others";
+}
+
+TEST_F(ManagerOccupation, RunsOutForEachInItsOwnTime) {
+    Start();
+    Fd const longest = Waiting(60), second = Waiting(1), third = Waiting(2), gone = Waiting(1);
+    ::shutdown(gone.get(), SHUT_RDWR);
+    EXPECT_TRUE(RunsOut(second));
+    EXPECT_TRUE(IsSilent(third));
+    EXPECT_TRUE(RunsOut(third));
+    EXPECT_TRUE(IsSilent(longest));
 }
 
 TEST_F(ManagerOccupation, IsLeftByAnotherWait) {
@@ -624,10 +680,10 @@ TEST_F(ManagerThatIsFull, EndsTheOldestHandleOfAnEarlierList) {
     EXPECT_TRUE(IsTold("b", "is up"));
     EXPECT_GT(Wait(first), 0);
     EXPECT_TRUE(IsHungUp(old[0]));
-    EXPECT_TRUE(IsOpen(old[1]));
+    EXPECT_TRUE(IsSilent(old[1]));
     EXPECT_GT(Wait(second), 0);
     EXPECT_TRUE(IsHungUp(old[1]));
-    EXPECT_TRUE(IsOpen(old[2]));
+    EXPECT_TRUE(IsSilent(old[2]));
 }
 
 TEST_F(ManagerThatIsFull, RefusesWhoComesWhereAllAreOfThisList) {
@@ -635,7 +691,7 @@ TEST_F(ManagerThatIsFull, RefusesWhoComesWhereAllAreOfThisList) {
     for (int i = 0; i < kRoom; ++i) now.push_back(Resource());
     for (int i = 0; i < 3; ++i) EXPECT_EQ(WaitAnew(first), -1);
     EXPECT_TRUE(IsToldOnce("too many connections"));
-    for (Fd const& fd : now) EXPECT_TRUE(IsOpen(fd));
+    for (Fd const& fd : now) EXPECT_TRUE(IsSilent(fd));
     now.pop_back();
     EXPECT_TRUE(Eventually([&] { return WaitAnew(first) == 1; }));
 }
