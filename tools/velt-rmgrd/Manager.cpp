@@ -1,12 +1,6 @@
 #include "Manager.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,7 +9,6 @@
 #include <cmath>
 #include <cstring>
 #include <random>
-#include <system_error>
 #include <utility>
 
 #include "Now.h"
@@ -26,14 +19,8 @@ using VELT::manager::Question;
 
 namespace {
 
-constexpr std::size_t kMostClients = 8192;
-constexpr std::size_t kOtherDescriptors = 600;  // of probes, and what a process has anyhow
 constexpr std::size_t kMostServers = 512;
-constexpr int kBacklog = 512;
-constexpr int kAcceptPauseMs = 100;
 constexpr int kLongestWait = 24 * 60 * 60;
-
-[[noreturn]] void Fail(std::string const& what) { throw std::system_error(errno, std::generic_category(), what); }
 
 unsigned Random(unsigned below) {
     static std::minstd_rand engine(static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count()));
@@ -51,13 +38,6 @@ bool MayAnnounce(int fd) {
     return peer.uid == 0 || peer.uid == ::geteuid();
 }
 
-std::size_t MostClients() {
-    rlimit limit{};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return kMostClients;
-    std::size_t const room = std::min<std::size_t>(limit.rlim_cur, kMostClients + kOtherDescriptors);
-    return room > 2 * kOtherDescriptors ? room - kOtherDescriptors : room / 2;
-}
-
 // What another process calls itself, as one word for the operator.
 std::string Printable(char const* text, std::size_t most) {
     std::string name(text, ::strnlen(text, most));
@@ -71,63 +51,15 @@ std::string Printable(char const* text, std::size_t most) {
 Manager::Manager(ManagerSettings settings, Probing probe, Telling tell)
     : m_settings(std::move(settings)),
       m_tell(std::move(tell)),
-      m_mostClients(MostClients()),
+      m_connections(m_settings.socketPath, *this),
       m_farm(m_settings.slowStart, Random, FirstSequence()),
-      m_prober(std::move(probe), m_settings.probeInterval, [this] { Wake(); }) {
-    m_event = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (m_event < 0) Fail("eventfd");
-    try {
-        Listen();
-    } catch (...) {
-        ::close(m_event);
-        throw;
-    }
-}
-
-Manager::~Manager() {
-    while (!EndProbes(kLongestWait)) continue;  // they wake the loop
-    for (auto const& client : m_clients) ::close(client->fd);
-    ::close(m_listener);
-    ::unlink(m_settings.socketPath.c_str());
-    ::close(m_event);
-}
-
-// Of two managers on one path the one that listens stays.
-void Manager::Listen() {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::string const& path = m_settings.socketPath;
-    errno = ENAMETOOLONG;
-    if (path.size() >= sizeof address.sun_path) Fail(path);
-    std::memcpy(address.sun_path, path.c_str(), path.size());
-    auto* const generic = reinterpret_cast<sockaddr*>(&address);
-    m_listener = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (m_listener < 0) Fail("socket");
-    if (::connect(m_listener, generic, sizeof address) == 0) {
-        ::close(m_listener);
-        errno = EADDRINUSE;
-        Fail(path);
-    }
-    ::unlink(path.c_str());
-    if (::bind(m_listener, generic, sizeof address) == 0 && ::chmod(path.c_str(), 0660) == 0 &&
-        ::listen(m_listener, kBacklog) == 0)
-        return;
-    int const error = errno;
-    ::close(m_listener);
-    errno = error;
-    Fail(path);
-}
-
-void Manager::Wake() {
-    std::uint64_t const one = 1;
-    [[maybe_unused]] ssize_t const written = ::write(m_event, &one, sizeof one);
-}
+      m_prober(std::move(probe), m_settings.probeInterval, [this] { m_connections.Wake(); }) {}
 
 void Manager::Stop() {
     std::lock_guard const hold(m_lock);
     m_ending = true;
     m_prober.BeginToEnd();
-    Wake();
+    m_connections.Wake();
 }
 
 bool Manager::EndProbes(int seconds) { return m_prober.End(seconds); }
@@ -135,7 +67,7 @@ bool Manager::EndProbes(int seconds) { return m_prober.End(seconds); }
 void Manager::SetServers(std::vector<ServerFacts> servers) {
     std::lock_guard const hold(m_lock);
     m_newServers = std::make_unique<std::vector<ServerFacts>>(std::move(servers));
-    Wake();
+    m_connections.Wake();
 }
 
 // --- the loop ---
@@ -150,8 +82,7 @@ void Manager::Run() {
         m_prober.Retry(Now());
         for (Finding const& finding : m_prober.TakeFindings()) TakeFinding(finding);
         ServeWaiters();
-        Sweep();
-        Poll();
+        m_connections.Turn(NextTimeoutMs());
     }
 }
 
@@ -160,90 +91,13 @@ int Manager::NextTimeoutMs() const {
     return static_cast<int>(std::ceil(std::clamp<double>(next, 0, kLongestWait) * 1000));
 }
 
-void Manager::Poll() {
-    // Where the system has no descriptor to spare, the queue is left alone for a moment.
-    short const accepting = m_acceptFailed ? 0 : POLLIN;
-    int const timeoutMs = m_acceptFailed ? std::min(NextTimeoutMs(), kAcceptPauseMs) : NextTimeoutMs();
-    m_acceptFailed = false;
-    std::vector<pollfd> watched{{m_event, POLLIN, 0}, {m_listener, accepting, 0}};
-    for (auto const& client : m_clients) watched.push_back({client->fd, POLLIN, 0});
-    if (::poll(watched.data(), watched.size(), timeoutMs) <= 0) return;
-    std::uint64_t count;
-    if (watched[0].revents) [[maybe_unused]]
-        ssize_t const drained = ::read(m_event, &count, sizeof count);
-    for (std::size_t i = 2; i < watched.size(); ++i)
-        if (watched[i].revents) Read(*m_clients[i - 2]);
-    if (watched[1].revents) Accept();
-}
-
-void Manager::Accept() {
-    int fd;
-    while ((fd = ::accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK)) >= 0) {
-        if (!MakeRoom()) {
-            ::close(fd);
-            continue;
-        }
-        m_clients.push_back(std::make_unique<Client>());
-        m_clients.back()->fd = fd;
-        Read(*m_clients.back());  // mostly it has asked already
-    }
-    m_acceptFailed = errno != EAGAIN;
-}
-
-// A process keeps a handle for each server of each list that it has seen, and closes none itself: at the limit the
-// oldest one of an earlier list ends, which tells its process to open the server's connections anew.
-bool Manager::MakeRoom() {
-    bool const wasFull = std::exchange(m_full, false);
-    if (m_clients.size() >= m_mostClients) Sweep();
-    if (m_clients.size() < m_mostClients) return true;
-    auto const old = std::find_if(m_clients.begin(), m_clients.end(), [this](auto const& client) {
-        return client->role == Client::Role::Resource && client->sequence != m_farm.sequence();
-    });
-    m_full = old == m_clients.end();
-    if (m_full && !wasFull) m_tell("too many connections: who comes now is refused");
-    if (m_full) return false;
-    End(**old);
-    Sweep();
-    return true;
-}
-
-void Manager::Sweep() {
-    std::erase_if(m_clients, [](auto const& client) {
-        if (client->ended) ::close(client->fd);
-        return client->ended;
-    });
-}
-
-// Nothing more is said; the descriptor goes with the sweep.
-void Manager::End(Client& client) {
-    if (client.ended) return;
-    client.ended = true;
-    if (client.waits) StopWaiting(client);
-    ::shutdown(client.fd, SHUT_RDWR);
-    if (client.occupies) m_farm.Leave(client.occupies);
-    client.occupies = 0;
-    if (client.role == Client::Role::Control && client.resource) RemoveServer(client.resource);
-}
-
 // --- questions ---
-
-void Manager::Read(Client& client) {
-    if (client.ended) return;
-    Question question;
-    ssize_t const count = ::recv(client.fd, &question, sizeof question, MSG_DONTWAIT | MSG_TRUNC);
-    if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
-    if (count != sizeof question || !Take(client, question)) End(client);
-}
-
-void Manager::Send(Client& client, VELT::manager::Answer const& answer) {
-    if (::send(client.fd, &answer, sizeof answer, MSG_NOSIGNAL | MSG_DONTWAIT) != sizeof answer) End(client);
-}
 
 void Manager::Answer(Client& client, int result, int error) {
     VELT::manager::Answer answer{};
     answer.result = result;
     answer.error = error;
-    Send(client, answer);
+    m_connections.Send(client, answer);
 }
 
 // Who is told nothing yet says nothing, so a question during a wait does not fit either.
@@ -306,14 +160,14 @@ bool Manager::TellName(Client& client) {
     auto const found = m_farm.servers().find(client.resource);
     if (found == m_farm.servers().end()) return false;
     std::strncpy(answer.name, found->second.facts.name.c_str(), sizeof answer.name - 1);
-    Send(client, answer);
+    m_connections.Send(client, answer);
     return true;
 }
 
 bool Manager::TellSettings(Client& client) {
     VELT::manager::Answer answer{};
     std::copy(std::begin(m_settings.connections), std::end(m_settings.connections), answer.values);
-    Send(client, answer);
+    m_connections.Send(client, answer);
     return true;
 }
 
@@ -341,6 +195,23 @@ bool Manager::Willing(Client& client, bool willing) {
     return true;
 }
 
+// --- the end of a connection ---
+
+void Manager::Leave(Client& client) {
+    if (client.waits) StopWaiting(client);
+    if (client.occupies) m_farm.Leave(client.occupies);
+    client.occupies = 0;
+    if (client.role == Client::Role::Control && client.resource) RemoveServer(client.resource);
+}
+
+// A process keeps a handle for each server of each list that it has seen, and closes none itself: at the limit the
+// oldest one of an earlier list ends, which tells its process to open the server's connections anew.
+bool Manager::MayGo(Client const& client) {
+    return client.role == Client::Role::Resource && client.sequence != m_farm.sequence();
+}
+
+void Manager::Refused() { m_tell("too many connections: who comes now is refused"); }
+
 // --- waiters ---
 
 void Manager::Offer(Client& client, int resource) {
@@ -353,7 +224,7 @@ void Manager::Offer(Client& client, int resource) {
     answer.values[3] = facts.address.sin_port;
     StopWaiting(client);
     client.occupies = resource;
-    Send(client, answer);
+    m_connections.Send(client, answer);
 }
 
 void Manager::StopWaiting(Client& client) {
@@ -406,8 +277,9 @@ void Manager::RemoveServer(int resource) {
 }
 
 void Manager::HangUpOn(int resource) {
-    for (auto const& client : m_clients)
-        if (client->role == Client::Role::Resource && client->resource == resource) End(*client);
+    m_connections.EndAll([resource](Client const& client) {
+        return client.role == Client::Role::Resource && client.resource == resource;
+    });
 }
 
 void Manager::TakeFinding(Finding const& finding) {

@@ -1,5 +1,5 @@
-// Manager: the resource manager's socket and all who are connected to it. One connection is one handle: it occupies a
-// server, stands for one, or asks; its end is the end of what it held.
+// Manager: answers those who are connected to the resource manager's socket. One connection is one handle: it occupies
+// a server, stands for one, or asks; its end is the end of what it held.
 // Owner: main, or a test. Thread: Run's; Stop may be called by any, and the probes run on threads of their own.
 // Units: seconds. Failure: the constructor throws std::system_error where the socket cannot be had; a client that says
 // anything else than the page tells (docs/formats/resource-manager.md) loses its connection.
@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "Connections.h"
 #include "Farm.h"
 #include "Prober.h"
 
@@ -28,12 +29,11 @@ struct ManagerSettings {
     int probeInterval = 10;
 };
 
-class Manager {
+class Manager final : private Connections::Host {
 public:
     using Telling = std::function<void(std::string const&)>;  // a line for the operator
 
     Manager(ManagerSettings settings, Probing probe, Telling tell);
-    ~Manager();
     Manager(Manager const&) = delete;
     Manager& operator=(Manager const&) = delete;
 
@@ -45,18 +45,6 @@ public:
 private:
     static constexpr double kNever = std::numeric_limits<double>::max();
 
-    // What one connection is.
-    struct Client {
-        int fd;
-        enum class Role { Fresh, Control, Waiter, Resource } role = Role::Fresh;
-        int resource = 0;  // Resource: which; Control: announced, and gone with this connection
-        int sequence = 0;  // Resource: of the list when it was opened
-        int occupies = 0;
-        std::uint64_t turn = 0;  // among those who wait, and from one wait to the next until it was given a server
-        bool waits = false;
-        double until = 0;  // of the wait
-        bool ended = false;
-    };
     // A server that is looked at.
     struct Probed {
         ServerFacts facts;
@@ -64,14 +52,13 @@ private:
         bool known = false;  // a first answer came
     };
 
-    void Listen();
-    void Accept();
-    bool MakeRoom();
-    void Read(Client& client);
+    // What the clients say and what becomes of them.
+    bool Take(Client& client, VELT::manager::Question const& question) override;
+    void Leave(Client& client) override;
+    bool MayGo(Client const& client) override;
+    void Refused() override;
+
     void Answer(Client& client, int result, int error = 0);
-    void Send(Client& client, VELT::manager::Answer const& answer);
-    void End(Client& client);
-    bool Take(Client& client, VELT::manager::Question const& question);  // false: it does not fit
     bool Open(Client& client, int resource);
     bool Wait(Client& client, int seconds);
     bool Announce(Client& client, VELT::manager::Question const& question);
@@ -83,33 +70,24 @@ private:
     void ServeWaiters();
     void EndWaits(double now);
     int NextTimeoutMs() const;
-    void Poll();
-    void Sweep();
 
     int AddServer(ServerFacts const& facts, bool fromFile);
     void RemoveServer(int resource);
     void TakeFinding(Finding const& finding);
     void TakeServers();
     void HangUpOn(int resource);
-    void Wake();
 
     ManagerSettings const m_settings;
     Telling const m_tell;
-    std::size_t const m_mostClients;
-    int m_listener = -1;
-    bool m_acceptFailed = false;
-    bool m_full = false;  // the last who came found no room
-    int m_event = -1;     // written to by other threads
 
     // Of Run's thread.
+    Connections m_connections;
     Farm m_farm;
-    std::map<int, Probed> m_probed;                  // by resource
-    std::vector<std::unique_ptr<Client>> m_clients;  // in the order in which they came
-
+    std::map<int, Probed> m_probed;              // by resource
     std::map<std::uint64_t, Client*> m_waiters;  // by their turn
     std::uint64_t m_lastTurn = 0;
     double m_firstEnd = kNever;  // of all waits; or earlier, where whose it was has gone
-    Prober m_prober;
+    Prober m_prober;             // whose threads wake the connections
 
     std::mutex m_lock;  // guards all below
     std::unique_ptr<std::vector<ServerFacts>> m_newServers;

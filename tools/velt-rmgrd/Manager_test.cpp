@@ -696,6 +696,28 @@ TEST_F(ManagerThatIsFull, RefusesWhoComesWhereAllAreOfThisList) {
     EXPECT_TRUE(Eventually([&] { return WaitAnew(first) == 1; }));
 }
 
+// A process keeps a handle for each server of each list that it has seen.
+TEST_F(ManagerSocket, ServesASearchBesideThousandsWhoSayNothing) {
+    constexpr std::size_t kSilent = 2000;
+    rlimit before{};
+    ::getrlimit(RLIMIT_NOFILE, &before);
+    rlimit const high{3 * kSilent, before.rlim_max};
+    if (::setrlimit(RLIMIT_NOFILE, &high) != 0) GTEST_SKIP() << "so many descriptors are not to be had";
+    Start({Facts("a")});
+    std::vector<Fd> silent;
+    while (silent.size() < kSilent) {
+        silent.push_back(Raw());
+        Ask(silent.back(), manager::kOpen, 1);
+        EXPECT_EQ(Answered(silent.back()).result, 0);
+    }
+    for (int i = 0; i < 20; ++i) EXPECT_EQ(WaitAnew(first), 1);
+    EXPECT_TRUE(std::all_of(silent.begin(), silent.end(), IsSilent)) << "they are still connected";
+    managing->SetServers({});
+    EXPECT_TRUE(std::all_of(silent.begin(), silent.end(), IsHungUp)) << "and all learn that their server has gone";
+    silent.clear();
+    ::setrlimit(RLIMIT_NOFILE, &before);
+}
+
 // A manager that accepts and says nothing is given up, and its late answer is not taken for another's.
 TEST_F(ManagerSocket, ThatHangsIsGivenUp) {
     Fd const hung(::socket(AF_UNIX, SOCK_SEQPACKET, 0));
