@@ -59,7 +59,7 @@ private:
             if (m_nested) m_nested->finish();
             // Blank lines in front of the first part count only where text follows them in the same piece.
             m_walk.m_told +=
-                m_content.substr(std::min(m_content.find_first_not_of(" \t\r\n"), m_content.size())) + "\n--\n";
+                m_content.substr(std::min(m_content.find_first_not_of(" \t\r\n\f\v"), m_content.size())) + "\n--\n";
         }
 
     private:
