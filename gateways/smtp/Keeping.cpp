@@ -57,9 +57,13 @@ void ReportKept(KeptFrom const& from, RetryDraft const& draft) {
 // All of them or none.
 bool Store(KeptFrom const& from, std::vector<RetryDraft> const& drafts) {
     errno = 0;
-    bool const stored = StoreRetryFiles(from.settings.keep.directory, drafts);
+    int left = 0;
+    bool const stored = StoreRetryFiles(from.settings.keep.directory, drafts, &left);
     std::string const why = stored ? "" : std::strerror(errno);
-    for (RetryDraft const& draft : drafts) stored ? ReportKept(from, draft) : ReportNotStored(from, draft, why);
+    for (RetryDraft const& draft : drafts) {
+        stored ? ReportKept(from, draft) : ReportNotStored(from, draft, why);
+        if (left) ReportNotUndone(from, from.settings.keep.directory + draft.name + kRetrySuffix, left);
+    }
     return stored;
 }
 
@@ -125,6 +129,13 @@ RetryEnvelope EnvelopeOf(KeptFrom const& from) {
     envelope.taken = std::time(nullptr);
     envelope.inbound = from.inbound;
     return envelope;
+}
+
+void ReportNotUndone(KeptFrom const& from, std::string const& path, int error) {
+    from.session.Note(events::UNDO_FAILED, [&](KORlog::InfoBag& bag) {
+        bag |= names::FILE(path);
+        bag |= names::FINDING(std::string(std::strerror(error)));
+    });
 }
 
 void KeepRest(KeptFrom const& from, Message const& message, std::vector<Delivery::Group> const& groups,

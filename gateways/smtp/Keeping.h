@@ -1,5 +1,6 @@
 // What cannot be delivered now is kept in files of the deferred directory, from which a retryer takes it.
-// Thread: the session's. Failure: false, and an event that says why; nothing is then kept.
+// Thread: the session's. Failure: false, and an event that says why; nothing is then kept, or another event says that
+// something may be.
 #pragma once
 
 #include <string>
@@ -37,6 +38,9 @@ bool KeepNotification(KeptFrom const& from, Message const& message, std::string 
 
 // What a file says of the session and the time; sender, recipients and content are the caller's.
 RetryEnvelope EnvelopeOf(KeptFrom const& from);
+
+// Of a file that was not kept, and cannot be taken back: somebody may deliver it all the same.
+void ReportNotUndone(KeptFrom const& from, std::string const& path, int error);
 
 std::string EnginesText();  // the versions of this process's engines
 inline constexpr char const* kServersJudge = "remote";

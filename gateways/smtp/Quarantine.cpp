@@ -22,6 +22,7 @@ bool Quarantine::Keep(Message const& message, std::vector<Verdict> const& verdic
     errno = 0;
     if (!drafts.empty() && !m_files.Store(drafts)) {
         ReportFailed(std::strerror(errno));
+        if (m_files.left()) ReportNotUndone(m_from, path(), m_files.left());
         return false;
     }
     for (std::size_t i = 0; i < drafts.size(); ++i) {
@@ -71,8 +72,14 @@ RetryDraft Quarantine::DraftOf(Message const& message, Group const& group) const
 
 // What is left is what the client sends a second time.
 void Quarantine::Undo() {
-    if (!m_files.Undo()) ReportFailed(std::strerror(errno));
+    if (m_files.Undo()) return;
+    int const error = errno;
+    ++Count().storesFailed;
+    ReportNotUndone(m_from, path(), error);
 }
+
+// As events show it; the files of the message have a number each besides.
+std::string Quarantine::path() const { return m_from.settings.keep.quarantine + m_name + kRetrySuffix; }
 
 void Quarantine::Report(Verdict const& verdict, RetryDraft const& draft) const {
     std::vector<std::string> addresses;
@@ -90,7 +97,7 @@ void Quarantine::Report(Verdict const& verdict, RetryDraft const& draft) const {
 void Quarantine::ReportFailed(std::string const& why) const {
     ++Count().storesFailed;
     m_from.session.Note(events::STORE_FAILED, [&](KORlog::InfoBag& bag) {
-        bag |= names::FILE(m_from.settings.keep.quarantine + m_name + kRetrySuffix);
+        bag |= names::FILE(path());
         bag |= names::FINDING(why);
     });
 }

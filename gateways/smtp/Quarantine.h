@@ -37,6 +37,7 @@ private:
     RetryDraft DraftOf(Message const& message, Group const& group) const;
     void Report(Verdict const& verdict, RetryDraft const& draft) const;
     void ReportFailed(std::string const& why) const;
+    std::string path() const;
 
     KeptFrom const m_from;
     std::string const m_name;

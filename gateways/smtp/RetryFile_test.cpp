@@ -566,6 +566,36 @@ TEST_F(RetryFiles, ThatCanNeitherBeUndoneNorWrittenToAreToldOf) {
     EXPECT_TRUE(fs::exists(Path()));
 }
 
+// From one call on all fail, or that one alone.
+TEST_F(RetryFiles, ThatAreNotStoredAndMayBeTakenAllTheSameAreToldOf) {
+    Content content;
+    content.text = m_message;
+    for (bool const forGood : {true, false}) {
+        bool stored = false;
+        int taken = 0;
+        for (int n = 1; !stored; ++n) {
+            for (auto const& entry : fs::directory_iterator(m_directory)) fs::remove(entry);
+            Calls::made = 0;
+            Calls::failing = n;
+            Calls::last = [forGood] { Calls::failing += forGood; };
+            Calls::watched = true;
+            int left = -1;
+            stored = StoreRetryFiles(m_directory, {{"a1", m_envelope, m_status, content}}, &left);
+            Calls::watched = false;
+            bool const isTaken = !stored && fs::exists(Path());
+            taken += isTaken;
+            if (!forGood || stored) {
+                EXPECT_EQ(left, 0) << n;
+            }
+            if (isTaken) {
+                EXPECT_EQ(left, EIO) << n;
+            }
+            ASSERT_LT(n, 1000);
+        }
+        EXPECT_EQ(taken != 0, forGood);
+    }
+}
+
 TEST_F(RetryFiles, AreNotThereWhereTheirWriterHasTooFewDescriptors) {
     Content content;
     content.text = m_message;

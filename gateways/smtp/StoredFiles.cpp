@@ -66,7 +66,7 @@ bool StoredFiles::Store(std::vector<RetryDraft> const& drafts) {
     m_stored = written && Name(drafts) && FlushDirectory(m_directory);
     if (m_stored) return true;
     int const error = errno;
-    Undo();
+    if (!Undo()) m_left = errno;
     errno = error;
     return false;
 }
@@ -120,8 +120,11 @@ void StoredFiles::LetGo() {
     m_files.clear();
 }
 
-bool StoreRetryFiles(std::string const& directory, std::vector<RetryDraft> const& drafts) {
-    return StoredFiles(directory).Store(drafts);
+bool StoreRetryFiles(std::string const& directory, std::vector<RetryDraft> const& drafts, int* left) {
+    StoredFiles files(directory);
+    bool const stored = files.Store(drafts);
+    if (left) *left = files.left();
+    return stored;
 }
 
 }  // namespace smtp

@@ -29,8 +29,11 @@ public:
     StoredFiles(StoredFiles const&) = delete;
     StoredFiles& operator=(StoredFiles const&) = delete;
 
-    // Once. True: all are there after whatever happens to the machine. False: none is there.
+    // Once. True: all are there after whatever happens to the machine. False: none is there, unless left() says so.
     bool Store(std::vector<RetryDraft> const& drafts);
+
+    // The errno because of which what was not stored could not be undone: somebody may take it. 0: nobody can.
+    int left() const { return m_left; }
 
     // As if they had never been, after whatever happens to the machine. One that cannot be removed says that nobody
     // waits for it. False: nor could that be written.
@@ -53,9 +56,10 @@ private:
     std::vector<File> m_files;
     bool m_named = false;   // some of them may have the name that a walk takes
     bool m_stored = false;  // all of them are there
+    int m_left = 0;
 };
 
-// For files that their writer has done with once they are there.
-bool StoreRetryFiles(std::string const& directory, std::vector<RetryDraft> const& drafts);
+// For files that their writer has done with once they are there. `left`: as StoredFiles says of it.
+bool StoreRetryFiles(std::string const& directory, std::vector<RetryDraft> const& drafts, int* left = nullptr);
 
 }  // namespace smtp
