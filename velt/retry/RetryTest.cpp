@@ -1,6 +1,9 @@
 #include <velt/retry/RetryTest.h>
 
 #include <fcntl.h>
+#include <pthread.h>
+
+#include <cerrno>
 
 extern "C" {
 std::time_t __real_time(std::time_t* out);
@@ -11,6 +14,10 @@ int __real_poll(pollfd* watched, nfds_t count, int timeoutMs);
 int __wrap_poll(pollfd* watched, nfds_t count, int timeoutMs);
 int __real_lockf(int fd, int command, off_t length);
 int __wrap_lockf(int fd, int command, off_t length);
+int __real_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex);
+int __wrap_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex);
+int __real_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, timespec const* end);
+int __wrap_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, timespec const* end);
 int __real_nanosleep(timespec const* length, timespec* left);
 int __wrap_nanosleep(timespec const* length, timespec* left);
 dirent* __real_readdir(DIR* listing);
@@ -39,6 +46,20 @@ int __wrap_poll(pollfd* watched, nfds_t count, int timeoutMs) {
 int __wrap_lockf(int fd, int command, off_t length) {
     if (velt_testing::RetryHooks::beforeLock) velt_testing::RetryHooks::beforeLock();
     return __real_lockf(fd, command, length);
+}
+
+int __wrap_pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
+    ++velt_testing::RetryHooks::waiting;
+    return __real_pthread_cond_wait(condition, mutex);
+}
+
+int __wrap_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, timespec const* end) {
+    auto const& deafWait = velt_testing::RetryHooks::deafWait;
+    if (!deafWait) return __real_pthread_cond_timedwait(condition, mutex, end);
+    ::pthread_mutex_unlock(mutex);
+    deafWait();
+    ::pthread_mutex_lock(mutex);
+    return ETIMEDOUT;
 }
 
 int __wrap_nanosleep(timespec const* length, timespec* left) {
@@ -99,6 +120,7 @@ RetryFixture::~RetryFixture() {
     VELT::RetryerServiceLoop::setRetryerFactory(nullptr);
     RetryHooks::poll = nullptr;
     RetryHooks::beforeLock = nullptr;
+    RetryHooks::deafWait = nullptr;
     RetryHooks::monotonicMs = 0;
     RetryHooks::readingFails = false;
     s_run = nullptr;

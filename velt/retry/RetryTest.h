@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -32,8 +33,11 @@ namespace velt_testing {
 struct RetryHooks {
     static inline std::function<int(pollfd*, nfds_t, int)> poll;
     static inline std::function<void()> beforeLock;
-    static inline bool readingFails = false;  // of directories
-    static inline long monotonicMs = 0;       // what the steady clock shows, which a sleep moves; 0: the system's
+    static inline bool readingFails = false;    // of directories
+    static inline long monotonicMs = 0;         // what the steady clock shows, which a sleep moves; 0: the system's
+    static inline std::atomic<int> waiting{0};  // permanent threads of a pool that came to wait for work
+    // What another thread does in the place of its wait for work, in which it hears nobody; its time is up behind that.
+    static inline std::function<void()> deafWait;
 };
 
 int RealPoll(pollfd* watched, int timeoutMs);

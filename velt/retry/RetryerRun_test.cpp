@@ -399,6 +399,48 @@ TEST_F(RetryWorker, WalkThatAFullPoolHoldsUpSeesThatItsParentHasGone) {
     }));
 }
 
+// The thread retires in the moment in which it is told of the third file, behind the walk: another one is started while
+// the walks rest, which may be for hours. The first session holds its own thread until the third has run.
+TEST_F(RetryWorker, RestHasAThreadForWhatNobodyWasWokenFor) {
+    Put("smtpretryer", "MaxConncurrent", FakeValue::Unsigned(2));
+    Put("smtpretryer", "ScanInterval", FakeValue::Unsigned(65535));
+    m_loop = Loop();
+    for (char const* const name : {"b.rmd", "c.rmd"}) Wait(name);
+    m_proxy->m_proxyIdleTimeout = 900;
+    EXPECT_TRUE(InChild([this] {
+        static Door third, resting;
+        static std::atomic<int> running{0}, deaf{0};
+        s_run = [] {
+            int const which = ++running;
+            if (which == 1) third.WaitSome();
+            if (which == 3) third.Open();
+        };
+        RetryHooks::deafWait = [] {
+            ++deaf;
+            resting.Wait();
+        };
+        RetryHooks::beforeLock = [] {  // of each file, before it is queued
+            if (s_made.empty()) velt_testing::Eventually([] { return RetryHooks::waiting == 1; });
+            if (s_made.size() == 1) velt_testing::Eventually([] { return running == 1; });
+            if (s_made.size() != 2) return;
+            velt_testing::Eventually([] { return deaf == 1; });
+            RetryHooks::poll = [](pollfd* watched, nfds_t, int timeoutMs) {
+                if (timeoutMs != 0) resting.Open();
+                return velt_testing::RealPoll(watched, std::min(timeoutMs, 1));
+            };
+        };
+        m_loop->PostForkInit();
+        bool ran = false;
+        std::thread watcher([&ran] {
+            ran = third.WaitSome();
+            ServiceLoop::shutdown = true;
+        });
+        m_loop->Run();
+        watcher.join();
+        return ran;
+    }));
+}
+
 TEST_F(RetryWorker, LongWalkEndsOnceItsParentHasGone) {
     for (char const* const name : {"b.rmd", "c.rmd", "d.rmd"}) Wait(name);
     EXPECT_TRUE(InChild([this] {
