@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <optional>
 
@@ -159,6 +160,18 @@ TEST_F(Keepings, WhatIsHeldAndCannotBeTakenBackIsToldOf) {
     ExpectLeft(m_settings->keep.quarantine + "a1.rmd");
     EXPECT_EQ(Count().storesFailed.value() - failed, 1u);
     EXPECT_EQ(m_events.Count(events::STORE_FAILED), 0u) << "it was kept";
+}
+
+TEST_F(Keepings, ANotificationThatIsThereIsNotWrittenAgainAndIsFlushedBeforeItCountsAsTold) {
+    ASSERT_TRUE(Tell());
+    std::ofstream(Told()) << "as somebody has it locked";
+    Disk::flushed = 0;
+    EXPECT_TRUE(Tell());
+    EXPECT_EQ(Disk::flushed, 1u);
+    EXPECT_EQ(fs::file_size(Told()), 25u);
+    Disk::flushes = false;
+    EXPECT_FALSE(Tell()) << "a loss of power may take its name";
+    EXPECT_TRUE(fs::exists(Told()));
 }
 
 }  // namespace
