@@ -1,6 +1,5 @@
 #include "Keeping.h"
 
-#include <unistd.h>
 #include <velt/Config.h>
 #include <velt/scanning/EngineVersions.h>
 #include <velt/scanning/ScannerServer.h>
@@ -30,10 +29,10 @@ bool HasScanServers(VELT::Config& config) {
                                   kScanServers.attribute(loader));
 }
 
-void ReportNotStored(KeptFrom const& from, RetryDraft const& draft, std::string const& why) {
+void ReportNotStored(KeptFrom const& from, std::string const& path, std::string const& why) {
     ++Count().storesFailed;
     from.session.Note(events::STORE_FAILED, [&](KORlog::InfoBag& bag) {
-        bag |= names::FILE(from.settings.keep.directory + draft.name + kRetrySuffix);
+        bag |= names::FILE(path);
         bag |= names::FINDING(why);
     });
 }
@@ -61,8 +60,9 @@ bool Store(KeptFrom const& from, std::vector<RetryDraft> const& drafts) {
     bool const stored = StoreRetryFiles(from.settings.keep.directory, drafts, &left);
     std::string const why = stored ? "" : std::strerror(errno);
     for (RetryDraft const& draft : drafts) {
-        stored ? ReportKept(from, draft) : ReportNotStored(from, draft, why);
-        if (left) ReportNotUndone(from, from.settings.keep.directory + draft.name + kRetrySuffix, left);
+        std::string const path = from.settings.keep.directory + draft.name + kRetrySuffix;
+        stored ? ReportKept(from, draft) : ReportNotStored(from, path, why);
+        if (left) ReportNotUndone(from, path, left);
     }
     return stored;
 }
@@ -115,6 +115,15 @@ void KeepTogether(KeptFrom const& from, Message const& message, std::vector<Deli
     for (std::size_t const member : waiting) fates[member].kind = RecipientFate::Kind::Kept;
 }
 
+// By a file that is there already. Whoever wrote it may have ended before its name was on disk. One that was taken back
+// goes at the next walk, and is not written over: whoever removes it would remove the other one.
+bool IsToldBy(KeptFrom const& from, std::string const& path, Found found) {
+    if (found == Found::File && FlushDirectory(from.settings.keep.directory)) return true;
+    bool const undone = found == Found::Undone;
+    ReportNotStored(from, path, undone ? "what was taken back of it is still there" : std::strerror(errno));
+    return false;
+}
+
 }  // namespace
 
 RetryEnvelope EnvelopeOf(KeptFrom const& from) {
@@ -150,8 +159,8 @@ void KeepRest(KeptFrom const& from, Message const& message, std::vector<Delivery
 bool KeepNotification(KeptFrom const& from, Message const& message, std::string const& text, std::string const& name,
                       bool unsure) {
     std::string const path = from.settings.keep.directory + name + kRetrySuffix;
-    // Whoever wrote it may have ended before its name was on disk.
-    if (::access(path.c_str(), F_OK) == 0) return FlushDirectory(from.settings.keep.directory);
+    Found const found = LookFor(path);
+    if (found != Found::Nothing) return IsToldBy(from, path, found);
     RetryDraft draft;
     draft.name = name;
     draft.envelope = EnvelopeOf(from);

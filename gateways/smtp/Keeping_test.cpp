@@ -1,5 +1,6 @@
 #include "Keeping.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,6 +18,7 @@
 #include <velt/runtime/Proxy.h>
 
 #include "Quarantine.h"
+#include "RetryFile.h"
 #include "SmtpCounters.h"
 #include "SmtpEvents.h"
 
@@ -101,6 +103,10 @@ protected:
     bool Tell() { return KeepNotification(From(), m_message, "Subject: sorry\r\n\r\n", "a1.report", false); }
     std::string Told() const { return m_settings->keep.directory + "a1.report.rmd"; }
 
+    static std::unique_ptr<RetryFile> Open(std::string const& path) {
+        return std::make_unique<RetryFile>(::open(path.c_str(), O_RDWR | O_CLOEXEC), path);
+    }
+
     bool Hold() {
         std::vector<Verdict> verdicts(1);
         verdicts.front().fate = Verdict::Fate::Hold;
@@ -172,6 +178,40 @@ TEST_F(Keepings, ANotificationThatIsThereIsNotWrittenAgainAndIsFlushedBeforeItCo
     Disk::flushes = false;
     EXPECT_FALSE(Tell()) << "a loss of power may take its name";
     EXPECT_TRUE(fs::exists(Told()));
+    EXPECT_EQ(m_events.Count(events::STORE_FAILED), 1u);
+}
+
+// It says that nobody waits, as one does that was delivered.
+TEST_F(Keepings, ANotificationThatWasTakenBackDoesNotCountAsTold) {
+    Disk::flushes = Disk::removes = false;
+    EXPECT_FALSE(Tell());
+    Disk::Mend();
+    ASSERT_TRUE(fs::exists(Told()));
+    EXPECT_FALSE(Tell());
+    EXPECT_EQ(m_events.Count(events::STORE_FAILED), 2u);
+    {
+        auto const left = Open(Told());
+        ASSERT_EQ(left->Read(), RetryFault::None);
+        EXPECT_FALSE(left->status().waits());
+        EXPECT_TRUE(left->Remove()) << "as a retryer does";
+    }
+    EXPECT_TRUE(Tell());
+    auto const file = Open(Told());
+    ASSERT_EQ(file->Read(), RetryFault::None);
+    EXPECT_TRUE(file->status().waits());
+}
+
+TEST_F(Keepings, ANotificationThatWasSentAndIsStillThereCountsAsTold) {
+    ASSERT_TRUE(Tell());
+    {
+        auto const file = Open(Told());
+        ASSERT_EQ(file->Read(), RetryFault::None);
+        RetryStatus status = file->status();
+        status.tries = 1;
+        status.recipients = {RetryStatus::Recipient::Delivered};
+        ASSERT_TRUE(file->Note(status));
+    }
+    EXPECT_TRUE(Tell());
 }
 
 }  // namespace

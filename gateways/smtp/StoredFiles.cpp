@@ -1,6 +1,7 @@
 #include "StoredFiles.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,6 +15,9 @@ namespace smtp {
 namespace {
 
 using State = RetryStatus::Recipient;
+
+constexpr mode_t kMode = S_IRUSR | S_IWUSR;
+constexpr mode_t kUndone = S_IXUSR;
 
 // One of the open file. It goes with the descriptor, and is not to be given up before: closing takes along what the
 // process has locked by lockf meanwhile.
@@ -74,7 +78,7 @@ bool StoredFiles::Store(std::vector<RetryDraft> const& drafts) {
 bool StoredFiles::Write(RetryDraft const& draft) {
     m_files.push_back({-1, m_directory + draft.name + kUnfinishedSuffix, {}, draft.status.recipients.size()});
     File& file = m_files.back();
-    file.fd = ::open(file.path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
+    file.fd = ::open(file.path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kMode);
     return file.fd >= 0 && LockOpenFile(file.fd) && WriteAll(file.fd, draft, file.layout);
 }
 
@@ -101,14 +105,15 @@ bool StoredFiles::Remove() const {
     return removed && (!m_named || FlushDirectory(m_directory));
 }
 
-// In the slot that does not hold.
+// In the slot that does not hold. Before it does the mode is another: nobody takes it for one that was delivered.
 bool StoredFiles::SayNobodyWaits() const {
     bool said = true;
     for (File const& file : m_files) {
         RetryStatus status;
         status.sequence = 1;
         status.recipients.assign(file.recipients, State::Failed);
-        said &= WriteAt(file.fd, WriteSlot(status), file.layout.slot(1)) && Flush(file.fd);
+        said &= ::fchmod(file.fd, kMode | kUndone) == 0 && WriteAt(file.fd, WriteSlot(status), file.layout.slot(1)) &&
+                Flush(file.fd);
     }
     return said;
 }
@@ -118,6 +123,12 @@ void StoredFiles::LetGo() {
         if (file.fd >= 0) ::close(file.fd);
     }
     m_files.clear();
+}
+
+Found LookFor(std::string const& path) {
+    struct stat facts {};
+    if (::stat(path.c_str(), &facts) != 0) return Found::Nothing;
+    return facts.st_mode & kUndone ? Found::Undone : Found::File;
 }
 
 bool StoreRetryFiles(std::string const& directory, std::vector<RetryDraft> const& drafts, int* left) {

@@ -59,6 +59,16 @@ private:
     int m_left = 0;
 };
 
+enum class Found {
+    Nothing,
+    File,
+    Undone,  // a file that was to be undone and could not be removed: nobody waits for it, nor did anybody get it
+};
+
+// What there is at `path`. The mode of a file says whether it was undone, as well as its status: to open and close a
+// file would give up the lock by which a session of this process may hold it.
+Found LookFor(std::string const& path);
+
 // For files that their writer has done with once they are there. `left`: as StoredFiles says of it.
 bool StoreRetryFiles(std::string const& directory, std::vector<RetryDraft> const& drafts, int* left = nullptr);
 
