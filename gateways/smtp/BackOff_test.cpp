@@ -173,6 +173,17 @@ TEST(BackOffPatience, ThatIsOverForLongIsSilence) {
     EXPECT_EQ(backOff.AskPatiently("a", 600s, Never), Answer::Busy) << "of longer patience";
 }
 
+// Where each may take so long, nobody can say how long one waits for all of them.
+TEST(BackOffPatience, ThatIsOverForLongWithAllUnknownOnesTogetherIsSilenceToo) {
+    BackOff backOff(2);
+    for (char const* const one : {"a", "b"}) ASSERT_EQ(backOff.Ask(one, 1000), Answer::Go);
+    EXPECT_EQ(backOff.AskPatiently("c", 1ms, Never), Answer::Busy);
+    EXPECT_EQ(backOff.AskPatiently("d", 600s, Never), Answer::Busy) << "not for long yet";
+    EXPECT_EQ(backOff.AskPatiently("d", 1ms, Never), Answer::Silent) << "a step of the wait is long enough";
+    backOff.Tell("a", Outcome::Failed, 1000, kLimits);
+    EXPECT_EQ(backOff.AskPatiently("d", 600s, Never), Answer::Go);
+}
+
 TEST(BackOffPatience, IsLessWithADestinationThatFailed) {
     BackOff backOff(3);
     backOff.Tell("a", Outcome::Failed, BackOff::Now() - 1000, kLimits);
