@@ -105,6 +105,15 @@ class DeferredCase(SmtpCase):
         return dict((line.split()[0], int(line.split()[-1])) for line in told.stdout.splitlines() if line.split())
 
     @staticmethod
+    def is_locked(path):
+        with open(path, "r+b") as file:
+            try:
+                fcntl.lockf(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
+            except OSError:
+                return True
+        return False
+
+    @staticmethod
     def rewrite(path, pattern, other):
         """The envelope of a file with something of the same length in it, as nobody who reads the file can tell."""
         with open(path, "r+b") as file:

@@ -18,6 +18,7 @@ from smtp_case import (BOARD, DEFERRED, ENGINE_FAILED, NOTIFIED, NOT_NOTIFIED, P
                        SCAN_FAILED, SENDER, STAFF, VIRUS, body)
 
 WORKER = (10000, 54)
+STOP = 3.0  # seconds, below the patience of a mail with others of its destination
 
 
 class Kept(DeferredCase):
@@ -323,6 +324,39 @@ class Retried(DeferredCase):
         self.assertIn(stopped[0], processes)
         self.assertEqual(len(set(processes)), 2)
         self.assertEqual(self.counters()["smtp.retries"], 2)
+
+    @staticmethod
+    def hears_its_monitor(worker):
+        return any(target.startswith("pipe:") for target in harness.descriptors(worker).values())
+
+    def test_stop_waits_for_the_try_that_is_under_way_and_not_for_mail_behind_it(self):
+        self.begin(smtpretryer={"MaxConncurrent": 1, "RetryInterval": 600})
+        written = {f"{name}.rmd": rmd(name) for name in ("one", "other")}
+        stopped = []
+
+        def stop(_):
+            harness.wait_until(lambda: all(self.is_locked(self.directory / name) for name in written), "both taken")
+            [worker] = retryer.workers()
+            for process in (retryer.pid, worker):
+                os.kill(process, signal.SIGHUP)
+            harness.wait_until(lambda: not self.hears_its_monitor(worker), "a worker that stops")
+            stopped.append((worker, time.monotonic()))
+            return "250 2.1.0 ok"
+        self.sink.replies = {"MAIL": stop}
+        for name, content in written.items():
+            (self.directory / name).write_bytes(content)
+        retryer = self.retryer()
+        self.assertEqual(retryer.wait(), 0)
+        harness.wait_until(lambda: stopped, "the try that is under way")
+        [(worker, since)] = stopped
+        self.wait_gone(worker)
+        took = time.monotonic() - since
+        print(f"\nwith a mail behind another one: stopped after {took:.1f} s", flush=True)
+        self.assertLess(took, harness.bound(STOP))
+        (left,) = self.waiting()
+        self.assertEqual((self.directory / left).read_bytes(), written[left])
+        self.assertFalse(self.is_locked(self.directory / left))
+        self.assertEqual(len(self.sink.messages), 1)
 
     def test_nobody_is_told_of_a_notification_that_is_given_up(self):
         self.begin(smtp={"GiveUpAfter": 2})

@@ -1,5 +1,4 @@
 """Mail that policy says to keep: it goes into quarantine with its verdict, and what else is in the message goes on."""
-import fcntl
 import re
 import stat
 import unittest
@@ -213,15 +212,6 @@ class Retryer(DeferredCase):
         (held,) = self.held()
         self.assertFalse(self.is_locked(self.quarantine / held))
         self.assertEqual(self.waiting(), [name])
-
-    @staticmethod
-    def is_locked(path):
-        with open(path, "r+b") as file:
-            try:
-                fcntl.lockf(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
-            except OSError:
-                return True
-        return False
 
     def test_mail_that_a_retryer_cannot_put_into_quarantine_waits_on(self):
         self.begin()
