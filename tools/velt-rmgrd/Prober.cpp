@@ -38,7 +38,7 @@ void Prober::Stop(int resource) {
     m_changed.notify_all();
 }
 
-std::deque<Finding> Prober::TakeFindings() {
+std::vector<Finding> Prober::TakeFindings() {
     std::lock_guard const hold(m_lock);
     return std::exchange(m_findings, {});
 }

@@ -5,12 +5,12 @@
 #pragma once
 
 #include <condition_variable>
-#include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "Farm.h"
 
@@ -34,7 +34,7 @@ public:
 
     void Start(int resource, ServerFacts const& facts);
     void Stop(int resource);  // a look that goes on takes what it takes, and is still found
-    std::deque<Finding> TakeFindings();
+    std::vector<Finding> TakeFindings();
 
     void Retry(double now);    // those that had no thread
     double NextRetry() const;  // when it is due; very late where none is
@@ -57,7 +57,7 @@ private:
 
     std::mutex m_lock;  // guards all below
     std::condition_variable m_changed;
-    std::deque<Finding> m_findings;
+    std::vector<Finding> m_findings;
     std::set<int> m_looking;  // resources whose thread goes on
     int m_threads = 0;        // that have not ended
     bool m_ending = false;
