@@ -1,15 +1,16 @@
 #include "Prober.h"
 
 #include <gtest/gtest.h>
-#include <sys/syscall.h>
+#include <pthread.h>
 
 #include <atomic>
-#include <cerrno>
+#include <cstddef>
 #include <limits>
+#include <memory>
+#include <string>
+#include <vector>
 
 #include "Now.h"
-#include "testing/Child.h"
-#include "testing/RefusedCalls.h"
 #include "testing/Waiting.h"
 
 using namespace rmgrd;
@@ -45,6 +46,27 @@ protected:
     ServerFacts facts;
     std::vector<Finding> findings;
     std::unique_ptr<Prober> prober;
+};
+
+// For as long as this lives no thread can be started: none has room for its stack.
+class NoRoomForStacks {
+public:
+    NoRoomForStacks() {
+        ::pthread_getattr_default_np(&m_before);
+        ::pthread_getattr_default_np(&m_huge);
+        EXPECT_EQ(::pthread_attr_setstacksize(&m_huge, std::size_t{1} << 50), 0);
+        EXPECT_EQ(::pthread_setattr_default_np(&m_huge), 0);
+    }
+    ~NoRoomForStacks() {
+        EXPECT_EQ(::pthread_setattr_default_np(&m_before), 0);
+        ::pthread_attr_destroy(&m_huge);
+        ::pthread_attr_destroy(&m_before);
+    }
+    NoRoomForStacks(NoRoomForStacks const&) = delete;
+    NoRoomForStacks& operator=(NoRoomForStacks const&) = delete;
+
+private:
+    pthread_attr_t m_before, m_huge;
 };
 
 }  // namespace
@@ -91,23 +113,26 @@ TEST_F(ProberTest, EndsWhileALookGoesOnWhereItIsToldNotToWait) {
     EXPECT_TRUE(prober->End(kPatienceSeconds));
 }
 
-// The system starts no thread in this child, and there is no way back: the next try fails like the first.
 TEST_F(ProberTest, TriesAgainLaterWhereNoThreadCanBeStarted) {
-    if (!CanRefuse()) GTEST_SKIP() << "the system refuses no calls";
-    EXPECT_TRUE(InChild([this] {
-        Make(60);
-        RefuseCall(SYS_clone3, EAGAIN);
-        RefuseCall(SYS_clone, EAGAIN);
+    Make(60);
+    std::string const problem = "cannot be probed, as no thread can be started";
+    {
+        NoRoomForStacks const none;
         double const before = Now();
         prober->Start(1, facts);
-        bool good = wakes == 1 && prober->TakeFindings().size() == 1;
+        EXPECT_TRUE(Finds(1, problem));
         double const due = prober->NextRetry();
-        good = good && due >= before + 60 && due <= Now() + 60;
+        EXPECT_GE(due, before + 60);
+        EXPECT_LE(due, Now() + 60);
         prober->Retry(due - 1);
-        good = good && wakes == 1 && prober->NextRetry() == due;
+        EXPECT_EQ(wakes, 1) << "it is not due yet";
         prober->Retry(due);
-        good = good && wakes == 2 && prober->NextRetry() != due;
-        prober->Stop(1);
-        return good && prober->NextRetry() == kNever;
-    }));
+        EXPECT_EQ(wakes, 2);
+        prober->Start(2, facts);
+        prober->Stop(2);
+    }
+    EXPECT_EQ(looks, 0);
+    prober->Retry(prober->NextRetry());
+    EXPECT_TRUE(Finds(1, ""));
+    EXPECT_EQ(prober->NextRetry(), kNever) << "the other has been stopped";
 }
