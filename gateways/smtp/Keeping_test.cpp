@@ -32,10 +32,17 @@ struct Disk {
     static inline bool writesStatus = true;
     static inline bool named = false;
     static inline unsigned flushed = 0;  // directories
+    static inline bool marked = false;   // a file that is executable, which is on disk
+    static inline bool early = false;    // its status was written before
 
     static void Mend() {
         flushes = removes = writesStatus = true;
         flushed = 0;
+        marked = early = false;
+    }
+    static mode_t ModeOf(int fd) {
+        struct stat facts {};
+        return ::fstat(fd, &facts) == 0 ? facts.st_mode : 0;
     }
     static int Fail() { return errno = EIO, -1; }
 };
@@ -49,11 +56,13 @@ int __real_rename(char const* from, char const* to);
 int __real_unlink(char const* path);
 
 ssize_t __wrap_pwrite(int fd, void const* data, size_t length, off_t at) {
+    Disk::early |= (Disk::ModeOf(fd) & S_IXUSR) != 0 && !Disk::marked;
     return Disk::named && !Disk::writesStatus ? Disk::Fail() : __real_pwrite(fd, data, length, at);
 }
 int __wrap_fsync(int fd) {
-    struct stat facts {};
-    if (::fstat(fd, &facts) != 0 || !S_ISDIR(facts.st_mode)) return __real_fsync(fd);
+    mode_t const mode = Disk::ModeOf(fd);
+    Disk::marked |= S_ISREG(mode) && (mode & S_IXUSR) != 0;
+    if (!S_ISDIR(mode)) return __real_fsync(fd);
     ++Disk::flushed;
     return Disk::flushes ? __real_fsync(fd) : Disk::Fail();
 }
@@ -185,6 +194,8 @@ TEST_F(Keepings, ANotificationThatIsThereIsNotWrittenAgainAndIsFlushedBeforeItCo
 TEST_F(Keepings, ANotificationThatWasTakenBackDoesNotCountAsTold) {
     Disk::flushes = Disk::removes = false;
     EXPECT_FALSE(Tell());
+    EXPECT_TRUE(Disk::marked);
+    EXPECT_FALSE(Disk::early) << "a loss of power in between leaves one that counts as told and goes";
     Disk::Mend();
     ASSERT_TRUE(fs::exists(Told()));
     EXPECT_FALSE(Tell());
@@ -195,6 +206,17 @@ TEST_F(Keepings, ANotificationThatWasTakenBackDoesNotCountAsTold) {
         EXPECT_FALSE(left->status().waits());
         EXPECT_TRUE(left->Remove()) << "as a retryer does";
     }
+    EXPECT_TRUE(Tell());
+    auto const file = Open(Told());
+    ASSERT_EQ(file->Read(), RetryFault::None);
+    EXPECT_TRUE(file->status().waits());
+}
+
+TEST_F(Keepings, ANotificationThatCouldNotBeTakenBackWaitsAndCountsAsTold) {
+    Disk::flushes = Disk::removes = Disk::writesStatus = false;
+    EXPECT_FALSE(Tell());
+    EXPECT_EQ(m_events.Count(events::UNDO_FAILED), 1u);
+    Disk::Mend();
     EXPECT_TRUE(Tell());
     auto const file = Open(Told());
     ASSERT_EQ(file->Read(), RetryFault::None);

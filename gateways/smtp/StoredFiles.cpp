@@ -105,15 +105,21 @@ bool StoredFiles::Remove() const {
     return removed && (!m_named || FlushDirectory(m_directory));
 }
 
-// In the slot that does not hold. Before it does the mode is another: nobody takes it for one that was delivered.
+// In the slot that does not hold. Before it does the mode is another, also on disk: nobody takes it for one that was
+// delivered. A file that waits all the same has its mode back, as it will be.
 bool StoredFiles::SayNobodyWaits() const {
     bool said = true;
     for (File const& file : m_files) {
         RetryStatus status;
         status.sequence = 1;
         status.recipients.assign(file.recipients, State::Failed);
-        said &= ::fchmod(file.fd, kMode | kUndone) == 0 && WriteAt(file.fd, WriteSlot(status), file.layout.slot(1)) &&
-                Flush(file.fd);
+        bool const marked = ::fchmod(file.fd, kMode | kUndone) == 0;
+        bool const flushed = marked && Flush(file.fd);
+        bool const written = marked && WriteAt(file.fd, WriteSlot(status), file.layout.slot(1));
+        int const error = errno;
+        if (marked && !written) ::fchmod(file.fd, kMode);
+        errno = error;
+        said &= flushed && written && Flush(file.fd);
     }
     return said;
 }
