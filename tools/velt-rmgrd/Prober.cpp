@@ -59,17 +59,18 @@ double Prober::NextRetry() const {
 }
 
 void Prober::LookForEver(int resource, ServerFacts const& facts) {
-    for (;;) {
+    std::unique_lock hold(m_lock);
+    auto const isOver = [&] { return m_ending || !m_looking.contains(resource); };
+    while (!isOver()) {
+        hold.unlock();
         std::string problem = m_probe(facts);
-        std::unique_lock hold(m_lock);
+        hold.lock();
         m_findings.push_back({resource, std::move(problem)});
         m_wake();
-        auto const isOver = [&] { return m_ending || !m_looking.contains(resource); };
-        if (!m_changed.wait_for(hold, std::chrono::seconds(m_interval), isOver)) continue;
-        --m_threads;
-        m_changed.notify_all();
-        return;
+        m_changed.wait_for(hold, std::chrono::seconds(m_interval), isOver);
     }
+    --m_threads;
+    m_changed.notify_all();
 }
 
 void Prober::BeginToEnd() {

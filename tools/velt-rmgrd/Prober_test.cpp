@@ -97,6 +97,14 @@ TEST_F(ProberTest, LooksNoMoreAtOneThatIsStopped) {
     for (Finding const& one : prober->TakeFindings()) EXPECT_EQ(one.resource, 2);
 }
 
+TEST_F(ProberTest, LooksAtNobodyWhoComesBehindTheEnd) {
+    Make(60);
+    prober->BeginToEnd();
+    prober->Start(1, facts);
+    EXPECT_TRUE(prober->End(kPatienceSeconds));
+    EXPECT_EQ(looks, 0);
+}
+
 TEST_F(ProberTest, EndsWhileALookGoesOnWhereItIsToldNotToWait) {
     Door begun, done;
     prober = std::make_unique<Prober>(
