@@ -212,9 +212,12 @@ bool ScannerConn::send_request(std::string const& block) {
 bool ScannerConn::send_setup(scan_requests::Setup const& setup) {
     scan_requests::Body body(*stream);
     errno = 0;
-    body.Begin(scan_requests::SetupBlock(setup));
+    int error = body.Begin(scan_requests::SetupBlock(setup));
     SerializedEFabricResult::serialize(&body, "scan_properties", &context->properties);
-    int const error = setup.filename.empty() ? body.WriteContent(*context->data, setup.size) : body.Send();
+    if (setup.filename.empty())
+        error = body.WriteContent(*context->data, setup.size);
+    else
+        body.Send();  // what becomes of the section shows when the answer is read
     if (error != 0) report_failure(error);
     return error == 0;
 }
