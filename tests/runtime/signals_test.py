@@ -1,4 +1,5 @@
 """What each signal does to each process, as the table of docs/operating.md has it."""
+import contextlib
 import os
 import pathlib
 import signal
@@ -33,8 +34,9 @@ class Service(echo_case.EchoCase):
     def end_service(self):
         """From the top: whoever runs a little longer would start again what has ended below."""
         for pid in (self.supervisor, *self.service.monitors(), *self.root.processes()):
-            if pid in self.root.processes():
-                os.kill(pid, signal.SIGKILL)
+            with contextlib.suppress(ProcessLookupError):  # a worker ends by itself when its monitor has gone
+                if pid in self.root.processes():
+                    os.kill(pid, signal.SIGKILL)
 
     def assert_served(self):
         with self.connect() as client:
