@@ -83,6 +83,9 @@ TEST_F(RemoteSetup, IsTheseBytesAndTheHeaderBlockLeavesInOneWrite) {
     EXPECT_EQ(TakeSent(), (std::vector<std::string>{
                               "get setup_scan\nprotocol smtp\ntime 1700000000\nsize 12\npolicy content_in\n\n",
                               section + "hello\nworld\n", kScan, kStasis}));
+    EXPECT_EQ(
+        TakeHeldBack(),
+        (std::vector<std::string>{"get setup_scan\nprotocol smtp\ntime 1700000000\nsize 12\npolicy content_in\n\n"}));
 }
 
 TEST_F(RemoteSetup, TellsALocalServerTheSpoolFileAndSendsNoContent) {

@@ -20,6 +20,7 @@ constexpr int kStepMs = 1000;  // of the wait for the answer to a scan, and of n
 constexpr int kShortStepMs = 5;
 
 thread_local std::vector<std::string> t_sent;
+thread_local std::vector<std::string> t_heldBack;
 thread_local std::vector<int> t_waits;
 thread_local int t_steps = 0;
 thread_local velt_testing::ScannerPeer* t_stalling = nullptr;
@@ -45,6 +46,7 @@ int WaitForStall(pollfd* watched, nfds_t count) {
 ssize_t __wrap_send(int fd, void const* data, size_t length, int flags) {
     velt_testing::SparedNew const notes;
     t_sent.emplace_back(static_cast<char const*>(data), length);
+    if (flags & MSG_MORE) t_heldBack.push_back(t_sent.back());
     return __real_send(fd, data, length, flags);
 }
 
@@ -65,6 +67,8 @@ namespace velt_testing {
 using namespace VELT;
 
 std::vector<std::string> TakeSent() { return std::exchange(t_sent, {}); }
+
+std::vector<std::string> TakeHeldBack() { return std::exchange(t_heldBack, {}); }
 
 std::vector<int> TakeWaits() { return std::exchange(t_waits, {}); }
 

@@ -23,6 +23,7 @@ namespace velt_testing {
 
 // What the test's thread has sent, one text for each call, since it last asked.
 std::vector<std::string> TakeSent();
+std::vector<std::string> TakeHeldBack();  // of it, what was to leave with what follows
 
 std::vector<int> TakeWaits();  // what each of its waits was bounded by, in milliseconds, likewise
 
