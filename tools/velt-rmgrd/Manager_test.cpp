@@ -709,7 +709,7 @@ TEST_F(ManagerSocket, ServesASearchBesideThousandsWhoSayNothing) {
     while (silent.size() < kSilent) {
         silent.push_back(Raw());
         Ask(silent.back(), manager::kOpen, 1);
-        EXPECT_EQ(Answered(silent.back()).result, 0);
+        ASSERT_EQ(Answered(silent.back()).result, 0);
     }
     for (int i = 0; i < 20; ++i) EXPECT_EQ(WaitAnew(first), 1);
     EXPECT_TRUE(std::all_of(silent.begin(), silent.end(), IsSilent)) << "they are still connected";
